@@ -1,0 +1,36 @@
+// The debug log: the one way in which the daemon reports anything. Lines go to standard output, to a
+// file under /tmp, or both.
+#ifndef KESTREL_CORE_DEBUG_LOG_H
+#define KESTREL_CORE_DEBUG_LOG_H
+
+namespace kestrel {
+
+/// What the log writes, bit by bit: 1 to standard output, 4 to the log file. Set once at start-up.
+extern int DbgLevel;
+
+constexpr int debug_console = 1;
+constexpr int debug_file = 4;
+
+/// The current log file, of at most 1000 lines, and the one before it.
+constexpr char debug_log_path[] = "/tmp/kestreld_log.txt";
+constexpr char debug_log_old_path[] = "/tmp/kestreld_log.old";
+constexpr int debug_log_max_lines = 1000;
+
+/// Logs "KLOG" and the formatted text. Returns 0 always.
+///
+/// The formatter is the log's own: "%d" takes an int, "%s" a text, "%c" a character. A '%' before
+/// anything else prints nothing and takes no argument, and what follows is read as if the '%' had not
+/// been there: "%lu" prints "lu", "%8.8d" prints "8.8d", "%%" starts a directive anew. The line holds
+/// 2047 characters and one "%s" 1535; what is longer is cut.
+///
+/// Any thread and any signal handler may call: it is async-signal-safe, takes no lock and keeps errno.
+/// Lines of two threads may mix or rotate the file twice.
+[[gnu::format(printf, 1, 2)]] int debug_log(const char* format, ...);
+
+/// Prints to standard output, whatever DbgLevel is, with the same formatter and without "KLOG".
+/// Async-signal-safe; keeps errno.
+[[gnu::format(printf, 1, 2)]] void print_console(const char* format, ...);
+
+}  // namespace kestrel
+
+#endif
