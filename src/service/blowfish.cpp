@@ -1,0 +1,114 @@
+// Blowfish and CFB-8, see blowfish.h.
+#include "service/blowfish.h"
+
+#include <cstring>
+#include <utility>
+
+namespace kestrel {
+
+namespace {
+
+constexpr std::uint32_t initial_words[] = {
+#include "service/blowfish_pi.inc"
+};
+static_assert(sizeof(initial_words) == sizeof(BlowfishState));
+
+constexpr int rounds = 16;
+
+std::uint32_t feistel(const BlowfishState& state, std::uint32_t x) {
+  return ((state.s[0][x >> 24] + state.s[1][(x >> 16) & 0xFF]) ^ state.s[2][(x >> 8) & 0xFF]) + state.s[3][x & 0xFF];
+}
+
+std::uint32_t load_big_endian(const unsigned char* bytes) {
+  return static_cast<std::uint32_t>(bytes[0]) << 24 | static_cast<std::uint32_t>(bytes[1]) << 16 |
+         static_cast<std::uint32_t>(bytes[2]) << 8 | static_cast<std::uint32_t>(bytes[3]);
+}
+
+void store_big_endian(unsigned char* bytes, std::uint32_t word) {
+  for (int i = 0; i < 4; ++i) bytes[i] = static_cast<unsigned char>(word >> (24 - 8 * i));
+}
+
+/// Overwrites `words` in pairs with the running cipher of the schedule.
+void fill_by_cipher(BlowfishState* state, std::uint32_t* words, std::size_t count, std::uint32_t* left,
+                    std::uint32_t* right) {
+  for (std::size_t i = 0; i < count; i += 2) {
+    bf_encipher(state, left, right);
+    words[i] = *left;
+    words[i + 1] = *right;
+  }
+}
+
+enum class Direction { encrypt, decrypt };
+
+void cfb8(Direction direction, unsigned char* buffer, std::int32_t len, const unsigned char* key, int key_len,
+          const unsigned char* iv, int iv_len) {
+  if (iv_len != static_cast<int>(blowfish_block_len) || key_len < 1) return;
+  BlowfishState state;
+  bf_key_schedule(&state, key, static_cast<std::int16_t>(key_len));
+  unsigned char shift[blowfish_block_len];
+  unsigned char scratch[blowfish_block_len];
+  std::memcpy(shift, iv, sizeof(shift));
+  for (std::int32_t i = 0; i < len; ++i) {
+    std::memcpy(scratch, shift, sizeof(scratch));
+    bf_encrypt_block(&state, scratch);
+    const unsigned char in = buffer[i];
+    buffer[i] = static_cast<unsigned char>(in ^ scratch[0]);
+    std::memmove(shift, shift + 1, sizeof(shift) - 1);
+    shift[sizeof(shift) - 1] = direction == Direction::encrypt ? buffer[i] : in;
+  }
+}
+
+}  // namespace
+
+void bf_key_schedule(BlowfishState* state, const unsigned char* key, std::int16_t key_len) {
+  std::memcpy(state, initial_words, sizeof(*state));
+  if (key_len < 1) return;
+  int at = 0;
+  for (std::uint32_t& word : state->p) {
+    std::uint32_t four = 0;
+    for (int i = 0; i < 4; ++i) {
+      four = four << 8 | key[at];
+      at = (at + 1) % key_len;
+    }
+    word ^= four;
+  }
+  std::uint32_t left = 0;
+  std::uint32_t right = 0;
+  fill_by_cipher(state, state->p, blowfish_p_words, &left, &right);
+  for (auto& box : state->s) fill_by_cipher(state, box, blowfish_s_words, &left, &right);
+}
+
+void bf_encipher(const BlowfishState* state, std::uint32_t* left, std::uint32_t* right) {
+  std::uint32_t l = *left;
+  std::uint32_t r = *right;
+  for (int i = 0; i < rounds; ++i) {
+    l ^= state->p[i];
+    r ^= feistel(*state, l);
+    std::swap(l, r);
+  }
+  std::swap(l, r);
+  r ^= state->p[rounds];
+  l ^= state->p[rounds + 1];
+  *left = l;
+  *right = r;
+}
+
+void bf_encrypt_block(const BlowfishState* state, unsigned char* block) {
+  std::uint32_t left = load_big_endian(block);
+  std::uint32_t right = load_big_endian(block + 4);
+  bf_encipher(state, &left, &right);
+  store_big_endian(block, left);
+  store_big_endian(block + 4, right);
+}
+
+void bf_cfb8_encrypt(unsigned char* buffer, std::int32_t len, const unsigned char* key, int key_len,
+                     const unsigned char* iv, int iv_len) {
+  cfb8(Direction::encrypt, buffer, len, key, key_len, iv, iv_len);
+}
+
+void bf_cfb8_decrypt(unsigned char* buffer, std::int32_t len, const unsigned char* key, int key_len,
+                     const unsigned char* iv, int iv_len) {
+  cfb8(Direction::decrypt, buffer, len, key, key_len, iv, iv_len);
+}
+
+}  // namespace kestrel

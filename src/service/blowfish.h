@@ -1,0 +1,45 @@
+// Blowfish (B. Schneier, 1993), enciphering direction only, and the 8-bit cipher-feedback mode that the
+// service's bodies, the tokens and the refer file use.
+#ifndef KESTREL_SERVICE_BLOWFISH_H
+#define KESTREL_SERVICE_BLOWFISH_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kestrel {
+
+constexpr std::size_t blowfish_p_words = 18;
+constexpr std::size_t blowfish_s_boxes = 4;
+constexpr std::size_t blowfish_s_words = 256;
+constexpr std::size_t blowfish_block_len = 8;  // bytes
+
+/// The key-dependent state: the P-array, then the S-boxes.
+struct BlowfishState {
+  std::uint32_t p[blowfish_p_words];
+  std::uint32_t s[blowfish_s_boxes][blowfish_s_words];
+};
+static_assert(sizeof(BlowfishState) == 1042 * sizeof(std::uint32_t));
+
+/// Prepares `state` for a key of `key_len` bytes, taken cyclically. A length below 1 leaves the initial
+/// state without a key.
+void bf_key_schedule(BlowfishState* state, const unsigned char* key, std::int16_t key_len);
+
+/// Enciphers a pair of words in place.
+void bf_encipher(const BlowfishState* state, std::uint32_t* left, std::uint32_t* right);
+
+/// Enciphers a block of 8 bytes in place, read and written big-endian.
+void bf_encrypt_block(const BlowfishState* state, unsigned char* block);
+
+/// Enciphers `len` bytes in place in CFB-8 (NIST SP 800-38A, 6.3, s = 8). The length stays the same;
+/// any length is allowed. The key schedule runs for every call. Nothing happens when `iv_len` is not 8
+/// or `key_len` is below 1.
+void bf_cfb8_encrypt(unsigned char* buffer, std::int32_t len, const unsigned char* key, int key_len,
+                     const unsigned char* iv, int iv_len);
+
+/// The reverse of bf_cfb8_encrypt, with the same arguments.
+void bf_cfb8_decrypt(unsigned char* buffer, std::int32_t len, const unsigned char* key, int key_len,
+                     const unsigned char* iv, int iv_len);
+
+}  // namespace kestrel
+
+#endif

@@ -1,0 +1,104 @@
+// The service's body cipher, see body_cipher.h.
+#include "service/body_cipher.h"
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/debug_log.h"
+#include "core/text.h"
+#include "net/address.h"
+#include "platform/tessel.h"
+#include "service/blowfish.h"
+
+namespace kestrel {
+
+namespace {
+
+constexpr char first_secret[] = "4RkMCwa7tebVLzo2H";
+constexpr char second_secret[] = "quilmore";
+static_assert(sizeof(first_secret) - 1 == 17 && sizeof(second_secret) - 1 == 8);
+
+/// The longest plain body, padded; callers' arrays are smaller.
+constexpr std::size_t max_plain_len = 4096;
+
+constexpr std::size_t base64_len(std::size_t len) {
+  return 4 * ((len + 2) / 3);
+}
+
+template <std::size_t N>
+void update_with_text(MD5_CTX* md5, const char (&text)[N]) {
+  unsigned char bytes[N];
+  std::memcpy(bytes, text, N);
+  MD5Update(md5, bytes, N - 1);
+}
+
+const unsigned char* as_bytes(const char* text) {
+  return reinterpret_cast<const unsigned char*>(text);
+}
+
+}  // namespace
+
+void hex_encode_md5(const unsigned char digest[16], char out[md5_hex_len]) {
+  for (std::size_t i = 0; i < 16; ++i) {
+    out[2 * i] = hex_digits[digest[i] >> 4];
+    out[2 * i + 1] = hex_digits[digest[i] & 0x0F];
+  }
+  out[md5_hex_len - 1] = '\0';
+}
+
+void make_service_key(char key[service_key_len + 1]) {
+  MD5_CTX md5;
+  unsigned char digest[16];
+  MD5Init(&md5);
+  update_with_text(&md5, first_secret);
+  update_with_text(&md5, ":");
+  update_with_text(&md5, second_secret);
+  MD5Final(digest, &md5);
+  hex_encode_md5(digest, key);
+}
+
+int encipher_body(char* body, std::size_t size, const char* bodylen_format) {
+  unsigned char cipher[max_plain_len + blowfish_block_len];
+  const std::size_t plain_len = std::strlen(body);
+  if (plain_len > max_plain_len) {
+    body[0] = '\0';
+    return 0;
+  }
+  std::copy_n(body, plain_len, cipher);
+  auto len = static_cast<std::int32_t>(plain_len);
+  pad_to_block(cipher, &len);
+  char key[service_key_len + 1];
+  make_service_key(key);
+  debug_log(bodylen_format, len);
+  bf_cfb8_encrypt(cipher, len, as_bytes(key), service_key_len, cipher_iv, cipher_iv_len);
+  std::memset(body, 0, size);
+  if (base64_len(static_cast<std::size_t>(len)) >= size) return 0;
+  return b64_encode(cipher, static_cast<unsigned>(len), body);
+}
+
+char* decipher_body(const char* body, std::int32_t len) {
+  // One byte more than the text is long: whatever the decoder's exact bound, the plain text is shorter.
+  const auto size = static_cast<std::size_t>(len) + 4;
+  auto* plain = static_cast<char*>(std::calloc(size, 1));
+  if (plain == nullptr) return nullptr;
+  std::int32_t plain_len = b64_decode(body, static_cast<unsigned>(len), plain);
+  if (plain_len < 0) plain_len = 0;
+  if (plain_len > len) plain_len = len;
+  char key[service_key_len + 1];
+  make_service_key(key);
+  bf_cfb8_decrypt(reinterpret_cast<unsigned char*>(plain), plain_len, as_bytes(key), service_key_len, cipher_iv,
+                  cipher_iv_len);
+  plain[plain_len] = '\0';
+  return plain;
+}
+
+void random_digits6(char* out) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  format_text(out, random_digits_len + 1, "%6.6d", static_cast<int>(now.tv_usec));
+}
+
+}  // namespace kestrel

@@ -1,0 +1,56 @@
+// The connection report: the device's first-connection record, sent when it has changed. The finder
+// thread sends it, so nothing here is shared with the other requests.
+#include <cstring>
+
+#include "core/debug_log.h"
+#include "core/text.h"
+#include "platform/tesselcfg.h"
+#include "service/body_cipher.h"
+#include "service/post_body.h"
+#include "service/requests.h"
+#include "service/transaction.h"
+
+namespace kestrel {
+
+namespace {
+
+int leftover_socket = -1;
+
+constexpr Request report_request = {
+    .path = "/conn_report.html",
+    .method = "POST",
+    .challenge_uri = "/conn_report.html",
+    .send_len = 8192,
+    .log = log_of_reports,
+    .builder_trace = nullptr,
+    .name = "conn_report",
+    .after_send_failure = AfterSendFailure::receive,
+    .after_no_answer = AfterNoAnswer::leave_open,
+    .no_answer_result = request_no_answer,
+    .other_status_result = 0,
+    .leftover = &leftover_socket,
+};
+
+constexpr std::size_t plain_len = 4096;   // digits, XML and terminator
+constexpr std::size_t base64_len = 5632;  // 4 * (4096 + 8) / 3, and room
+
+}  // namespace
+
+int conn_report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report) {
+  char record[first_connection_len] = "";
+  srv_get_first_connection(record);
+  terminate(record);
+  if (std::strcmp(record, last_report) == 0) return request_ok;
+  // Before anything is sent, on purpose: a report that fails is not sent again until the record changes.
+  copy_text(last_report, first_connection_len, record);
+  char body[base64_len];
+  const int fits =
+      write_body(body, plain_len, "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n%s</ldev>\n", record);
+  debug_log("----------sz_xml_data packet----------\n");
+  debug_log("%s\n", body);
+  debug_log("----------end sz_xml_data-------------\n");
+  if (fits == 0 || encipher_body(body, sizeof(body), " ecnode bodylen=%d\n") == 0) return request_no_answer;
+  return run_exchange(*ctx, report_request, ctx->redir_ip, body, *auth, nullptr, nullptr);
+}
+
+}  // namespace kestrel

@@ -1,0 +1,86 @@
+// Connecting with a time limit, see connect.h.
+#include "service/connect.h"
+
+#include <fcntl.h>
+#include <sys/select.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "core/debug_log.h"
+
+namespace kestrel {
+
+namespace {
+
+/// Waits for the connection under way and tells its outcome, 0 or -1.
+int await_connection(int sock, int timeout_s) {
+  fd_set reads;
+  FD_ZERO(&reads);
+  FD_SET(sock, &reads);
+  fd_set writes = reads;
+  fd_set excepts = reads;
+  timeval limit{timeout_s, 0};
+  const int ready = select(sock + 1, &reads, &writes, &excepts, timeout_s != 0 ? &limit : nullptr);
+  if (ready == 0) {
+    errno = ETIMEDOUT;
+    debug_log(" WaitConnect timeout\n");
+    return -1;
+  }
+  if (ready < 0) {
+    debug_log(" select failed\n");
+    return -1;
+  }
+  if (!FD_ISSET(sock, &reads) && !FD_ISSET(sock, &writes)) {
+    debug_log(" connectfaied\n");
+    return -1;
+  }
+  int pending = 0;
+  socklen_t len = sizeof(pending);
+  if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &pending, &len) != 0) {
+    perror(" getsockopt");
+    return -1;
+  }
+  if (pending != 0) {
+    print_console(" Strange bug");
+    return -1;
+  }
+  debug_log(" Connect success\n");
+  return 0;
+}
+
+}  // namespace
+
+int SetNonBlock(int fd, int on) {
+  const int flags = fcntl(fd, F_GETFL);
+  const int wanted = on != 0 ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
+  return fcntl(fd, F_SETFL, wanted) == 0 ? 1 : 0;
+}
+
+int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s) {
+  if (sock >= FD_SETSIZE) return -1;
+  SetNonBlock(sock, 1);
+  errno = 0;
+  const int rc = connect(sock, addr, addrlen);
+  if (rc != 0 && errno != EINPROGRESS) {
+    debug_log("WaitConnect2 connect() errno=%d\n", errno);
+    return -1;
+  }
+  debug_log(" rc=%d errno=%d\n", rc, errno);
+  if (rc == 0) {
+    debug_log(" connect ok\n");
+  } else if (await_connection(sock, timeout_s) != 0) {
+    return -1;
+  }
+  SetNonBlock(sock, 0);
+  return 0;
+}
+
+void bound_exchange(int sock, int timeout_s) {
+  const timeval limit{timeout_s, 0};
+  setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+}
+
+}  // namespace kestrel

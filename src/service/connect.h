@@ -1,0 +1,23 @@
+// Connecting with a time limit, and what bounds an exchange after it.
+#ifndef KESTREL_SERVICE_CONNECT_H
+#define KESTREL_SERVICE_CONNECT_H
+
+#include <sys/socket.h>
+
+namespace kestrel {
+
+/// Sets (`on` non-zero) or clears O_NONBLOCK. Returns 1, or 0 when the descriptor does not take it.
+int SetNonBlock(int fd, int on);
+
+/// Connects a TCP socket within `timeout_s` seconds (0: no limit). Returns 0 when connected, the socket
+/// then blocking again; -1 otherwise (time-outs set errno to ETIMEDOUT). A descriptor that does not fit
+/// into a descriptor set is refused.
+int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s);
+
+/// Bounds every later send and receive on a connected socket to `timeout_s` seconds, so that a silent
+/// peer costs a bounded time whatever library reads the answer.
+void bound_exchange(int sock, int timeout_s);
+
+}  // namespace kestrel
+
+#endif

@@ -1,0 +1,77 @@
+// The connect-back test: the service opens a connection to the camera's public address and port.
+#include <cstring>
+
+#include "core/debug_log.h"
+#include "net/address.h"
+#include "service/body_cipher.h"
+#include "service/post_body.h"
+#include "service/requests.h"
+#include "service/transaction.h"
+
+namespace kestrel {
+
+namespace {
+
+constexpr ExchangeLog with_own_lines(ExchangeLog log) {
+  log.no_status = "reader.PacketHeader->StatusCode==NULL\n";
+  log.not_found = "Error:(%d)\n";
+  log.other_status = "Unknow Error!\n";
+  return log;
+}
+
+constexpr Request connectback_request = {
+    .path = "/connectbk.html",
+    .method = "POST",
+    .challenge_uri = "/connectbk.html",
+    .send_len = 2048,
+    .log = with_own_lines(log_of_reports),
+    .builder_trace = nullptr,
+    .name = "srv_connectback",
+    .after_send_failure = AfterSendFailure::send_result,
+    .after_no_answer = AfterNoAnswer::close,
+    .no_answer_result = request_no_answer,
+    .other_status_result = 0,
+    .leftover = nullptr,
+};
+
+/// The address at which the service shall find the camera: the router's own, unless the router does
+/// not know it or sits behind another NAT.
+const char* address_to_test(const DeviceContext& dev) {
+  const char* ue = dev.ue.ip;
+  if (ue[0] == '\0' || std::strcmp(ue, "0.0.0.0") == 0 || std::strcmp(ue, "null") == 0) return dev.e.ip;
+  if (is_private_ip(ue) == 0) {
+    debug_log("  use ueip=%s:%s doing connect back test\n", ue, dev.ue.port);
+    return ue;
+  }
+  debug_log("  use eip=%s:%s doing connect back test\n", dev.e.ip, dev.ue.port);
+  return dev.e.ip;
+}
+
+}  // namespace
+
+int srv_connectback(DeviceContext* dev) {
+  debug_log("------------------------[ %s:%d ]------------------------\n", connectback_request.name, __LINE__);
+  debug_log("  hid=%s\n", dev->hid);
+  debug_log("  eip=%s\n", dev->e.ip);
+  debug_log("  ueip=%s\n", dev->ue.ip);
+  debug_log("  ueport=%s\n", dev->ue.port);
+  debug_log("  timestamp=%s\n", dev->Timestamp);
+  if (dev->ue.port[0] == '\0') {
+    debug_log("[kestreld]: *** invalid parameters\n");
+    return request_no_answer;
+  }
+  char body[1024];
+  const int fits = write_body(body, sizeof(body),
+                              "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
+                              "<ldev>\n"
+                              "<hid>%s</hid>\n"
+                              "<eip>%s</eip>\n"
+                              "<ueport>%s</ueport>\n"
+                              "<tstamp>%s</tstamp>\n"
+                              "</ldev>\n",
+                              dev->hid, address_to_test(*dev), dev->ue.port, dev->Timestamp);
+  if (fits == 0 || encipher_body(body, sizeof(body), "ecnode bodylen=%d\n") == 0) return request_no_answer;
+  return run_exchange(*dev, connectback_request, dev->redir_ip, body, dev->auth_info, nullptr, nullptr);
+}
+
+}  // namespace kestrel

@@ -1,0 +1,44 @@
+// The data-server query: which access server serves this device.
+#include "core/debug_log.h"
+#include "service/requests.h"
+#include "service/transaction.h"
+#include "service/xml_value.h"
+
+namespace kestrel {
+
+namespace {
+
+constexpr ExchangeLog with_ok(ExchangeLog log) {
+  log.ok = " <-200 OK receiced!\n";
+  return log;
+}
+
+constexpr Request daip_request = {
+    .path = "/daip.html",
+    .method = "GET",
+    .challenge_uri = "/ext.html",  // the address query's, as the service's protocol has it
+    .send_len = 1024,
+    .log = with_ok(log_of_queries),
+    .builder_trace = nullptr,
+    .name = "srv_get_daip",
+    .after_send_failure = AfterSendFailure::no_answer,
+    .after_no_answer = AfterNoAnswer::close,
+    .no_answer_result = request_no_answer,
+    .other_status_result = 0,
+    .leftover = nullptr,
+};
+
+void read_daip(DeviceContext& ctx, const char* plain, void* /*sink*/) {
+  debug_log(" decodestr:\n%s\n", plain);
+  get_xml_value(plain, "da_eip", 6, ctx.da_ip, sizeof(ctx.da_ip));
+  debug_log(" ==> Physical DA eip: %s\n", ctx.da_ip);
+}
+
+}  // namespace
+
+int srv_get_daip(DeviceContext* ctx) {
+  debug_log(" ------------------------[ %s:%d ]------------------------\n", daip_request.name, __LINE__);
+  return run_exchange(*ctx, daip_request, ctx->redir_ip, nullptr, ctx->auth_info, read_daip, nullptr);
+}
+
+}  // namespace kestrel

@@ -1,0 +1,45 @@
+// The external-address query: from which public address and port the service sees the camera.
+#include "core/debug_log.h"
+#include "service/requests.h"
+#include "service/transaction.h"
+#include "service/xml_value.h"
+
+namespace kestrel {
+
+namespace {
+
+constexpr ExchangeLog with_own_lines(ExchangeLog log) {
+  log.connect_to = " connect to %s:%d\n";
+  log.ok = "<-200 OK receiced!\n";
+  return log;
+}
+
+constexpr Request eip_request = {
+    .path = "/ext.html",
+    .method = "GET",
+    .challenge_uri = "/ext.html",
+    .send_len = 1024,
+    .log = with_own_lines(log_of_queries),
+    .builder_trace = nullptr,
+    .name = "srv_get_eip",
+    .after_send_failure = AfterSendFailure::no_answer,
+    .after_no_answer = AfterNoAnswer::close,
+    .no_answer_result = request_no_answer,
+    .other_status_result = 0,
+    .leftover = nullptr,
+};
+
+void read_eip(DeviceContext& ctx, const char* plain, void* /*sink*/) {
+  get_xml_value(plain, "ext_ip", 6, ctx.e.ip, sizeof(ctx.e.ip));
+  get_xml_value(plain, "ext_port", 8, ctx.e.port, sizeof(ctx.e.port));
+  debug_log(" ==>[eip:eport] %s:%s\n", ctx.e.ip, ctx.e.port);
+}
+
+}  // namespace
+
+int srv_get_eip(DeviceContext* ctx) {
+  debug_log(" ------------------------[ %s:%d ]------------------------\n", eip_request.name, __LINE__);
+  return run_exchange(*ctx, eip_request, ctx->da_ip, nullptr, ctx->auth_info, read_eip, nullptr);
+}
+
+}  // namespace kestrel

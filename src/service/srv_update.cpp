@@ -1,0 +1,146 @@
+// The device update: identity, versions, network and reachability of the camera.
+#include <cstring>
+
+#include "core/debug_log.h"
+#include "core/text.h"
+#include "platform/tesselcfg.h"
+#include "service/body_cipher.h"
+#include "service/post_body.h"
+#include "service/requests.h"
+#include "service/transaction.h"
+
+namespace kestrel {
+
+namespace {
+
+int leftover_socket = -1;
+
+constexpr Request update_request = {
+    .path = "/iupd.html",
+    .method = "POST",
+    .challenge_uri = "/iupd.html",
+    .send_len = 2048,
+    .log = log_of_reports,
+    .builder_trace = nullptr,
+    .name = "srv_update",
+    .after_send_failure = AfterSendFailure::receive,
+    .after_no_answer = AfterNoAnswer::leave_open,
+    .no_answer_result = request_no_answer,
+    .other_status_result = 0,
+    .leftover = &leftover_socket,
+};
+
+constexpr std::size_t body_len = 2048;  // plain text first, base64 later, terminator included
+constexpr int device_type = 1;
+constexpr int channel_count = 1;
+constexpr int channel_number = 1;
+constexpr char service_type[] = "HTTP";
+
+/// What the platform adds to the record for a report.
+struct Particulars {
+  char mac[18];
+  char model[64];
+  char firmware[32];
+  char client[32];
+  char channel[uid_len + 16];
+  const char* protocol;
+};
+
+void gather(const DeviceContext& dev, Particulars& out) {
+  zero(out);
+  format_text(out.channel, sizeof(out.channel), "%s-1.2-%s", dev.uid, dev.ue.port);
+  dev_get_model_name(out.model, sizeof(out.model));
+  dev_get_firmware_version(out.firmware, sizeof(out.firmware));
+  dev_get_spt_version(out.client, sizeof(out.client));
+  terminate(out.model);
+  terminate(out.firmware);
+  terminate(out.client);
+  out.protocol = through_relay(dev) ? "TP" : "T";
+  ACT_IF_INFO present[TESSEL_MAX_IFACES] = {};
+  int count = 0;
+  tessel_get_present_iface(present, &count);
+  copy_bytes(out.mac, sizeof(out.mac), present[0].mac, sizeof(present[0].mac));
+}
+
+void log_values(const DeviceContext& dev, const Particulars& p) {
+  debug_log("  srv_update()\n");
+  debug_log("  hid=%s\n", dev.hid);
+  debug_log("  mac=%s\n", p.mac);
+  debug_log("  ptype=%d\n", device_type);
+  debug_log("  model=%s\n", p.model);
+  debug_log("  FirmwareVersion=%s\n", p.firmware);
+  debug_log("  SkyportVersion=%s\n", p.client);
+  debug_log("  chname=%s\n", p.channel);
+  debug_log("  oif=%s\n", dev.active_if.name);
+  debug_log("  netmask=%s\n", dev.active_if.mask);
+  debug_log("  gateway=%s\n", dev.active_if.gw);
+  debug_log("  eip=%s\n", dev.e.ip);
+  debug_log("  eport=%s\n", dev.e.port);
+  debug_log("  ueip=%s\n", dev.ue.ip);
+  debug_log("  ueport=%s\n", dev.ue.port);
+  debug_log("  iip=%s\n", dev.i.ip);
+  debug_log("  iport=%s\n", dev.i.port);
+  debug_log("  manufacturer=%s\n", dev.igd.manufacturer);
+  debug_log("  manufacturerURL=%s\n", dev.igd.manufacturerURL);
+  debug_log("  friendlyName=%s\n", dev.igd.friendlyName);
+  debug_log("  modelName=%s\n", dev.igd.modelName);
+  debug_log("  modelNumber=%s\n", dev.igd.modelNumber);
+  debug_log("  modelDescription=%s\n", dev.igd.modelDescription);
+  debug_log("  presentationURL=%s\n", dev.igd.presentationURL);
+  debug_log("  tstamp=%s\n", dev.Timestamp);
+}
+
+int write_update(char (&body)[body_len], const DeviceContext& dev, const Particulars& p) {
+  return write_body(body, sizeof(body),
+                    "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
+                    "<ldev>\n"
+                    "<dev>\n"
+                    "<hid>%s</hid>\n"
+                    "<mac>%s</mac>\n"
+                    "<ptype>%d</ptype>\n"
+                    "<model>%s</model>\n"
+                    "<ver>%s</ver>\n"
+                    "<sptver>%s</sptver>\n"
+                    "<oif>%s</oif>\n"
+                    "<mask>%s</mask>\n"
+                    "<gw>%s</gw>\n"
+                    "<eip>%s</eip>\n"
+                    "<ueip>%s</ueip>\n"
+                    "<iip>%s</iip>\n"
+                    "<tch>%d</tch>\n"
+                    "<tstamp>%s</tstamp>\n"
+                    "</dev>\n"
+                    "<ch>\n"
+                    "<chno>%d</chno>\n"
+                    "<name>%s</name>\n"
+                    "<prot>%s</prot>\n"
+                    "<stype>%s</stype>\n"
+                    "<eport>%s</eport>\n"
+                    "<ueport>%s</ueport>\n"
+                    "<iport>%s</iport>\n"
+                    "<st>%d</st>\n"
+                    "</ch>\n"
+                    "</ldev>\n",
+                    dev.hid, p.mac, device_type, p.model, p.firmware, p.client, dev.active_if.name, dev.active_if.mask,
+                    dev.active_if.gw, dev.e.ip, dev.ue.ip, dev.i.ip, channel_count, dev.Timestamp, channel_number,
+                    p.channel, p.protocol, service_type, dev.e.port, dev.ue.port, dev.i.port,
+                    static_cast<int>(load_word(dev.state)));
+}
+
+}  // namespace
+
+int srv_update(DeviceContext* dev, unsigned* /*word*/, AuthenticateInfo* info) {
+  debug_log("------------------------[ %s:%d ]------------------------\n", update_request.name, __LINE__);
+  Particulars particulars;
+  gather(*dev, particulars);
+  log_values(*dev, particulars);
+  char body[body_len];
+  const int fits = write_update(body, *dev, particulars);
+  debug_log("----------sz_xml_data packet----------\n");
+  debug_log("%s\n", body);
+  debug_log("----------end sz_xml_data-------------\n");
+  if (fits == 0 || encipher_body(body, sizeof(body), "ecnode bodylen=%d\n") == 0) return request_no_answer;
+  return run_exchange(*dev, update_request, dev->redir_ip, body, *info, nullptr, nullptr);
+}
+
+}  // namespace kestrel

@@ -1,0 +1,250 @@
+// The transaction with the service, see transaction.h.
+#include "service/transaction.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "core/debug_log.h"
+#include "core/text.h"
+#include "service/body_cipher.h"
+#include "service/connect.h"
+#include "service/digest.h"
+#include "service/token.h"
+
+namespace kestrel {
+
+namespace {
+
+constexpr std::size_t url_len = 512;
+constexpr std::size_t max_send_len = 8192;
+constexpr int status_ok = 200;
+constexpr int status_unauthorized = 401;
+constexpr int status_not_found = 404;
+
+/// Where an exchange goes. The path is what the request line and the Digest name.
+struct Route {
+  char connect_ip[ip_len];
+  int connect_port;
+  char server[ip_len];
+  char path[url_len];
+};
+
+/// Logs a text that a request may not have. The formats are those of the request tables.
+template <typename... Args>
+void log_if(const char* format, Args... args) {
+  if (format != nullptr) debug_log(format, args...);
+}
+
+void choose_route(const DeviceContext& ctx, const Request& request, const char (&server)[ip_len], Route& route) {
+  load_text(route.server, server);
+  if (!through_relay(ctx)) {
+    copy_text(route.connect_ip, route.server);
+    route.connect_port = service_port;
+    copy_text(route.path, request.path);
+    return;
+  }
+  char port[port_len];
+  load_text(route.connect_ip, ctx.proxy.ip);
+  load_text(port, ctx.proxy.port);
+  route.connect_port = static_cast<std::uint16_t>(std::atoi(port));
+  format_text(route.path, sizeof(route.path), "http://%s:%d/%s", route.server, service_port, request.path + 1);
+}
+
+void fresh_cnonce(AuthenticateInfo& auth) {
+  unsigned len = 0;
+  zero(auth.cnonce);
+  make_token(auth.cnonce, &len);
+}
+
+packetheader* build_with_credentials(const Request& request, Route& route, int body_len, AuthenticateInfo& auth) {
+  fresh_cnonce(auth);
+  // The challenge set the count to 1, so the first request after it carries 00000002. The service counts so.
+  ++auth.nc;
+  copy_text(auth.method, request.method);
+  copy_text(auth.uri, route.path);
+  digest_calc_response(auth.user, auth.realm, auth.pass, auth.nonce, auth.nc, auth.qop, auth.method, auth.uri,
+                       auth.cnonce, auth.response);
+  char header[digest_header_len];
+  const int header_len = make_digest_header(&auth, header);
+  if (header_len < 0) return nullptr;
+  if (request.builder_trace != nullptr) log_if(request.builder_trace, request.name, __LINE__);
+  return httpBuildPacket_Auth_Encrypt(auth.user, route.server, service_port, auth.uri, auth.method, body_len, header,
+                                      header_len, body_len > 0 ? 1 : 0);
+}
+
+packetheader* build_packet(const Request& request, Route& route, const char* body, AuthenticateInfo& auth) {
+  const int body_len = body != nullptr ? static_cast<int>(std::strlen(body)) : 0;
+  if (auth.on == 1) return build_with_credentials(request, route, body_len, auth);
+  char method[sizeof(auth.method)];
+  copy_text(method, request.method);
+  if (body == nullptr) return httpBuildPacket(auth.user, route.server, service_port, route.path, method);
+  char length[12];
+  const int length_len = format_text(length, sizeof(length), "%d", body_len);
+  return httpBuildPacket3(auth.user, route.server, service_port, route.path, method, length, length_len);
+}
+
+/// Serialises the packet and appends the body. Returns the length, or -1 when it does not fit.
+int fill_send_buffer(const Request& request, packetheader* packet, const char* body, char (&out)[max_send_len]) {
+  if (packet == nullptr) return -1;
+  char* raw = nullptr;
+  const int raw_len = ILibGetRawPacket(packet, &raw);
+  log_if(request.log.buffer_length, raw_len);
+  ILibDestructPacket(packet);
+  const std::size_t body_len = body != nullptr ? std::strlen(body) : 0;
+  const bool fits = raw != nullptr && raw_len > 0 && static_cast<std::size_t>(raw_len) + body_len <= request.send_len;
+  if (fits) {
+    std::memcpy(out, raw, static_cast<std::size_t>(raw_len));
+    if (body_len > 0) std::memcpy(out + raw_len, body, body_len);
+  }
+  std::free(raw);
+  return fits ? raw_len + static_cast<int>(body_len) : -1;
+}
+
+/// Opens the connection. The descriptor is in the reader, also when it failed.
+int connect_reader(const Request& request, const Route& route, ILibHCHTTPReaderObject& reader) {
+  const int portnum = ILibGetStreamSocket(static_cast<int>(htonl(0)), 0, &reader.ClientSocket);
+  log_if(request.log.portnum, portnum);
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_addr.s_addr = inet_addr(route.connect_ip);
+  peer.sin_port = htons(static_cast<std::uint16_t>(route.connect_port));
+  log_if(request.log.connect_to, static_cast<const char*>(route.connect_ip), route.connect_port);
+  // sockaddr_in is what connect takes in the guise of sockaddr.
+  const int connected =
+      WaitConnect(reader.ClientSocket, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer), exchange_timeout_s);
+  log_if(request.log.connected, connected);
+  if (connected == 0) bound_exchange(reader.ClientSocket, exchange_timeout_s);
+  return connected;
+}
+
+/// The body as a terminated text of the log's width; the library need not terminate it.
+void log_body(const Request& request, const ILibHCHTTPReaderObject& reader) {
+  if (request.log.body_read_first) log_if(request.log.body_read, reader.Body_Read);
+  if (reader.Body_Read > 0 && reader.Body != nullptr && request.log.body != nullptr) {
+    char text[1536];
+    copy_bytes(text, sizeof(text), reader.Body, static_cast<std::size_t>(reader.Body_Read));
+    log_if(request.log.body, static_cast<const char*>(text));
+  }
+  if (!request.log.body_read_first) log_if(request.log.body_read, reader.Body_Read);
+}
+
+void take_challenge(const Request& request, packetheader_field_node* fields, AuthenticateInfo& auth) {
+  auth.on = 1;
+  log_if(request.log.challenge_taken);
+  GetAuthenticateInfo(fields, &auth);
+  terminate(auth.realm);
+  terminate(auth.nonce);
+  terminate(auth.algorithm);
+  terminate(auth.qop);
+  fresh_cnonce(auth);
+  copy_text(auth.uri, request.challenge_uri);
+  copy_text(auth.method, request.method);
+  auth.nc = 1;
+  const auto log = [](const char* format, const char* text) { log_if(format, text); };
+  log(request.log.algorithm, auth.algorithm);
+  log(request.log.nonce, auth.nonce);
+  log(request.log.qop, auth.qop);
+  log(request.log.realm, auth.realm);
+  log(request.log.uri, auth.uri);
+  log_if(request.log.cnonce, static_cast<const char*>(auth.cnonce), static_cast<int>(std::strlen(auth.cnonce)));
+}
+
+/// Acts on the answer's status. `provisional` is the result of a status that has no meaning of its own.
+int judge_answer(DeviceContext& ctx, const Request& request, const ILibHCHTTPReaderObject& reader,
+                 AuthenticateInfo& auth, int provisional, AnswerReader read_answer, void* sink) {
+  const int status = reader.PacketHeader->StatusCode;
+  if (status == status_unauthorized) {
+    take_challenge(request, reader.PacketHeader->FirstField, auth);
+    return request_challenged;
+  }
+  if (status == status_ok) {
+    log_if(request.log.ok);
+    if (read_answer != nullptr && reader.Body_Read > 0 && reader.Body != nullptr) {
+      char* plain = decipher_body(reader.Body, reader.Body_Read);
+      if (plain != nullptr) read_answer(ctx, plain, sink);
+      std::free(plain);
+    }
+    return request_ok;
+  }
+  if (status == 0 && request.log.no_status != nullptr) {
+    log_if(request.log.no_status);
+  } else if (status == status_not_found) {
+    log_if(request.log.not_found, status);
+  } else {
+    log_if(request.log.other_status, status);
+  }
+  return request.other_status_result != 0 ? request.other_status_result : provisional;
+}
+
+void release_answer(ILibHCHTTPReaderObject& reader) {
+  ILibDestructPacket(reader.PacketHeader);
+  reader.PacketHeader = nullptr;
+  std::free(reader.Body);
+  reader.Body = nullptr;
+  reader.Body_Size = 0;
+  reader.Body_Offset = 0;
+}
+
+/// Nothing usable came. Some requests leave the socket open here; what they leave is remembered.
+int give_up(const Request& request, ILibHCHTTPReaderObject& reader) {
+  release_answer(reader);
+  if (request.after_no_answer == AfterNoAnswer::close) {
+    ILibForceClose(&reader);
+  } else {
+    *request.leftover = reader.ClientSocket;
+  }
+  log_if(request.log.no_answer);
+  return request.no_answer_result;
+}
+
+void close_leftover(const Request& request) {
+  if (request.leftover == nullptr || *request.leftover < 0) return;
+  close(*request.leftover);
+  *request.leftover = -1;
+}
+
+}  // namespace
+
+bool through_relay(const DeviceContext& ctx) {
+  return load_word(ctx.proxy_tested) == 1;
+}
+
+int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len], const char* body,
+                 AuthenticateInfo& auth, AnswerReader read_answer, void* sink) {
+  close_leftover(request);
+  ILibHCHTTPReaderObject reader{};
+  reader.ClientSocket = -1;
+  log_if(request.log.auth_on, static_cast<int>(auth.on));
+  Route route{};
+  choose_route(ctx, request, server, route);
+  char out[max_send_len];
+  const int out_len = fill_send_buffer(request, build_packet(request, route, body, auth), body, out);
+  if (out_len < 0) {
+    debug_log("[kestreld] *** request does not fit into its buffer\n");
+    return request.no_answer_result;
+  }
+  if (connect_reader(request, route, reader) != 0) {
+    ILibForceClose(&reader);
+    return request_no_answer;
+  }
+  const auto sent = static_cast<int>(send(reader.ClientSocket, out, static_cast<std::size_t>(out_len), 0));
+  log_if(request.log.sent, sent);
+  if (sent < 0 && request.after_send_failure != AfterSendFailure::receive) {
+    ILibForceClose(&reader);
+    return request.after_send_failure == AfterSendFailure::send_result ? sent : request_no_answer;
+  }
+  ILibProcessSocketRecv(&reader);
+  if (reader.PacketHeader == nullptr) return give_up(request, reader);
+  log_body(request, reader);
+  const int result = judge_answer(ctx, request, reader, auth, sent, read_answer, sink);
+  release_answer(reader);
+  ILibForceClose(&reader);
+  return result;
+}
+
+}  // namespace kestrel

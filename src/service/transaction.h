@@ -1,0 +1,130 @@
+// The one transaction with the service: a short HTTP exchange on a fresh connection, with Digest once a
+// challenge has been taken. What the requests differ in stands in a description for each.
+#ifndef KESTREL_SERVICE_TRANSACTION_H
+#define KESTREL_SERVICE_TRANSACTION_H
+
+#include <cstddef>
+
+#include "core/device_context.h"
+
+namespace kestrel {
+
+/// Results of every request. Any other value means another HTTP status.
+constexpr int request_no_answer = 0;
+constexpr int request_ok = 1;
+constexpr int request_challenged = 2;  // repeat the request, it then carries credentials
+constexpr int request_failed = 3;      // the enable report alone: no answer, or another status
+
+constexpr int service_port = 80;
+constexpr int exchange_timeout_s = 20;  // to connect, and for every send and receive after it
+
+/// The texts that the log takes during an exchange; null where a request logs nothing.
+struct ExchangeLog {
+  const char* auth_on;        // "%d"
+  const char* buffer_length;  // "%d"
+  const char* portnum;        // "%d"
+  const char* connect_to;     // "%s:%d"
+  const char* connected;      // "%d"
+  const char* sent;           // "%d"
+  const char* no_answer;
+  const char* body_read;  // "%d"
+  const char* body;       // "%s"
+  bool body_read_first;   // the length before the body, not behind it
+  const char* challenge_taken;
+  const char* algorithm;
+  const char* nonce;
+  const char* qop;
+  const char* realm;
+  const char* uri;
+  const char* cnonce;  // "%s", "%d"
+  const char* ok;
+  const char* no_status;
+  const char* not_found;     // 404, "%d"
+  const char* other_status;  // "%d"
+};
+
+enum class AfterSendFailure { receive, no_answer, send_result };
+enum class AfterNoAnswer { close, leave_open };
+
+/// What one request is.
+struct Request {
+  const char* path;           // with its slash; without it behind the relay's "http://ip:80/"
+  const char* method;         // "GET" or "POST"
+  const char* challenge_uri;  // stored when a challenge is taken; the next send replaces it
+  std::size_t send_len;       // bytes of the send buffer
+  ExchangeLog log;
+  const char* builder_trace;  // "[%s:%d]", logged before a packet with credentials; null for none
+  const char* name;           // for builder_trace
+  AfterSendFailure after_send_failure;
+  AfterNoAnswer after_no_answer;
+  int no_answer_result;
+  int other_status_result;  // 0: the byte count of the send
+  int* leftover;            // the descriptor that a path left open; closed by the next exchange
+};
+
+/// Takes the plain text of a 200 answer that had a body. `sink` is the caller's own.
+using AnswerReader = void (*)(DeviceContext& ctx, const char* plain, void* sink);
+
+/// Runs one exchange with `server` (dotted text), or with the relay for it when the record's
+/// proxy_tested is 1, and returns the request's result. `body` is the base64 body of a POST, null for
+/// a GET. `read_answer` may be null: the body is then not decoded. A request that does not fit into its
+/// send buffer is not sent and counts as not answered. Credentials and challenges live in `auth`.
+int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len], const char* body,
+                 AuthenticateInfo& auth, AnswerReader read_answer, void* sink);
+
+/// True when the record's requests go through the relay.
+bool through_relay(const DeviceContext& ctx);
+
+// The log texts of the two families of requests: those whose lines begin with a blank, and the others.
+
+constexpr ExchangeLog log_of_queries = {
+    .auth_on = " auth_info->on=%d\n",
+    .buffer_length = " BufferLength=(%d)\n",
+    .portnum = " portnum=(%d)\n",
+    .connect_to = nullptr,
+    .connected = " connect=%d\n",
+    .sent = " send=%d\n",
+    .no_answer = " null\n",
+    .body_read = " Body_Read=%d\n",
+    .body = "\n<--\n%s\n<--\n",
+    .body_read_first = true,
+    .challenge_taken = " <-401 received!\n",
+    .algorithm = " algorithm=%s\n",
+    .nonce = " nonce=%s\n",
+    .qop = " qop=%s\n",
+    .realm = " realm=%s\n",
+    .uri = " uri=%s\n",
+    .cnonce = " cnonce=%s(%d)\n",
+    .ok = nullptr,
+    .no_status = nullptr,
+    .not_found = nullptr,
+    .other_status = nullptr,
+};
+
+constexpr ExchangeLog log_of_reports = {
+    .auth_on = nullptr,
+    .buffer_length = nullptr,
+    .portnum = nullptr,
+    .connect_to = nullptr,
+    .connected = "connect=%d\n",
+    .sent = nullptr,
+    .no_answer = "null\n",
+    .body_read = nullptr,
+    .body = "<--\n%s<--\n\n",
+    .body_read_first = false,
+    .challenge_taken = "<-401 received!\n",
+    .algorithm = "  algorithm=%s\n",
+    .nonce = "  nonce=%s\n",
+    .qop = "  qop=%s\n",
+    .realm = "  realm=%s\n",
+    .uri = "  uri=%s\n",
+    .cnonce = "  cnonce=%s (%d)\n",
+    .ok = "200 OK\n",
+    .no_status = nullptr,
+    .not_found = "Error=(%d)\n",
+    .other_status = "Error=(%d)\n",
+};
+
+}  // namespace kestrel
+
+#endif
