@@ -1,0 +1,31 @@
+// The counters of authentication failures in a row. Nothing but the states themselves resets them:
+// they outlive cycles and reloads.
+#ifndef KESTREL_REGSTATE_AUTH_FAIL_COUNT_H
+#define KESTREL_REGSTATE_AUTH_FAIL_COUNT_H
+
+#include <cstdint>
+
+namespace kestrel {
+
+struct AuthFailCounts {
+  std::uint32_t enable_report;
+  std::uint32_t daip_query;
+  std::uint32_t ip_ready;
+  std::uint32_t public_mode;
+  std::uint32_t no_upnp;
+  std::uint32_t natm;
+  std::uint32_t upnp_pf_ready;
+  std::uint32_t upnp_pf_failed;
+};
+
+/// Zero at start. Main thread only.
+extern AuthFailCounts auth_fail_count;
+
+/// Failures that a state tolerates before it gives the cycle up. NATM waits for one more than every
+/// other state; that is meant.
+constexpr std::uint32_t auth_fail_limit = 2;
+constexpr std::uint32_t auth_fail_limit_natm = 3;
+
+}  // namespace kestrel
+
+#endif

@@ -1,0 +1,115 @@
+// Identity initialisation, see state_init.h.
+#include "regstate/state_init.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "core/debug_log.h"
+#include "core/text.h"
+#include "core/wait.h"
+#include "net/address.h"
+#include "platform/tesselcfg.h"
+#include "regstate/state_table.h"
+#include "service/body_cipher.h"
+#include "service/srv_util.h"
+#include "upnp/port_mapping.h"
+
+namespace kestrel {
+
+std::uint32_t upnp_found_at_init = 0;
+
+namespace {
+
+constexpr char module_name[] = "kestreld";
+constexpr unsigned account_retry_s = 3;
+
+/// Sets `run` and `state` anew. An exit request that came before stands: it left UNKNOWN and a `run` of
+/// 0, and is not taken back. No signal may come between the look and the stores.
+void start_running(DeviceContext& current) {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const bool exit_requested = load_word(current.state) == UNKNOWN && load_word(current.run) == 0;
+  set_state(current, START);
+  store_word(current.run, exit_requested ? 0U : 1U);
+  store_word(current.dev_reload, 0U);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void reset(DeviceContext& current) {
+  start_running(current);
+  current.pfok = 0;
+  set_update_result(current, update_failed);
+  current.upd.starttime = 0;
+  current.cb_fail_count = 0;
+  zero(current.igd);
+  zero(current.e);
+  zero(current.i);
+  zero(current.ue);
+  store_text(current.proxy.ip, "");
+  store_text(current.proxy.port, "");
+  zero(current.hid);
+  zero(current.sname);
+  zero(current.uid);
+  zero(current.auth_info);
+  current.IsNeedQueryDAIP = 1;
+  store_word(current.proxy_tested, 0);
+  current.Last_Spt_Enabled = -1;
+}
+
+/// One look for the account. Libraries may fill longer texts than the record holds.
+bool take_account(DeviceContext& current) {
+  char hid[64] = "";
+  char password[64] = "";
+  debug_log("try to get_dev_sip_account\n");
+  if (get_dev_sip_account(hid, password) == 0) return false;
+  terminate(hid);
+  terminate(password);
+  copy_text(current.hid, hid);
+  copy_text(current.auth_info.pass, password);
+  debug_log("get_dev_sip_account success, hid=%s, password=%s\n", current.hid, current.auth_info.pass);
+  debug_log("=> hid=(%s)\n", current.hid);
+  copy_text(current.auth_info.user, current.hid);
+  debug_log("=> user=(%s)\n", current.auth_info.user);
+  debug_log("=> pass=(%s)\n", current.auth_info.pass);
+  if (cre_set_skyport_hid(current.hid) == 0) debug_log("[kestreld] *** set skyport hid failed!\n");
+  return true;
+}
+
+void await_account(DeviceContext& current) {
+  while (load_word(current.run) != 0 && !take_account(current)) {
+    debug_log("get_dev_sip_account fail, sleep 3 sec to try again..\n");
+    wait_while(current.run, account_retry_s);
+  }
+}
+
+void publish_identity(DeviceContext& current) {
+  random_digits6(current.Timestamp);
+  debug_log("%s %d Timestamp=%s\r\n", module_name, __LINE__, current.Timestamp);
+  if (write_refer_file(current.hid, current.Timestamp) != 0) {
+    debug_log("%s %d write refer file success\r\n", module_name, __LINE__);
+  } else {
+    debug_log("%s %d write refer file failed\r\n", module_name, __LINE__);
+  }
+}
+
+}  // namespace
+
+void state_init(DeviceContext& current) {
+  if (current.last != nullptr) zero(*current.last);
+  reset(current);
+  if (make_uid(current.uid, sizeof(current.uid)) != 0) debug_log("=> uid=(%s)\n", current.uid);
+  await_account(current);
+  publish_identity(current);
+  store_word(current.pid, getpid());
+  if (find_gateway(&current.igd) == 0) {
+    remove_own_mappings(current.uid);
+    upnp_found_at_init = 1;
+  }
+  install_handlers(current);
+}
+
+}  // namespace kestrel

@@ -1,0 +1,41 @@
+// Steps that several state handlers share.
+#ifndef KESTREL_REGSTATE_STEPS_H
+#define KESTREL_REGSTATE_STEPS_H
+
+#include "core/device_context.h"
+
+namespace kestrel {
+
+/// The enable report and the DAIP query, guarded by their counters of authentication failures. Return
+/// the request's result. Where it is neither 1 nor a tolerated 2, `upd.resut` says "authentication
+/// failed" and the state is LumenDevNotReady, which a later success of the caller overwrites.
+int report_enable(DeviceContext& ctx, int enabled);
+int query_daip(DeviceContext& ctx);
+
+/// Reports the switch up to three times without a pause, until the service takes it, which sets
+/// `Last_Spt_Enabled`. Returns true when it did.
+bool report_enable_up_to_3(DeviceContext& ctx, int enabled);
+
+/// The user's switch for the service: 0 or 1; what was last reported when it cannot be read.
+int read_enable_switch(const DeviceContext& ctx);
+
+/// Deletes the mapping of `ue.port` and, when it was deleted, has the camera's port forwarder reload.
+void delete_mapping(DeviceContext& ctx);
+
+/// `ue.port` as a number of 16 bits.
+std::uint16_t mapped_port(const DeviceContext& ctx);
+
+/// Counts a failed connect-back and gives the mapping up. Returns true when the port is to be tried no
+/// more: `ue.port` is then "0".
+bool give_up_mapping(DeviceContext& ctx);
+
+/// Ends the cycle: keeps it as the last record and begins anew at START, after the configuration hold
+/// when one was asked for.
+void start_over(DeviceContext& current);
+
+/// Seconds that the configuration hold adds for every request.
+constexpr unsigned configuration_hold_s = 120;
+
+}  // namespace kestrel
+
+#endif
