@@ -1,0 +1,6 @@
+// kestreld. The command line is not used.
+#include "core/kestreld.h"
+
+int main() {
+  return kestrel::run_daemon();
+}

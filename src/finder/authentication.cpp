@@ -1,0 +1,91 @@
+// Who may change settings: the administrator, by name and password.
+#include <cstring>
+
+#include "core/debug_log.h"
+#include "core/text.h"
+#include "finder/packet.h"
+#include "finder/record.h"
+#include "platform/tesselcfg.h"
+
+namespace kestrel {
+
+namespace {
+
+constexpr std::size_t decoded_len = 256;
+constexpr int table_name_len = 16;
+constexpr int password_len = 64;
+
+void decode(const char* b64, char (&out)[decoded_len]) {
+  zero(out);
+  b64_decode(b64, static_cast<unsigned>(std::strlen(b64)), out);
+  terminate(out);
+}
+
+/// The user's place in the table, counted from 1; 0 when no entry has the name.
+std::uint32_t find_user(const char* name, std::size_t len) {
+  char count = 0;
+  cre_get_max_user_count(&count);
+  for (std::uint32_t n = 1; n <= static_cast<unsigned char>(count); ++n) {
+    char entry[decoded_len] = "";
+    if (cre_get_user_name_by_count(n, entry, table_name_len) == 0) continue;
+    terminate(entry);
+    if (std::strncmp(entry, name, len) == 0) return n;
+  }
+  return 0;
+}
+
+/// Every account is compared with the administrator's password. That is meant: it keeps the protected
+/// operations to the administrator.
+bool password_matches(const char* pass_b64) {
+  char given[decoded_len];
+  decode(pass_b64, given);
+  debug_log("password '%s'\n", given);
+  char wanted[decoded_len] = "";
+  if (cre_get_power_user_passwd(wanted, password_len) == 0) return false;
+  terminate(wanted);
+  return std::strcmp(given, wanted) == 0;
+}
+
+}  // namespace
+
+std::uint32_t Finderd_check_user(const char* user_b64, std::uint32_t* index) {
+  debug_log("%s() >>>\n", "Finderd_check_user");
+  debug_log("  b64_username %s\n", user_b64 != nullptr ? user_b64 : "");
+  if (user_b64 == nullptr) return authority_none;
+  const std::size_t len = std::strlen(user_b64);
+  char name[decoded_len];
+  decode(user_b64, name);
+  debug_log("  username %s\n", name);
+  // A text that decodes to nothing is an empty name, and must not match an account without one.
+  if (name[0] == '\0') return authority_none;
+  char administrator[decoded_len] = "";
+  if (cre_get_power_username(administrator, sizeof(administrator)) != 0) {
+    terminate(administrator);
+    if (std::strncmp(administrator, name, len) == 0) return authority_administrator;
+  }
+  const std::uint32_t n = find_user(name, len);
+  if (n == 0) return authority_none;
+  *index = n;
+  return authority_user;
+}
+
+std::uint32_t Finderd_check_authentication() {
+  char user_b64[finder_credential_len + 1];
+  char pass_b64[finder_credential_len + 1];
+  request_text(at_user, finder_credential_len, user_b64, sizeof(user_b64));
+  request_text(at_password, finder_credential_len, pass_b64, sizeof(pass_b64));
+  debug_log("%s() >>>\n", "Finderd_check_authentication");
+  debug_log("username %s\n", user_b64);
+  if (user_b64[0] == '\0') return authority_none;
+  std::uint32_t index = 0;
+  // Twice on purpose; only the second result counts.
+  static_cast<void>(Finderd_check_user(user_b64, &index));
+  debug_log("  user index %u\n", index);
+  std::uint32_t authority = Finderd_check_user(user_b64, &index);
+  debug_log("  user index %u\n", index);
+  if (authority != authority_none && !password_matches(pass_b64)) authority = authority_none;
+  debug_log("  authority %d\n", static_cast<int>(authority));
+  return authority;
+}
+
+}  // namespace kestrel

@@ -1,0 +1,107 @@
+// The finder's wire format. Integers are little-endian, addresses are in network byte order.
+//
+//   request                                 reply
+//   0   magic 0xFDFD                        0   magic 0xFEEE
+//   2   tag                                 2   tag, echoed
+//   4   opcode                              4   opcode, echoed
+//   6   target MAC, or FF:FF:FF:FF:FF:FF    6   the camera's MAC
+//   12  not read, 8 bytes                   12  address of the receiving interface
+//                                           16  result
+//                                           18  1
+//   20  payload length                      20  payload length
+//   22  user name, base64, 64 bytes         22  payload
+//   86  password, base64, 64 bytes
+//   150 argument, up to the end
+#ifndef KESTREL_FINDER_PACKET_H
+#define KESTREL_FINDER_PACKET_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kestrel {
+
+constexpr std::size_t finder_header_len = 22;
+constexpr std::size_t finder_mac_len = 6;
+constexpr std::size_t finder_credential_len = 64;
+
+constexpr std::uint16_t finder_request_magic = 0xFDFD;
+constexpr std::uint16_t finder_reply_magic = 0xFEEE;
+constexpr std::uint16_t finder_reply_flag = 1;
+
+enum FinderOffset : std::size_t {
+  at_magic = 0,
+  at_tag = 2,
+  at_opcode = 4,
+  at_mac = 6,
+  at_ip = 12,
+  at_result = 16,
+  at_flag = 18,
+  at_length = 20,
+  at_user = 22,
+  at_password = 86,
+  at_arg = 150,
+};
+static_assert(at_length + 2 == finder_header_len && at_mac + finder_mac_len == at_ip);
+static_assert(at_user + finder_credential_len == at_password && at_password + finder_credential_len == at_arg);
+
+enum FinderOpcode : std::uint16_t {
+  op_survey = 0x00A1,
+  op_user_probe = 0x00A3,  // asked for by no handler; an ordinary user's authority reaches only this far
+  op_list = 0x00A5,
+  op_get_enable = 0x00D1,
+  op_set_enable = 0x00D2,
+  op_self_conf_result = 0x0102,
+  op_get_url = 0x0105,
+  op_get_alias = 0x0106,
+  op_set_alias = 0x0107,
+  op_alias_status = 0x0108,
+  op_spt_survey = 0x0109,
+  op_set_domain = 0x010A,
+};
+
+/// Payload sizes of the replies.
+constexpr std::size_t finder_survey_len = 312;
+constexpr std::size_t finder_spt_survey_len = 304;
+constexpr std::size_t finder_op_list_len = 34;
+constexpr std::size_t finder_words_len = 16;
+constexpr std::size_t finder_text_len = 64;
+
+/// Reads a field of the current request. The request buffer holds every offset.
+std::uint16_t request_u16(std::size_t offset);
+
+/// Copies a text field of the current request that reaches from `offset` over `len` bytes at most:
+/// terminated, cut to `size`. Returns true when all of it fitted.
+bool request_text(std::size_t offset, std::size_t len, char* out, std::size_t size);
+
+/// The longest argument, up to the end of the request buffer.
+constexpr std::size_t finder_arg_len = 1024 - at_arg;
+
+/// A reply being written: zero wherever nothing is put. Offsets are payload offsets; what would lie
+/// outside the payload is not written.
+struct FinderReply {
+  std::uint8_t bytes[finder_header_len + finder_survey_len];
+  std::size_t payload_len;
+};
+
+/// Starts a reply of `payload_len` bytes of payload.
+FinderReply begin_reply(std::size_t payload_len);
+
+void put_u8(FinderReply& reply, std::size_t offset, std::uint8_t value);
+void put_u16(FinderReply& reply, std::size_t offset, std::uint16_t value);
+void put_u32(FinderReply& reply, std::size_t offset, std::uint32_t value);
+void put_bytes(FinderReply& reply, std::size_t offset, const void* bytes, std::size_t len);
+/// Writes a text into a field of `size` bytes, cut and terminated.
+void put_text(FinderReply& reply, std::size_t offset, std::size_t size, const char* text);
+
+/// The camera's own MAC address, parsed from MyMAC.
+void own_mac(std::uint8_t (&mac)[finder_mac_len]);
+
+/// Writes the 22-byte reply header to `buf` from the current request and the receiving interface.
+void Finderd_build_header(std::uint8_t* buf, std::uint16_t result, std::uint16_t length);
+
+/// Builds the header and sends header and payload.
+void send_reply(FinderReply& reply, std::uint16_t result);
+
+}  // namespace kestrel
+
+#endif
