@@ -1,0 +1,74 @@
+// Faults that a person or a test asks of the service: which path, what goes wrong, when and how often.
+// Written PATH:KIND[=ARG][@WHEN][*COUNT]; the README lists the kinds.
+#ifndef SKYPORT_FAULTS_H
+#define SKYPORT_FAULTS_H
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace skyport {
+
+enum class FaultKind {
+  none,
+  status,
+  delay,
+  drip,
+  refuse,
+  reset,
+  cut,
+  garbage,
+  silent,
+  oversize,
+  bighead,
+  chunked,
+  nolength,
+  stale,
+  badbody,
+  empty,
+  plain,
+  nononce,
+  noqop,
+  challenge,
+};
+
+/// Which requests a fault is for: all, those with right credentials, or those that get a challenge.
+enum class FaultWhen { any, authorized, challenged };
+
+struct Fault {
+  std::string path;  // "*": every path
+  FaultKind kind = FaultKind::none;
+  std::string arg;    // as written
+  double number = 0;  // the argument, or its default, of the kinds that take a number
+  FaultWhen when = FaultWhen::any;
+  int64_t left = -1;  // requests that it still strikes; -1: no end
+};
+
+/// Reads one fault. False with a sentence in `error` when it cannot be one.
+bool parse_fault(std::string_view spec, Fault& out, std::string& error);
+
+/// The fault as it would be written, with the count that is left.
+std::string fault_text(const Fault& fault);
+
+/// True when a request that this fault strikes has no effect in the service (no registration and so on).
+bool fault_prevents_work(FaultKind kind);
+
+/// The faults in force, in the order in which they were asked. Any thread may call.
+class FaultList {
+ public:
+  void add(const std::vector<Fault>& faults);
+  void clear();
+  std::vector<Fault> list();
+  /// The first fault that fits, one of its count used up; kind `none` when there is none.
+  Fault take(const std::string& path, bool authorized);
+
+ private:
+  std::mutex mutex_;
+  std::vector<Fault> faults_;
+};
+
+}  // namespace skyport
+
+#endif

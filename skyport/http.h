@@ -1,0 +1,57 @@
+// HTTP listeners on libmicrohttpd: a thread a connection, bounded in number, size and idle time.
+#ifndef SKYPORT_HTTP_H
+#define SKYPORT_HTTP_H
+
+#include <functional>
+#include <string>
+
+#include "net.h"
+
+struct MHD_Daemon;
+
+namespace skyport {
+
+/// One request as it came off the wire; absent headers are empty.
+struct Request {
+  Endpoint peer, local;
+  std::string method;
+  std::string target;  // of the request line, as it stood there
+  std::string host, authorization;
+  std::string body;
+  int fd = -1;  // the connection's socket, for answers that are not HTTP
+};
+
+/// What goes back.
+struct Answer {
+  unsigned status = 200;
+  std::string challenge;  // of WWW-Authenticate; empty: none
+  std::string body;
+  const char* type = "text/html";
+  bool drop = false;  // the server wrote on the socket by itself, or nothing: close it
+};
+
+/// Called on the connection's thread, by many at once. An exception becomes status 500.
+using Serve = std::function<Answer(const Request&)>;
+
+/// A running listener; its destructor closes every connection and waits for their threads, so what
+/// blocks in `serve` must end first.
+class Listener {
+ public:
+  /// Takes over the listening socket `fd`. Throws std::runtime_error when the library refuses.
+  Listener(int fd, Serve serve);
+  ~Listener();
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+  Answer serve(const Request& request) const;
+
+ private:
+  Serve serve_;
+  MHD_Daemon* daemon_;
+};
+
+/// The answer as bytes: a head with `length_header` ("" or a whole line) and `body`.
+std::string raw_answer(const Answer& answer, const std::string& length_header, const std::string& body);
+
+}  // namespace skyport
+
+#endif

@@ -1,0 +1,16 @@
+// The service's listeners, and the faults that break an answer on the wire.
+#ifndef SKYPORT_SERVER_H
+#define SKYPORT_SERVER_H
+
+#include "http.h"
+#include "requests.h"
+
+namespace skyport {
+
+/// Serves one request: decides, records the exchange, and applies the fault that strikes it.
+/// `relay_only`: the listener takes absolute URLs alone.
+Answer serve_request(Service& service, const Request& request, bool relay_only);
+
+}  // namespace skyport
+
+#endif

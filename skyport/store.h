@@ -1,0 +1,116 @@
+// What the service keeps: registrations, reports, aliases and connect-back results in SQLite, and the
+// last exchanges in memory. Any thread may call. A failing database throws StoreError.
+#ifndef SKYPORT_STORE_H
+#define SKYPORT_STORE_H
+
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+struct sqlite3;
+
+namespace skyport {
+
+struct StoreError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// Elements of a body in their order: name, text.
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+/// Times are wall-clock milliseconds.
+struct ConnectBack {
+  int64_t time = 0;
+  std::string address;
+  uint16_t port = 0;
+  bool connected = false;
+  int64_t took_ms = 0;
+  std::string error;
+};
+
+/// A value that a camera reported, with the time of it.
+template <typename Value>
+struct Reported {
+  Value value;
+  int64_t time;
+};
+
+struct Device {
+  std::string hid;
+  int64_t seen = 0;     // last request with right credentials
+  int64_t updates = 0;  // how many updates came
+  std::optional<Reported<Fields>> update;
+  std::optional<Reported<int64_t>> enabled;
+  std::optional<Reported<std::string>> alias;
+  std::optional<Reported<std::string>> first_connection;
+  std::vector<ConnectBack> connect_backs;  // the last ones, oldest first
+};
+
+/// Who has a name; an empty hid is a name that nobody can get.
+struct Alias {
+  std::string name;
+  std::string hid;
+};
+
+class Store {
+ public:
+  /// Opens or makes the database; ":memory:" keeps nothing.
+  explicit Store(const std::string& file);
+  ~Store();
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  void saw(const std::string& hid);
+  void update(const std::string& hid, const Fields& fields);
+  void enable(const std::string& hid, int64_t value);
+  void report(const std::string& hid, const std::string& xml);
+  void connected_back(const std::string& hid, const ConnectBack& result);
+  /// Gives `name` to `hid` in place of its old one; an empty name gives the old one up. False when
+  /// another has it. Names differ in more than the case of their letters.
+  bool take_alias(const std::string& hid, const std::string& name);
+  /// Makes names taken, whoever had them.
+  void put_aliases(const std::vector<Alias>& aliases);
+
+  std::vector<Device> devices();
+  std::vector<Alias> aliases();
+
+ private:
+  std::mutex mutex_;
+  sqlite3* db_ = nullptr;
+};
+
+/// One request and what came of it. Texts are empty where there was none.
+struct Exchange {
+  int64_t id = 0;
+  int64_t time = 0;  // wall-clock milliseconds
+  std::string peer, local;
+  std::string method, target, path, host;
+  bool relay = false;
+  bool authorized = false;
+  std::string user, nc, cnonce, uri;
+  std::string digits, request, answer;
+  unsigned status = 0;  // 0: no answer that is HTTP
+  std::string fault, error;
+};
+
+/// The last exchanges, of bounded number and size.
+class ExchangeLog {
+ public:
+  void add(Exchange exchange);
+  /// Those with an id above `id`, oldest first.
+  std::vector<Exchange> since(int64_t id);
+
+ private:
+  std::mutex mutex_;
+  std::deque<Exchange> last_;
+  int64_t next_id_ = 1;
+};
+
+}  // namespace skyport
+
+#endif
