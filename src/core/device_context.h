@@ -20,6 +20,9 @@ constexpr std::size_t ip_len = 16;   // a dotted IPv4 address
 constexpr std::size_t port_len = 6;  // a decimal port
 constexpr std::size_t uid_len = 64;  // the device uid
 
+/// Characters of a relay's address; a shorter text counts as none.
+constexpr std::size_t min_proxy_ip_len = 7;
+
 /// The states of a registration cycle. The numbers go over the wire and index the handler table.
 enum RegState : std::int32_t {
   START = 0,

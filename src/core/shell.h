@@ -4,7 +4,11 @@
 
 namespace kestrel {
 
-/// Runs a fixed command line through the system shell and waits for its end. Its status is not used.
+/// Seconds that a command may keep its caller; one that takes longer goes on by itself.
+constexpr int shell_timeout_s = 30;
+
+/// Runs a fixed command line through the system shell and waits for its end, shell_timeout_s at most.
+/// Its status is not used. The command starts with no signal blocked or ignored.
 void run_shell(const char* command);
 
 }  // namespace kestrel

@@ -97,7 +97,9 @@ bool change_domain(char* domain) {
 void Finderd_set_lumen_device_1_2() {
   debug_log("%s() >>>\n", "Finderd_set_lumen_device_1_2");
   const std::uint8_t wanted = finder.req[at_arg];
-  const bool valid = wanted <= 1;
+  // A request that ends before its argument must not read as "off".
+  const bool has_arg = request_u16(at_length) + finder_header_len > at_arg;
+  const bool valid = has_arg && wanted <= 1;
   const std::uint32_t error_number = valid ? 0 : 1;
   log_error_number(error_number);
   int is_changed = 0;

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "core/debug_log.h"
+#include "core/wait.h"
 #include "net/address.h"
 #include "platform/upnpc.h"
 #include "regstate/auth_fail_count.h"
@@ -17,7 +18,7 @@ namespace kestrel {
 namespace {
 
 constexpr int attempts = 2;
-constexpr std::size_t min_proxy_len = 7;  // characters; a shorter address counts as none
+constexpr unsigned undecided_pause_s = 10;
 
 void give_up(DeviceContext& ctx) {
   auth_fail_count.ip_ready = 0;
@@ -52,10 +53,12 @@ void go_IpReady(DeviceContext* ctx) {
       ++auth_fail_count.ip_ready;
       return;
     }
-    if (std::strlen(ctx->proxy.ip) < min_proxy_len) return give_up(*ctx);
+    if (std::strlen(ctx->proxy.ip) < min_proxy_ip_len) return give_up(*ctx);
     debug_log("[kestreld]: Test proxy srv.........\n");
     store_word(ctx->proxy_tested, 1);
   }
+  // Neither route decided. This state runs again; refused connections would have it spin.
+  wait_while(ctx->run, undecided_pause_s);
 }
 
 void go_InternetReady(DeviceContext* ctx) {

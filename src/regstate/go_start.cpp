@@ -83,8 +83,7 @@ bool find_own_address(DeviceContext& ctx) {
   return true;
 }
 
-bool report_switch(DeviceContext& ctx) {
-  const int enabled = read_enable_switch(ctx);
+bool report_switch(DeviceContext& ctx, int enabled) {
   debug_log(" Enable=%d, Last_Spt_Enabled=%d\n", enabled, ctx.Last_Spt_Enabled);
   return enabled == ctx.Last_Spt_Enabled || report_enable_up_to_3(ctx, enabled);
 }
@@ -112,7 +111,13 @@ void go_START(DeviceContext* ctx) {
     wait_while(ctx->run, retry_s);
     return;
   }
-  if (!report_switch(*ctx) || ctx->Last_Spt_Enabled == 0 || !find_access_server(*ctx)) {
+  const int enabled = read_enable_switch(*ctx);
+  if (enabled < 0) {
+    // A store that is not ready yet says nothing about what the user wants.
+    wait_while(ctx->run, retry_s);
+    return;
+  }
+  if (!report_switch(*ctx, enabled) || ctx->Last_Spt_Enabled == 0 || !find_access_server(*ctx)) {
     set_state(*ctx, LumenDevNotReady);
     return;
   }

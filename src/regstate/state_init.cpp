@@ -12,6 +12,7 @@
 #include "net/address.h"
 #include "platform/tesselcfg.h"
 #include "regstate/state_table.h"
+#include "regstate/steps.h"
 #include "service/body_cipher.h"
 #include "service/srv_util.h"
 #include "upnp/port_mapping.h"
@@ -49,14 +50,12 @@ void reset(DeviceContext& current) {
   zero(current.e);
   zero(current.i);
   zero(current.ue);
-  store_text(current.proxy.ip, "");
-  store_text(current.proxy.port, "");
+  clear_proxy(current);
   zero(current.hid);
   zero(current.sname);
   zero(current.uid);
   zero(current.auth_info);
   current.IsNeedQueryDAIP = 1;
-  store_word(current.proxy_tested, 0);
   current.Last_Spt_Enabled = -1;
 }
 

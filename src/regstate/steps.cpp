@@ -42,10 +42,10 @@ int guard(DeviceContext& ctx, int result, std::uint32_t& count) {
 /// While the flag is set: each request that comes during the hold adds another one, a reload ends it.
 void hold_for_configuration(DeviceContext& current) {
   while (load_word(current.configure) != 0) {
-    // Armed before the flag is cleared: a request that comes from here on ends this sleep and sets the
-    // flag again; one that came before must not cut it short.
-    wait_arm();
+    // Armed behind the clearing: a request that comes in between has set the flag again and is served by
+    // another turn, and none that came before cuts this sleep short.
     store_word(current.configure, 0U);
+    wait_arm();
     if (load_word(current.dev_reload) != 0) return;
     debug_log("sleep %d secs\n", static_cast<int>(configuration_hold_s));
     wait_regardless(configuration_hold_s);
@@ -76,8 +76,7 @@ bool report_enable_up_to_3(DeviceContext& ctx, int enabled) {
 
 int read_enable_switch(const DeviceContext& ctx) {
   char enabled = 0;
-  if (cre_get_skyport_enable_state(&enabled) != 0) return enabled;
-  return ctx.Last_Spt_Enabled > 0 ? 1 : 0;
+  return cre_get_skyport_enable_state(&enabled) != 0 ? enabled : ctx.Last_Spt_Enabled;
 }
 
 std::uint16_t mapped_port(const DeviceContext& ctx) {
@@ -97,6 +96,13 @@ bool give_up_mapping(DeviceContext& ctx) {
   return true;
 }
 
+void clear_proxy(DeviceContext& current) {
+  // The flag first: the finder's report takes its route from both.
+  store_word(current.proxy_tested, 0);
+  store_text(current.proxy.ip, "");
+  store_text(current.proxy.port, "");
+}
+
 void start_over(DeviceContext& current) {
   *current.last = current;
   current.last->last = nullptr;
@@ -105,9 +111,7 @@ void start_over(DeviceContext& current) {
   zero(current.e);
   zero(current.i);
   zero(current.ue);
-  store_text(current.proxy.ip, "");
-  store_text(current.proxy.port, "");
-  store_word(current.proxy_tested, 0);
+  clear_proxy(current);
   hold_for_configuration(current);
   set_state(current, START);
   current.cb_fail_count = 0;

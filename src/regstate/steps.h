@@ -16,7 +16,8 @@ int query_daip(DeviceContext& ctx);
 /// `Last_Spt_Enabled`. Returns true when it did.
 bool report_enable_up_to_3(DeviceContext& ctx, int enabled);
 
-/// The user's switch for the service: 0 or 1; what was last reported when it cannot be read.
+/// The user's switch for the service: 0 or 1; what was last reported (-1 for nothing) when it cannot be
+/// read.
 int read_enable_switch(const DeviceContext& ctx);
 
 /// Deletes the mapping of `ue.port` and, when it was deleted, has the camera's port forwarder reload.
@@ -28,6 +29,9 @@ std::uint16_t mapped_port(const DeviceContext& ctx);
 /// Counts a failed connect-back and gives the mapping up. Returns true when the port is to be tried no
 /// more: `ue.port` is then "0".
 bool give_up_mapping(DeviceContext& ctx);
+
+/// Forgets the relay.
+void clear_proxy(DeviceContext& current);
 
 /// Ends the cycle: keeps it as the last record and begins anew at START, after the configuration hold
 /// when one was asked for.

@@ -14,7 +14,7 @@ namespace kestrel {
 
 namespace {
 
-int leftover_socket = -1;
+LeftoverSocket leftover_socket;
 
 constexpr Request report_request = {
     .path = "/conn_report.html",

@@ -14,13 +14,14 @@ namespace kestrel {
 
 namespace {
 
-int leftover_socket = -1;
+LeftoverSocket leftover_socket;
 
 /// This request logs what the queries log, but for the lines that it shares with the reports.
 constexpr ExchangeLog log_of_alias() {
   ExchangeLog log = log_of_reports;
   log.auth_on = log_of_queries.auth_on;
   log.buffer_length = log_of_queries.buffer_length;
+  log.send_buffer = "%s\n";
   log.portnum = log_of_queries.portnum;
   log.sent = log_of_queries.sent;
   log.body_read = log_of_queries.body_read;

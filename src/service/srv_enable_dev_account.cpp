@@ -9,7 +9,7 @@ namespace kestrel {
 
 namespace {
 
-int leftover_socket = -1;
+LeftoverSocket leftover_socket;
 
 constexpr ExchangeLog with_own_lines(ExchangeLog log) {
   log.body_read = "reader.Body_Read=%d\n";

@@ -13,7 +13,7 @@ namespace kestrel {
 
 namespace {
 
-int leftover_socket = -1;
+LeftoverSocket leftover_socket;
 
 constexpr Request update_request = {
     .path = "/iupd.html",

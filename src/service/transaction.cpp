@@ -2,15 +2,19 @@
 #include "service/transaction.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
 #include "core/debug_log.h"
 #include "core/text.h"
+#include "service/answer.h"
 #include "service/body_cipher.h"
 #include "service/connect.h"
 #include "service/digest.h"
@@ -40,17 +44,23 @@ void log_if(const char* format, Args... args) {
   if (format != nullptr) debug_log(format, args...);
 }
 
+/// Copies the relay's address and port; false when requests go direct. The main thread may forget the relay
+/// while the finder thread reads it, so the copy is judged, not the record.
+bool find_relay(const DeviceContext& ctx, char (&ip)[ip_len], char (&port)[port_len]) {
+  load_text(ip, ctx.proxy.ip);
+  load_text(port, ctx.proxy.port);
+  return load_word(ctx.proxy_tested) == 1 && std::strlen(ip) >= min_proxy_ip_len;
+}
+
 void choose_route(const DeviceContext& ctx, const Request& request, const char (&server)[ip_len], Route& route) {
   load_text(route.server, server);
-  if (!through_relay(ctx)) {
+  char port[port_len];
+  if (!find_relay(ctx, route.connect_ip, port)) {
     copy_text(route.connect_ip, route.server);
     route.connect_port = service_port;
     copy_text(route.path, request.path);
     return;
   }
-  char port[port_len];
-  load_text(route.connect_ip, ctx.proxy.ip);
-  load_text(port, ctx.proxy.port);
   route.connect_port = static_cast<std::uint16_t>(std::atoi(port));
   format_text(route.path, sizeof(route.path), "http://%s:%d/%s", route.server, service_port, request.path + 1);
 }
@@ -89,7 +99,7 @@ packetheader* build_packet(const Request& request, Route& route, const char* bod
 }
 
 /// Serialises the packet and appends the body. Returns the length, or -1 when it does not fit.
-int fill_send_buffer(const Request& request, packetheader* packet, const char* body, char (&out)[max_send_len]) {
+int fill_send_buffer(const Request& request, packetheader* packet, const char* body, char (&out)[max_send_len + 1]) {
   if (packet == nullptr) return -1;
   char* raw = nullptr;
   const int raw_len = ILibGetRawPacket(packet, &raw);
@@ -100,6 +110,8 @@ int fill_send_buffer(const Request& request, packetheader* packet, const char* b
   if (fits) {
     std::memcpy(out, raw, static_cast<std::size_t>(raw_len));
     if (body_len > 0) std::memcpy(out + raw_len, body, body_len);
+    out[static_cast<std::size_t>(raw_len) + body_len] = '\0';
+    log_if(request.log.send_buffer, static_cast<const char*>(out));
   }
   std::free(raw);
   return fits ? raw_len + static_cast<int>(body_len) : -1;
@@ -108,6 +120,8 @@ int fill_send_buffer(const Request& request, packetheader* packet, const char* b
 /// Opens the connection. The descriptor is in the reader, also when it failed.
 int connect_reader(const Request& request, const Route& route, ILibHCHTTPReaderObject& reader) {
   const int portnum = ILibGetStreamSocket(static_cast<int>(htonl(0)), 0, &reader.ClientSocket);
+  // What the shell starts must not inherit it.
+  if (reader.ClientSocket >= 0) fcntl(reader.ClientSocket, F_SETFD, FD_CLOEXEC);
   log_if(request.log.portnum, portnum);
   sockaddr_in peer{};
   peer.sin_family = AF_INET;
@@ -133,14 +147,24 @@ void log_body(const Request& request, const ILibHCHTTPReaderObject& reader) {
   if (!request.log.body_read_first) log_if(request.log.body_read, reader.Body_Read);
 }
 
+/// Takes the challenge's four texts. The library writes into a record of its own with room behind it, so
+/// that one that does not keep to the sizes cannot reach the Digest state or what stands behind that.
+void read_challenge(packetheader_field_node* fields, AuthenticateInfo& auth) {
+  struct {
+    AuthenticateInfo info;
+    char room[1024];
+  } taken{};
+  if (fields != nullptr) GetAuthenticateInfo(fields, &taken.info);
+  copy_bytes(auth.realm, sizeof(auth.realm), taken.info.realm, sizeof(taken.info.realm));
+  copy_bytes(auth.nonce, sizeof(auth.nonce), taken.info.nonce, sizeof(taken.info.nonce));
+  copy_bytes(auth.algorithm, sizeof(auth.algorithm), taken.info.algorithm, sizeof(taken.info.algorithm));
+  copy_bytes(auth.qop, sizeof(auth.qop), taken.info.qop, sizeof(taken.info.qop));
+}
+
 void take_challenge(const Request& request, packetheader_field_node* fields, AuthenticateInfo& auth) {
   auth.on = 1;
   log_if(request.log.challenge_taken);
-  GetAuthenticateInfo(fields, &auth);
-  terminate(auth.realm);
-  terminate(auth.nonce);
-  terminate(auth.algorithm);
-  terminate(auth.qop);
+  read_challenge(fields, auth);
   fresh_cnonce(auth);
   copy_text(auth.uri, request.challenge_uri);
   copy_text(auth.method, request.method);
@@ -190,22 +214,55 @@ void release_answer(ILibHCHTTPReaderObject& reader) {
   reader.Body_Offset = 0;
 }
 
+void remember(LeftoverSocket& leftover, int fd) {
+  struct stat status {};
+  if (fd < 0 || fstat(fd, &status) != 0) return;
+  leftover = {fd, status.st_dev, status.st_ino};
+}
+
+void close_leftover(const Request& request) {
+  if (request.leftover == nullptr || request.leftover->fd < 0) return;
+  struct stat status {};
+  const LeftoverSocket left = *request.leftover;
+  *request.leftover = {};
+  if (fstat(left.fd, &status) != 0 || status.st_dev != left.device || status.st_ino != left.inode) return;
+  close(left.fd);
+}
+
 /// Nothing usable came. Some requests leave the socket open here; what they leave is remembered.
 int give_up(const Request& request, ILibHCHTTPReaderObject& reader) {
   release_answer(reader);
   if (request.after_no_answer == AfterNoAnswer::close) {
     ILibForceClose(&reader);
   } else {
-    *request.leftover = reader.ClientSocket;
+    remember(*request.leftover, reader.ClientSocket);
   }
   log_if(request.log.no_answer);
   return request.no_answer_result;
 }
 
-void close_leftover(const Request& request) {
-  if (request.leftover == nullptr || *request.leftover < 0) return;
-  close(*request.leftover);
-  *request.leftover = -1;
+/// Sends and receives on the way to `route`. `out` is the whole request.
+int exchange(DeviceContext& ctx, const Request& request, const Route& route, const char* out, int out_len,
+             AuthenticateInfo& auth, AnswerReader read_answer, void* sink) {
+  ILibHCHTTPReaderObject reader{};
+  reader.ClientSocket = -1;
+  if (connect_reader(request, route, reader) != 0) {
+    ILibForceClose(&reader);
+    return request_no_answer;
+  }
+  const auto sent = static_cast<int>(send(reader.ClientSocket, out, static_cast<std::size_t>(out_len), 0));
+  log_if(request.log.sent, sent);
+  if (sent < 0 && request.after_send_failure != AfterSendFailure::receive) {
+    ILibForceClose(&reader);
+    return request.after_send_failure == AfterSendFailure::send_result ? sent : request_no_answer;
+  }
+  if (await_answer(reader.ClientSocket, exchange_timeout_s)) ILibProcessSocketRecv(&reader);
+  if (reader.PacketHeader == nullptr) return give_up(request, reader);
+  log_body(request, reader);
+  const int result = judge_answer(ctx, request, reader, auth, sent, read_answer, sink);
+  release_answer(reader);
+  ILibForceClose(&reader);
+  return result;
 }
 
 }  // namespace
@@ -217,33 +274,24 @@ bool through_relay(const DeviceContext& ctx) {
 int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len], const char* body,
                  AuthenticateInfo& auth, AnswerReader read_answer, void* sink) {
   close_leftover(request);
-  ILibHCHTTPReaderObject reader{};
-  reader.ClientSocket = -1;
   log_if(request.log.auth_on, static_cast<int>(auth.on));
   Route route{};
   choose_route(ctx, request, server, route);
-  char out[max_send_len];
+  char out[max_send_len + 1];
   const int out_len = fill_send_buffer(request, build_packet(request, route, body, auth), body, out);
   if (out_len < 0) {
     debug_log("[kestreld] *** request does not fit into its buffer\n");
     return request.no_answer_result;
   }
-  if (connect_reader(request, route, reader) != 0) {
-    ILibForceClose(&reader);
-    return request_no_answer;
-  }
-  const auto sent = static_cast<int>(send(reader.ClientSocket, out, static_cast<std::size_t>(out_len), 0));
-  log_if(request.log.sent, sent);
-  if (sent < 0 && request.after_send_failure != AfterSendFailure::receive) {
-    ILibForceClose(&reader);
-    return request.after_send_failure == AfterSendFailure::send_result ? sent : request_no_answer;
-  }
-  ILibProcessSocketRecv(&reader);
-  if (reader.PacketHeader == nullptr) return give_up(request, reader);
-  log_body(request, reader);
-  const int result = judge_answer(ctx, request, reader, auth, sent, read_answer, sink);
-  release_answer(reader);
-  ILibForceClose(&reader);
+  // A changed setting must not fail the exchange that it finds under way; an exit request may.
+  sigset_t settings;
+  sigset_t before;
+  sigemptyset(&settings);
+  sigaddset(&settings, SIGUSR1);
+  sigaddset(&settings, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &settings, &before);
+  const int result = exchange(ctx, request, route, out, out_len, auth, read_answer, sink);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return result;
 }
 

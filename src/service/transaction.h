@@ -3,6 +3,8 @@
 #ifndef KESTREL_SERVICE_TRANSACTION_H
 #define KESTREL_SERVICE_TRANSACTION_H
 
+#include <sys/types.h>
+
 #include <cstddef>
 
 #include "core/device_context.h"
@@ -22,6 +24,7 @@ constexpr int exchange_timeout_s = 20;  // to connect, and for every send and re
 struct ExchangeLog {
   const char* auth_on;        // "%d"
   const char* buffer_length;  // "%d"
+  const char* send_buffer;    // "%s"
   const char* portnum;        // "%d"
   const char* connect_to;     // "%s:%d"
   const char* connected;      // "%d"
@@ -46,6 +49,14 @@ struct ExchangeLog {
 enum class AfterSendFailure { receive, no_answer, send_result };
 enum class AfterNoAnswer { close, leave_open };
 
+/// A socket that a request left open. It is known by more than its number, which may serve somebody else by
+/// the time it is closed.
+struct LeftoverSocket {
+  int fd = -1;
+  dev_t device = 0;
+  ino_t inode = 0;
+};
+
 /// What one request is.
 struct Request {
   const char* path;           // with its slash; without it behind the relay's "http://ip:80/"
@@ -58,8 +69,8 @@ struct Request {
   AfterSendFailure after_send_failure;
   AfterNoAnswer after_no_answer;
   int no_answer_result;
-  int other_status_result;  // 0: the byte count of the send
-  int* leftover;            // the descriptor that a path left open; closed by the next exchange
+  int other_status_result;   // 0: the byte count of the send
+  LeftoverSocket* leftover;  // what a path left open; closed by the next exchange of the request
 };
 
 /// Takes the plain text of a 200 answer that had a body. `sink` is the caller's own.
@@ -72,7 +83,7 @@ using AnswerReader = void (*)(DeviceContext& ctx, const char* plain, void* sink)
 int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len], const char* body,
                  AuthenticateInfo& auth, AnswerReader read_answer, void* sink);
 
-/// True when the record's requests go through the relay.
+/// True when the record's requests go through the relay: this cycle has fallen back to it, and it is known.
 bool through_relay(const DeviceContext& ctx);
 
 // The log texts of the two families of requests: those whose lines begin with a blank, and the others.
@@ -80,6 +91,7 @@ bool through_relay(const DeviceContext& ctx);
 constexpr ExchangeLog log_of_queries = {
     .auth_on = " auth_info->on=%d\n",
     .buffer_length = " BufferLength=(%d)\n",
+    .send_buffer = nullptr,
     .portnum = " portnum=(%d)\n",
     .connect_to = nullptr,
     .connected = " connect=%d\n",
@@ -104,6 +116,7 @@ constexpr ExchangeLog log_of_queries = {
 constexpr ExchangeLog log_of_reports = {
     .auth_on = nullptr,
     .buffer_length = nullptr,
+    .send_buffer = nullptr,
     .portnum = nullptr,
     .connect_to = nullptr,
     .connected = "connect=%d\n",
