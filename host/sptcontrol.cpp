@@ -1,0 +1,69 @@
+// libsptcontrol: the service's state in a small file under the run directory, for people and tools:
+//   online=1
+//   uri=http://host.of.the.service
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+#include <string>
+#include <system_error>
+
+#include "abi.h"
+#include "atomic_file.h"
+#include "setting_table.h"
+#include "settings.h"
+
+namespace host {
+
+namespace {
+
+constexpr std::size_t max_uri_len = 127;  // characters
+
+struct Status {
+  std::mutex mutex;
+  bool online = false;
+  std::string uri;
+};
+
+Status& status() {
+  static auto* const instance = new Status;
+  return *instance;
+}
+
+int publish(const Status& state) {
+  const auto run_dir = text_now(setting::run_dir);
+  if (!run_dir) return 0;
+  const std::string path = *run_dir + "/status";
+  const std::string text = std::string("online=") + (state.online ? "1" : "0") + "\nuri=" + state.uri + "\n";
+  if (make_directories(*run_dir) && replace_file(path, text, nullptr)) return 1;
+  complain(path, "cannot be written: " + std::generic_category().message(errno));
+  return 0;
+}
+
+}  // namespace
+
+}  // namespace host
+
+extern "C" {
+
+int SetSptOnLineStatus(int online) {
+  return host::guarded(0, [&] {
+    host::Status& state = host::status();
+    const std::lock_guard lock(state.mutex);
+    state.online = online != 0;
+    return host::publish(state);
+  });
+}
+
+int SetSptURI(const char* uri) {
+  return host::guarded(0, [&] {
+    host::Status& state = host::status();
+    const std::lock_guard lock(state.mutex);
+    state.uri = uri == nullptr ? "" : std::string(uri, strnlen(uri, host::max_uri_len));
+    // A line break in it would read as another entry.
+    std::ranges::replace_if(
+        state.uri, [](char c) { return static_cast<unsigned char>(c) < 0x20; }, '?');
+    return host::publish(state);
+  });
+}
+
+}  // extern "C"
