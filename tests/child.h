@@ -1,0 +1,67 @@
+// Runs a piece of a test in a process of its own, and keeps what it prints.
+#ifndef KESTREL_TESTS_CHILD_H
+#define KESTREL_TESTS_CHILD_H
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+
+struct Child {
+  int status = -1;  // exit status; 128 and the signal's number when a signal ended it
+  std::string out, err;
+};
+
+inline std::string read_file(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline void write_file(const std::string& path, const std::string& text) {
+  std::ofstream(path) << text;
+}
+
+/// Its exit status is what `work` returns, or 99 when an expectation failed in it.
+inline Child run_child(const std::function<int()>& work) {
+  char out[] = "/tmp/kestrel_test_out_XXXXXX";
+  char err[] = "/tmp/kestrel_test_err_XXXXXX";
+  const int files[] = {mkstemp(out), mkstemp(err)};
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(files[0], STDOUT_FILENO);
+    dup2(files[1], STDERR_FILENO);
+    const int status = work();
+    std::fflush(nullptr);
+    _exit(::testing::Test::HasFailure() ? 99 : status);
+  }
+  int status = 0;
+  Child child;
+  if (pid > 0 && waitpid(pid, &status, 0) == pid) {
+    child.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  child.out = read_file(out);
+  child.err = read_file(err);
+  for (const int file : files) close(file);
+  unlink(out);
+  unlink(err);
+  return child;
+}
+
+/// Gives the calling process a /tmp of its own, which nobody else sees. False where that is not allowed.
+inline bool own_tmp() {
+  if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+  return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount("none", "/tmp", "tmpfs", 0, nullptr) == 0;
+}
+
+#endif

@@ -1,0 +1,15 @@
+// The fixture of every test on the fake platform.
+#ifndef KESTREL_TESTS_FIXTURE_H
+#define KESTREL_TESTS_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include "fake_platform/fake_platform.h"
+
+class FakeTest : public ::testing::Test {
+ protected:
+  void SetUp() override { fake_reset(); }
+  void TearDown() override { fake_reset(); }
+};
+
+#endif
