@@ -12,8 +12,8 @@ from pathlib import Path
 
 from lab import world
 from lab.control_point import Refused
-from lab.scenarios import SCENARIOS
 from lab.follower import Failed
+from lab.scenarios import SCENARIOS
 from lab.scene import Scene
 from lab.stage import Options
 
@@ -38,7 +38,7 @@ def run(argv: list[str]) -> int:
                         help="where the logs go (default: lab/NAME in the build)")
     parser.add_argument("--watch", action="store_true", help="stay registered until Ctrl-C, where the scenario can")
     parser.add_argument("--here", action="store_true",
-                        help="on this machine itself, without namespaces (loopback only)")
+                        help="in real time on this machine itself, without namespaces (loopback only)")
     parser.add_argument("--probe", action="store_true", help="only say whether scenarios can be played here: 0 or 77")
     options = parser.parse_args(argv)
     if options.list or options.names:
@@ -58,7 +58,7 @@ def run(argv: list[str]) -> int:
         return 2
     if len(names) * options.times == 1:
         return _play_one(names[0], options, build)
-    return _play_many(names, options.times, argv, build)
+    return _play_many(names, options, build)
 
 
 def find_build(command: str, build: Path | None) -> Path | None:
@@ -76,8 +76,9 @@ def find_build(command: str, build: Path | None) -> Path | None:
 def _play_one(name: str, options: argparse.Namespace, build: Path) -> int:
     scenario = SCENARIOS[name]
     kept = (options.keep_log or build / "lab" / name).resolve()
-    scene_options = Options(speed=1 if options.real_time else options.speed or scenario.speed, kept=kept,
-                            watch=options.watch, register_within_s=options.within)
+    speed = 1 if options.real_time or options.here else options.speed or scenario.speed
+    scene_options = Options(speed=speed, kept=kept, watch=options.watch,
+                            register_within_s=options.within)
     if options.here:
         return _play_here(scenario, scene_options, build)
     return world.enter(lambda: _play(scenario, scene_options, build), longest_s=0 if options.watch else _LONGEST_S)
@@ -104,8 +105,8 @@ def _play_here(scenario, options: Options, build: Path) -> int:
     try:
         socket.create_server(("127.0.0.1", 80)).close()
     except OSError as error:
-        print(f"lab/run: port 80 of 127.0.0.1 can't be had ({error.strerror}), and the daemon knows no other; run this as "
-              "root, with nothing else on that port", file=sys.stderr)
+        print(f"lab/run: port 80 of 127.0.0.1 can't be had ({os.strerror(error.errno)}), and the daemon knows no "
+              "other; run this as root, with nothing else on that port", file=sys.stderr)
         return 1
     scratch = options.kept / "scratch"
     shutil.rmtree(scratch, ignore_errors=True)
@@ -152,15 +153,17 @@ def _tell(scenario, options: Options) -> int:
     return 0
 
 
-def _play_many(names: list[str], times: int, argv: list[str], build: Path) -> int:
+def _play_many(names: list[str], options: argparse.Namespace, build: Path) -> int:
     """One process a scenario, so that each has its own world; the sum at the end."""
-    passed_on = [word for index, word in enumerate(argv) if word not in names and word not in ("--all", "--times")
-                 and (index == 0 or argv[index - 1] != "--times")]
+    passed_on = ["--build", str(build), "--within", str(options.within)]
+    passed_on += ["--real-time"] if options.real_time else []
+    passed_on += ["--speed", str(options.speed)] if options.speed else []
     results: dict[str, list[str]] = {name: [] for name in names}
-    for _ in range(times):
+    for _ in range(options.times):
         for name in names:
             begun = time.monotonic()
-            code = subprocess.run([sys.executable, "-B", str(_LAB / "run"), name, *passed_on]).returncode
+            logs = ["--keep-log", str(options.keep_log / name)] if options.keep_log else []
+            code = subprocess.run([sys.executable, "-B", str(_LAB / "run"), name, *passed_on, *logs]).returncode
             if code == 130:
                 return 130
             word = {0: "passed", world.SKIPPED: "skipped"}.get(code, "FAILED")

@@ -3,7 +3,7 @@
 
 # What configuring and building everything takes.
 build_packages=(
-  cmake ninja-build g++ pkg-config libglib2.0-dev libminiupnpc-dev libcurl4-openssl-dev libboost-dev nettle-dev
+  cmake ninja-build g++ pkg-config libglib2.0-dev libcurl4-openssl-dev libboost-dev nettle-dev
   libmicrohttpd-dev libpugixml-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev libfmt-dev libgtest-dev libgmock-dev
   libbenchmark-dev
 )
