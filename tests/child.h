@@ -59,7 +59,14 @@ inline Child run_child(const std::function<int()>& work) {
 
 /// Gives the calling process a /tmp of its own, which nobody else sees. False where that is not allowed.
 inline bool own_tmp() {
-  if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+  const auto root_is = [](unsigned id) { return "0 " + std::to_string(id) + " 1"; };
+  const std::string user = root_is(getuid()), group = root_is(getgid());
+  if (unshare(CLONE_NEWNS) != 0) {
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+    write_file("/proc/self/setgroups", "deny");
+    write_file("/proc/self/uid_map", user);
+    write_file("/proc/self/gid_map", group);
+  }
   return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
          mount("none", "/tmp", "tmpfs", 0, nullptr) == 0;
 }

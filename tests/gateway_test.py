@@ -12,30 +12,25 @@ import unittest
 from concurrent.futures import ThreadPoolExecutor
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
-IP1, IP2, PPP1, PPP2 = (f"urn:schemas-upnp-org:service:WAN{kind}Connection:{version}"
+IP1, IP2, PPP1, _ = (f"urn:schemas-upnp-org:service:WAN{kind}Connection:{version}"
                         for kind in ("IP", "PPP") for version in (1, 2))
 NOBODY = "http://127.0.0.1:1/desc.xml"
 
 
-class Server(ThreadingHTTPServer):
-    daemon_threads = True
-    request_queue_size = 50
-
-    def handle_error(self, *_):
-        pass  # a client that gave up
+ThreadingHTTPServer.handle_error = lambda *_: None  # a client that gave up
 
 
 class Gateway:
     """Answers searches, describes itself, keeps a table of mappings, all as its attributes say."""
 
     def __init__(self, services=((IP1, "/control"),), ip="127.0.0.1", location=None, **told):
-        self.services, self.pad, self.base, self.external = services, 0, "", "203.0.113.5"
+        self.services, self.pad, self.external = services, 0, "203.0.113.5"
         self.before, self.silent_searches = [], 0  # locations that others answer with first; questions not answered
         self.description_mode = self.control_mode = ""
         self.errors, self.connected, self.maps = lambda action, arguments: 0, "", True
         self.table, self.calls, self.gets = {}, [], 0
         self.__dict__.update(told)
-        self.http = Server((ip, 0), self.handler())
+        self.http = ThreadingHTTPServer((ip, 0), self.handler())
         self.ssdp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.ssdp.bind(("127.0.0.1", 0))
         self.location = (location or "http://{}/desc.xml").format("%s:%d" % self.http.server_address)
@@ -55,18 +50,16 @@ class Gateway:
     def description(self):
         services = "".join(f"<service><serviceType>{kind}</serviceType><controlURL>{url}</controlURL></service>"
                            for kind, url in self.services)
-        return f"""<?xml version="1.0"?><root><URLBase>{self.base}</URLBase><device>
+        return f"""<?xml version="1.0"?><root><device>
             <friendlyName> Tom &amp; J&#xE9;r&#244;me <!-- x --></friendlyName><manufacturer><![CDATA[A<B>]]></manufacturer>
             <modelName>{"M" * 50}</modelName><modelNumber/>{"<icon>x</icon>" * (self.pad // 14)}<deviceList><device>
             <presentationURL>inner</presentationURL><serviceList>{services}</serviceList></device></deviceList>
             <presentationURL>http://own/</presentationURL></device></root>"""
 
-    def act(self, action, arguments):
+    def act(self, action, path, arguments):
         """An action's answer, or its UPnP error code."""
         port = arguments.get("NewExternalPort")
         match action:
-            case "GetExternalIPAddress":
-                return {"NewExternalIPAddress": self.external}
             case "AddPortMapping" if self.maps:
                 self.table[port] = arguments
             case "DeletePortMapping":
@@ -76,7 +69,9 @@ class Gateway:
             case "GetGenericPortMappingEntry":
                 index = int(arguments["NewPortMappingIndex"])
                 return list(self.table.values())[index] if index < len(self.table) else 713
-        return {}
+            case "GetStatusInfo":
+                return {"NewConnectionStatus": "Connected" if path == self.connected else "Disconnected"}
+        return {"NewExternalIPAddress": self.external}
 
     def handler(gateway):
         class Handler(BaseHTTPRequestHandler):
@@ -93,9 +88,7 @@ class Gateway:
                 assert f'<u:{action} xmlns:u="{kind}">' in body
                 arguments = dict(re.findall(r"<(New\w+)>([^<]*)</", body))
                 gateway.calls.append((action, self.path, arguments))
-                result = gateway.errors(action, arguments) or gateway.act(action, arguments)
-                if action == "GetStatusInfo":
-                    result = {"NewConnectionStatus": "Connected" if self.path == gateway.connected else "Disconnected"}
+                result = gateway.errors(action, arguments) or gateway.act(action, self.path, arguments)
                 if isinstance(result, int):
                     result = f"<s:Fault><detail><UPnPError><errorCode>{result}</errorCode></UPnPError></detail></s:Fault>"
                 else:
@@ -117,11 +110,8 @@ class Gateway:
                         self.wfile.write(b"HTTP/1.1 200 OK\r\n" + (b"\r\n" if mode == "flood" else b""))
                         while True:
                             self.wfile.write(b"X: <x>\r\n" * 10000)
-                    case "redirect":
-                        self.wfile.write(f"HTTP/1.1 302 X\r\nLocation: {self.path}x\r\n\r\n".encode())
-                        gateway.description_mode = gateway.control_mode = ""  # who follows it gets an answer
                     case _:
-                        self.wfile.write({"": whole, "close": b"", "garbage": b"\0\1\2\3" * 100, "cut": whole[:-20],
+                        self.wfile.write({"": whole, "404": whole.replace(b" 200 ", b" 404 "), "garbage": b"\0\1\2\3" * 100, "cut": whole[:-20],
                                           "no XML": b"HTTP/1.1 200 X\r\n\r\n<<a<b>>&&;&#xfffffffff;<!--<![CDATA["}[mode])
 
         return Handler
@@ -147,16 +137,16 @@ class Bench:
         assert self.process.returncode == 0, self.process.returncode
         self.folder.cleanup()
 
-    def ask(self, call, *arguments, timeout=8):
+    def ask(self, call, port=0, timeout=8):
         """The call's result and outputs; `took` is how long it was at it."""
         start = time.monotonic()
-        print(call, *arguments, timeout, file=self.process.stdin, flush=True)
+        print(call, port, timeout, file=self.process.stdin, flush=True)
         result, *texts = self.process.stdout.readline().rstrip("\n").split("\t")
         self.took = time.monotonic() - start
         return [int(result), *texts]
 
-    def code(self, *call, **timeout):
-        return self.ask(*call, **timeout)[0]
+    def codes(self, *calls):
+        return [self.ask(*call.split())[0] for call in calls]
 
     def leases(self):
         """The leases that were asked for since the last time."""
@@ -185,17 +175,15 @@ class GatewayTest(unittest.TestCase):
 
     def test_a_mapping_from_the_search_to_its_end(self):
         with Bench() as bench:
-            self.assertEqual([bench.code(*call) for call in (["eip"], ["port", 80], ["entry", 0], ["add", 80], ["delete", 80])],
-                             [-1] * 5, "no gateway yet")
+            self.assertEqual(bench.codes("eip", "port 80", "entry 0", "add 80", "delete 80"), [-1] * 5, "no gateway yet")
             self.assertEqual(bench.ask("discover"), [0, "Tom & Jérôme", "A<B>", "M" * 31, "", "http://own/"])
             self.assertEqual(bench.ask("eip"), [0, "203.0.113.5"])
-            self.assertEqual(bench.ask("port", 80), [3, "-", "-", "-1", "-1"])
-            self.assertEqual(bench.code("add", 80), 0)
+            self.assertEqual(bench.codes("port 80", "add 80"), [3, 0])
             self.assertEqual(bench.ask("port", 80), [1, "cam<&>_AABBCC-1.2-80", "127.0.0.1", "80", "0"])
             self.assertEqual(bench.ask("entry", 0), [0, "cam<&>_AABBCC-1.2-80", "80", "TCP"])
-            self.assertEqual([bench.code("entry", 1), bench.code("delete", 80), bench.code("delete", 80)], [713, 0, 4])
+            self.assertEqual(bench.codes("entry 1", "delete 80", "delete 80"), [713, 0, 4])
             bench.gateway.calls.clear()
-            self.assertEqual([bench.code(call, 0) for call in ("port", "add", "delete")], [3, 102, 4])
+            self.assertEqual(bench.codes("port 0", "add 0", "delete 0"), [3, 102, 4])
             self.assertEqual(bench.gateway.calls, [], "port 0 would stand for all ports")
 
     def test_error_codes(self):
@@ -206,10 +194,9 @@ class GatewayTest(unittest.TestCase):
                 bench.gateway.errors = lambda action, arguments: code
                 told = code if 400 <= code <= 899 else 100
                 with self.subTest(code=code):
-                    self.assertEqual([bench.code("eip"), bench.code("entry", 0), bench.code("add", 80)], [told] * 3)
+                    self.assertEqual(bench.codes("eip", "entry 0", "add 80"), [told] * 3)
                     self.assertEqual(bench.leases(), leases.get(code, ["0"]))
-                    self.assertEqual([bench.code("port", 80), bench.code("delete", 80)],
-                                     [3, 4] if code == 714 else [told] * 2)
+                    self.assertEqual(bench.codes("port 80", "delete 80"), [3, 4] if code == 714 else [told] * 2)
 
     def test_the_lease_that_the_router_insists_on_is_kept(self):
         for lease, refused, code, asked in ((0, "0", 402, [["0", "604800"], ["604800"]]),
@@ -218,7 +205,7 @@ class GatewayTest(unittest.TestCase):
                 bench.gateway.errors = lambda _, arguments: code if arguments.get("NewLeaseDuration") == refused else 0
                 for expected in [*asked, asked[1]]:
                     bench.ask("discover") if expected == asked[0] else None
-                    self.assertEqual((bench.code("add", 80), bench.leases()), (0, expected))
+                    self.assertEqual((bench.codes("add 80"), bench.leases()), ([0], expected))
 
     def test_what_the_table_says(self):
         entry = {"NewInternalClient": "127.0.0.9", "NewInternalPort": "80", "NewPortMappingDescription": "x" * 500,
@@ -233,10 +220,10 @@ class GatewayTest(unittest.TestCase):
             for there, result in (({}, 101), (entry, 101), (entry | {"NewInternalClient": "127.0.0.1"}, 0),
                                   (entry | {"NewInternalClient": "127.0.0.1", "NewInternalPort": "8080"}, 101)):
                 bench.gateway.table = {"80": there} if there else {}
-                self.assertEqual(bench.code("add", 80), result, there)
+                self.assertEqual(bench.codes("add 80"), [result], there)
             bench.gateway.errors = lambda action, _: 501 if action == "GetSpecificPortMappingEntry" else 0
-            self.assertEqual(bench.code("add", 80), 0, "a router that can't say is believed")
-            for external, expected in (("0.0.0.0", [0, "0.0.0.0"]), ("", [4, "-"]), ("1.2.3", [4, "-"]), ("fe80::1", [4, "-"])):
+            self.assertEqual(bench.codes("add 80"), [0], "a router that can't say is believed")
+            for external, expected in (("0.0.0.0", [0, "0.0.0.0"]), ("", [4, "-"]), ("fe80::1", [4, "-"])):
                 bench.gateway.external = external
                 self.assertEqual(bench.ask("eip"), expected)
 
@@ -245,57 +232,45 @@ class GatewayTest(unittest.TestCase):
 
         def check(result, path, told):
             with Bench(**told) as bench:
-                self.assertEqual(bench.code("discover", timeout=1 if result else 8), result)
+                self.assertEqual(bench.ask("discover", timeout=1 if result else 8)[0], result)
                 self.assertLess(bench.took, 3)
                 if path:
-                    self.assertEqual((bench.code("eip"), bench.gateway.calls[-1][:2]), (0, ("GetExternalIPAddress", path)))
+                    self.assertEqual((bench.codes("eip"), bench.gateway.calls[-1][:2]), ([0], ("GetExternalIPAddress", path)))
                 if outside in str(told):
                     self.assertEqual(bench.gateway.gets, 0 if "ip" in told else 1)
 
         self.each([
             (found, "/control", {"services": ((IP2, "control"),)}),
             (found, "/ppp", {"services": ((PPP1, "/ppp"),)}),
-            (found, "/ppp", {"services": ((PPP2, "/ppp"),)}),
             (found, "/b", {"services": ((IP1, "/a"), (PPP1, "/b")), "connected": "/b"}),
-            (found, "/a", {"services": ((IP1, "/a"), (PPP1, "/b"))}),
             (found, "/control", {"pad": 300000}),
             (missed, "", {"pad": 1100000}),
-            (found, "/control", {"base": "http://192.0.2.7/"}),
-            (missed, "", {"services": ()}),
             (missed, "", {"services": (("urn:schemas-upnp-org:service:Layer3Forwarding:1", "/c"),)}),
             (missed, "", {"services": ((IP1, f"http://{outside}/control"),)}),
-            (missed, "", {"services": ((IP1, "http://127.0.0.1.example/control"),)}),
             (missed, "", {"ip": outside}),
-            (missed, "", {"location": "http://localhost:1/"}),
-            (missed, "", {"location": "https://{}/"}),
             (missed, "", {"location": "file:///etc/passwd"}),
-            (missed, "", {"location": "x" * 600}),
+            (missed, "", {"location": "http://{}/" + "x" * 600}),
             (found, "/control", {"silent_searches": 1}),
-            (missed, "", {"silent_searches": 9}),
             *((missed, "", {"description_mode": mode})
-              for mode in ("silent", "drip", "flood", "flooding head", "garbage", "no XML", "cut", "redirect", "close"))], check)
+              for mode in ("silent", "drip", "flood", "flooding head", "garbage", "no XML", "cut", "404"))], check)
 
     def test_bad_neighbours_cost_the_router_nothing(self):
         slow = [Gateway(description_mode=mode).location for mode in ("drip", "silent")]
         with Bench(before=[*slow, NOBODY]) as bench:
-            self.assertEqual(bench.code("discover"), 0)
+            self.assertEqual(bench.codes("discover"), [0])
             self.assertLess(bench.took, 1.5)
 
     def test_a_bad_answer_ends_the_call_in_time(self):
-        in_time, at_once, answered = (-1, 1, 3), (-1, 8, 3), (100, 8, 3)
-
-        def check(mode, expected):
-            result, timeout, at_most = expected
-            calls = (("eip",), ("port", 80), ("entry", 0), ("add", 80), ("delete", 80)) if timeout == 8 else (("eip",), ("add", 80))
+        def check(mode, result):
             with Bench() as bench:
                 bench.ask("discover")
-                for call in calls:
+                for call in ("eip", "port", "entry", "add", "delete")[:1 if mode in ("silent", "drip") else 5]:
                     bench.gateway.control_mode = mode
-                    self.assertEqual(bench.code(*call, timeout=timeout), result, call)
-                    self.assertLess(bench.took, at_most, call)
+                    self.assertEqual(bench.ask(call, 80, timeout=1 if mode in ("silent", "drip") else 8)[0], result, call)
+                    self.assertLess(bench.took, 3, call)
 
-        self.each([("silent", in_time), ("drip", in_time), ("flood", at_once), ("flooding head", at_once), ("cut", at_once),
-                   ("close", at_once), ("garbage", at_once), ("no XML", answered), ("redirect", answered)], check)
+        self.each([("silent", -1), ("drip", -1), ("flood", -1), ("flooding head", -1), ("cut", -1), ("garbage", -1), ("no XML", 100)],
+                  check)
 
 
 if __name__ == "__main__":

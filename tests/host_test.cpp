@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "child.h"
+#include "http_response.h"
 #include "platform/sptcontrol.h"
 #include "platform/tessel.h"
 #include "platform/tesselcfg.h"
@@ -65,10 +66,6 @@ int read_port() {
   int port = 0;
   return net_get_http_srv_port(&port);
 }
-int read_switch() {
-  char enabled = 0;
-  return cre_get_skyport_enable_state(&enabled);
-}
 int read_account() {
   char hid[64], password[64];
   return get_dev_sip_account(hid, password);
@@ -88,25 +85,17 @@ TEST_F(Host, AProblemIsSaidOnceWithFileGroupAndKey) {
   const Row rows[] = {
       {"brand=Lumen", "brand=Lumen", read_model, nullptr},
       {"model=LC-1200\n", "", read_model, "[device] model is missing"},
-      {"model=LC-1200", "model=", read_model, "[device] model has 0 bytes and must have 1 to 46"},
       {"model=LC-1200", "model=\\qx", read_model, "[device] model cannot be read: "},
-      {"http_port=80\n", "http_port=80x\n", read_port, "[network] http_port \"80x\" is not a number from 1 to 65535"},
       {"http_port=80\n", "http_port=65536\n", read_port, "[network] http_port \"65536\" is not a number from 1 to 65535"},
-      {"enabled=1", "enabled=7", read_switch, "[skyport] enabled \"7\" is not a number from 0 to 1"},
       {"hid=\npassword=", "hid=\npassword=", read_account, ""},
-      {"hid=\npassword=", "hid=ABCD1234\npassword=x", read_account, nullptr},
       {"hid=\npassword=", "hid=ABCD1234\npassword=", read_account, "[skyport] password has 0 bytes and must have 1 to 51"},
-      {"hid=\npassword=", "hid=ABCD12\npassword=x", read_account, "[skyport] hid has 6 bytes and must have 8"},
       {"hid=\npassword=", "hid=ABCD-234\npassword=x", read_account, "[skyport] hid \"ABCD-234\" is not a host id of letters and digits"},
       {"#url_format=http://", "hid=ABCD1234\nurl_format=http://{name}", read_url, "[skyport] url_format \"http://{name}{alias-or-hid}.{domain}/\" is not an HTTP URL"},
       {"[device]", "no settings", read_model, "these are no settings: "},
-      {"domain=skyport", "domain=sky port", store_domain, nullptr},
       {"[device]", "no settings", store_domain, "settings are not stored: these are no settings: "},
       {"", "", [] { return store_alias("\xff\xfe", ALIAS_OK); }, "[skyport] alias is not stored: its text is not UTF-8"},
-      {"", "", [] { char text[] = "bad domain"; return cre_set_skyport_domain(text); }, "[skyport] domain is not stored: \"bad domain\" is not a domain name"},
       {"", "", [] { char text[] = "1.2.3"; return set_redirsrv_ip(text); }, "[skyport] redirsrv_ip is not stored: "},
       {"", "", [] { return cre_set_skyport_enable_state(2); }, ""},
-      {"", "", [] { return unlink(getenv("KESTREL_CONF")) + read_model(); }, "cannot read the settings: No such file or directory"},
       {"", "", [] { return unlink(getenv("KESTREL_CONF")) + store_domain(); }, "settings are not stored: cannot read the settings: No such file or directory"},
   };
   // clang-format on
@@ -151,6 +140,8 @@ TEST_F(Host, ASetKeepsCommentsOrderModeAndLink) {
   char text[64];
   EXPECT_EQ(srv_get_skyport_last_alias_name(text, sizeof(text)), 1);
   EXPECT_EQ(text, longest);
+  EXPECT_EQ(store_alias("caf\xc3\xa9", ALIAS_OK) & srv_get_skyport_last_alias_name(text, sizeof("caf\xc3")), 1);
+  EXPECT_STREQ(text, "caf");
 }
 
 TEST_F(Host, AReaderSeesTheOldFileOrTheNewOne) {
@@ -177,31 +168,23 @@ TEST_F(Host, AReaderSeesTheOldFileOrTheNewOne) {
 
 TEST_F(Host, NoChangeIsLostBetweenThreadsAndProcesses) {
   constexpr int turns = 40;
-  const pid_t other = fork();
-  if (other == 0) {
-    int failures = 0;
-    for (int i = 0; i < turns; ++i) {
-      std::string ip = "10.0.0." + std::to_string(i);
-      failures += set_redirsrv_ip(ip.data()) == 1 ? 0 : 1;
-    }
-    _exit(failures);
-  }
   const auto repeat = [](auto&& work) {
-    for (int i = 0; i < turns; ++i) {
-      EXPECT_EQ(work(i), 1) << i;
-      EXPECT_EQ(read_model() & read_port() & read_switch(), 1) << i;
-    }
+    int done = 0;
+    for (int i = 0; i < turns; ++i) done += work(i) & read_model() & read_port();
+    return done;
   };
-  std::thread second([&] { repeat([](int i) { return store_alias("a" + std::to_string(i), ALIAS_REQUESTED); }); });
-  repeat([](int i) { return cre_set_skyport_enable_state(static_cast<char>(i & 1)); });
+  const auto store_ip = [](int i) { return set_redirsrv_ip(("10.0.0." + std::to_string(i)).data()); };
+  const pid_t other = fork();
+  if (other == 0) _exit(repeat(store_ip));
+  int done_by_second = 0, status = -1;
+  std::thread second([&] { done_by_second = repeat([](int i) { return store_alias("a" + std::to_string(i), 1); }); });
+  EXPECT_EQ(repeat([](int i) { return cre_set_skyport_enable_state(static_cast<char>(i & 1)); }), turns);
   second.join();
-  int status = -1;
+  EXPECT_EQ(done_by_second, turns);
   waitpid(other, &status, 0);
-  EXPECT_EQ(status, 0);
-  const std::string end = std::to_string(turns - 1);
-  EXPECT_EQ(read_file(conf),
-            with(with(with(sample, "\nalias=", "\nalias=a" + end), "redirsrv_ip=", "redirsrv_ip=10.0.0." + end),
-                 "alias_status=0", "alias_status=1"));
+  EXPECT_EQ(WEXITSTATUS(status), turns);
+  const std::string expected = with(with(sample, "\nalias=", "\nalias=a39"), "alias_status=0", "alias_status=1");
+  EXPECT_EQ(read_file(conf), with(expected, "redirsrv_ip=", "redirsrv_ip=10.0.0.39"));
 }
 
 TEST_F(Host, AChangeByAnotherHandIsSeenAtOnce) {
@@ -216,7 +199,6 @@ TEST_F(Host, AChangeByAnotherHandIsSeenAtOnce) {
 TEST_F(Host, TheUrlCarriesTheAcceptedAliasOrTheHid) {
   const std::pair<const char*, const char*> rows[] = {
       {"stored_hid=\n", nullptr},
-      {"hid=ABCD1234\n", "http://ABCD1234.skyport.example.net/"},
       {"hid=ABCD1234\nlast_alias=rose\n", "http://rose.skyport.example.net/"},
       {"hid=ABCD1234\nalias=wanted\n", "http://ABCD1234.skyport.example.net/"},
       {"hid=ABCD1234\nurl_format=http://{domain}:8/{hid}?{alias}\nlast_alias=r\n",
@@ -267,13 +249,8 @@ TEST_F(Host, TheStatusFileHasOneEntryALine) {
 
 // ---- HTTP ----
 
-struct Response {
-  int status = 0;  // 0: none
-  std::string fields, body;
-};
-
 /// What the reader makes of a peer that sends `bytes` and then closes, or, when `open`, stays.
-Response receive(const std::string& bytes, bool open) {
+std::string receive(const std::string& bytes, bool open) {
   int ends[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   std::thread peer([&] {
@@ -284,21 +261,7 @@ Response receive(const std::string& bytes, bool open) {
     }
     if (!open) shutdown(ends[1], SHUT_WR);
   });
-  ILibHCHTTPReaderObject reader{};
-  reader.ClientSocket = ends[0];
-  ILibProcessSocketRecv(&reader);
-  Response response;
-  if (reader.PacketHeader != nullptr) {
-    response.status = reader.PacketHeader->StatusCode;
-    for (auto* field = reader.PacketHeader->FirstField; field != nullptr; field = field->NextField) {
-      response.fields += std::string(field->Field) + "=" + field->FieldData + ";";
-    }
-  }
-  if (reader.Body != nullptr) response.body.assign(reader.Body, static_cast<std::size_t>(reader.Body_Read));
-  ILibDestructPacket(reader.PacketHeader);
-  std::free(reader.Body);
-  ILibForceClose(&reader);
-  EXPECT_EQ(reader.ClientSocket, -1);
+  const std::string response = read_response(ends[0]);
   peer.join();
   close(ends[1]);
   return response;
@@ -314,84 +277,65 @@ TEST(HttpReader, TakesOneWholeResponseWithinItsLimits) {
   struct Row {
     const char* what;
     std::string bytes;
-    bool open;  // the peer stays connected
-    int status;
-    std::string body;
-    const char* fields = nullptr;  // null: not looked at
+    bool open = true;           // the peer stays connected
+    std::string expected = "";  // empty: no response
   };
   const std::string ok = "HTTP/1.1 200 OK\r\nA: 1\r\n", length = ok + "Content-Length: ";
   const std::string chunked = ok + "Transfer-Encoding: chunked\r\n\r\n";
   // clang-format off
   const Row rows[] = {
-      {"a length", length + "5\r\n\r\nhello", true, 200, "hello", "A=1;Content-Length=5;"},
-      {"no byte too many", length + "5\r\n\r\nhelloHTTP/1.1 404 no", true, 200, "hello"},
-      {"an empty body", length + "0\r\n\r\n", true, 200, ""},
-      {"chunks", chunked + "3\r\nabc\r\n2;x=y\r\nde\r\n0\r\nTrailer: q\r\n\r\n", true, 200, "abcde", "A=1;Transfer-Encoding=chunked;"},
-      {"up to the end", ok + "\r\nhello world", false, 200, "hello world"},
-      {"HTTP/1.0", "HTTP/1.0 401 Unauthorized\r\nWWW-Authenticate: Digest realm=\"x\"\r\n\r\nno", false, 401, "no", "WWW-Authenticate=Digest realm=\"x\";"},
-      {"204", "HTTP/1.1 204 No Content\r\n\r\n", true, 204, ""},
-      {"interim answers first", "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 102 P\r\nx: y\r\n\r\n" + length + "2\r\n\r\nok", true, 200, "ok", "A=1;Content-Length=2;"},
-      {"equal names, in order", ok + "B: 2\r\na:\t3 \r\n\r\n", false, 200, "", "A=1;B=2;a=3;"},
-      {"the longest body", length + "65536\r\n\r\n" + std::string(65536, 'x'), true, 200, std::string(65536, 'x')},
-      {"a body over the limit", length + "65537\r\n\r\n" + std::string(65537, 'x'), true, 0, ""},
-      {"an endless body", ok + "\r\n" + std::string(1000000, 'x'), true, 0, ""},
-      {"endless chunks", chunked + repeated("1\r\nx\r\n", 200000), true, 0, ""},
-      {"an endless chunk extension", chunked + "1;" + std::string(1000000, 'x'), true, 0, ""},
-      {"endless trailers", chunked + "0\r\n" + repeated("X: y\r\n", 200000), true, 0, ""},
-      {"a head over the limit", ok + "B: " + std::string(8192, 'x') + "\r\n\r\n", false, 0, ""},
-      {"endless fields", ok + repeated("B: x\r\n", 200000), true, 0, ""},
-      {"endless interim answers", repeated("HTTP/1.1 100 C\r\n\r\n", 100000), true, 0, ""},
-      {"a length beyond numbers", length + "99999999999999999999\r\n\r\nx", true, 0, ""},
-      {"a negative length", length + "-5\r\n\r\nx", true, 0, ""},
-      {"a chunk beyond numbers", chunked + "fffffffffffffffff\r\nabc", true, 0, ""},
-      {"length and chunks", length + "5\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n", true, 0, ""},
-      {"cut in the body", length + "50\r\n\r\nhello", false, 0, ""},
-      {"cut in a chunk", chunked + "5\r\nhel", false, 0, ""},
-      {"cut in the head", ok, false, 0, ""},
-      {"only interim", "HTTP/1.1 100 Continue\r\n\r\n", false, 0, ""},
-      {"nothing", "", false, 0, ""},
-      {"garbage", std::string("\0\1\2garbage\r\n\r\n", 14), true, 0, ""},
-      {"no status", "HTTP/1.1  OK\r\n\r\n", true, 0, ""},
-      {"a request", "GET / HTTP/1.1\r\n\r\n", true, 0, ""},
+      {"no byte too many", length + "5\r\n\r\nhelloHTTP/1.1 404 no", true, "200|A=1;Content-Length=5;|hello"},
+      {"an empty body", length + "0\r\n\r\n", true, "200|A=1;Content-Length=0;|"},
+      {"chunks", chunked + "3\r\nabc\r\n2;x=y\r\nde\r\n0\r\nTrailer: q\r\n\r\n", true, "200|A=1;Transfer-Encoding=chunked;|abcde"},
+      {"HTTP/1.0, up to the end", "HTTP/1.0 401 Unauthorized\r\nA: Digest realm=\"x\"\r\n\r\nno", false, "401|A=Digest realm=\"x\";|no"},
+      {"204", "HTTP/1.1 204 No Content\r\n\r\n", true, "204||"},
+      {"interim answers first", "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 102 P\r\nx: y\r\n\r\n" + length + "2\r\n\r\nok", true, "200|A=1;Content-Length=2;|ok"},
+      {"equal names, in order", ok + "B: 2\r\na:\t3 \r\n\r\n", false, "200|A=1;B=2;a=3;|"},
+      {"the longest body", length + "65536\r\n\r\n" + std::string(65536, 'x'), true, "200|A=1;Content-Length=65536;|" + std::string(65536, 'x')},
+      {"a body over the limit", length + "65537\r\n\r\n" + std::string(65537, 'x')},
+      {"an endless body", ok + "\r\n" + std::string(1000000, 'x')},
+      {"endless chunks", chunked + repeated("1\r\nx\r\n", 200000)},
+      {"an endless chunk extension", chunked + "1;" + std::string(1000000, 'x')},
+      {"endless trailers", chunked + "0\r\n" + repeated("X: y\r\n", 200000)},
+      {"a head over the limit", ok + "B: " + std::string(8192, 'x') + "\r\n\r\n", false},
+      {"endless fields", ok + repeated("B: x\r\n", 200000)},
+      {"endless interim answers", repeated("HTTP/1.1 100 C\r\n\r\n", 100000)},
+      {"a length beyond numbers", length + "99999999999999999999\r\n\r\nx"},
+      {"a negative length", length + "-5\r\n\r\nx"},
+      {"a chunk beyond numbers", chunked + "fffffffffffffffff\r\nabc"},
+      {"length and chunks", length + "5\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"},
+      {"cut in the body", length + "50\r\n\r\nhello", false},
+      {"cut in a chunk", chunked + "5\r\nhel", false},
+      {"cut in the head", ok, false},
+      {"only interim", "HTTP/1.1 100 Continue\r\n\r\n", false},
+      {"garbage", std::string("\0\1\2garbage\r\n\r\n", 14)},
+      {"no status", "HTTP/1.1  OK\r\n\r\n"},
   };
   // clang-format on
   const long before = descriptors();
   for (const Row& row : rows) {
     const auto start = std::chrono::steady_clock::now();
-    const Response response = receive(row.bytes, row.open);
-    EXPECT_EQ(response.status, row.status) << row.what;
-    EXPECT_TRUE(response.body == row.body) << row.what << ": " << response.body.size();
-    EXPECT_EQ(row.fields == nullptr ? "" : response.fields, row.fields == nullptr ? "" : row.fields) << row.what;
+    EXPECT_TRUE(receive(row.bytes, row.open) == row.expected) << row.what;
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << row.what;
   }
   EXPECT_EQ(descriptors(), before);
 }
 
 TEST(HttpPackets, NothingBreaksOutOfItsPlaceInTheHead) {
-  struct Row {
-    std::string host, path, authorization;
-    int port;
-    std::string raw;  // empty: refused
-  };
-  // clang-format off
-  const Row rows[] = {
-      {"h", "/a", "Digest x", 80, "POST /a HTTP/1.1\r\nHost: h:80\r\nUser-Agent: kestrel\r\nConnection: close\r\n"
-                                  "Authorization: Digest x\r\nContent-Length: 9\r\n\r\n"},
-      {"h\r\nX: y", "/a", "Digest x", 80, ""},
-      {"h", "/a b", "Digest x", 80, ""},
-      {"h", "", "Digest x", 80, ""},
-      {"h", "/a", "Digest x\r\nX: y", 80, ""},
-      {"h", "/a", "Digest x", 0, ""},
-      {"h", "/" + std::string(9000, 'a'), "Digest x", 80, ""},
-  };
-  // clang-format on
-  for (Row row : rows) {
+  const std::string head =
+      "POST /a HTTP/1.1\r\nHost: h:80\r\nUser-Agent: kestrel\r\nConnection: close\r\n"
+      "Authorization: Digest x\r\nContent-Length: 9\r\n\r\n";
+  std::string rows[][4] = {{"h", "/a", "Digest x", head},
+                           {"h\r\nX: y", "/a", "Digest x", ""},
+                           {"h", "/a b", "Digest x", ""},
+                           {"h", "/a", "Digest x\r\nX: y", ""},
+                           {"h", "/" + std::string(9000, 'a'), "Digest x", ""}};
+  for (auto& [host, path, authorization, expected] : rows) {
     char user[] = "u", method[] = "POST", *raw = nullptr;
-    packetheader* packet =
-        httpBuildPacket_Auth_Encrypt(user, row.host.data(), row.port, row.path.data(), method, 9,
-                                     row.authorization.data(), static_cast<int>(row.authorization.size()), 1);
-    EXPECT_EQ(ILibGetRawPacket(packet, &raw), static_cast<int>(row.raw.size()));
-    EXPECT_EQ(raw == nullptr ? "" : raw, row.raw) << row.path;
+    packetheader* packet = httpBuildPacket_Auth_Encrypt(
+        user, host.data(), 80, path.data(), method, 9, authorization.data(), static_cast<int>(authorization.size()), 1);
+    EXPECT_EQ(ILibGetRawPacket(packet, &raw), static_cast<int>(expected.size()));
+    EXPECT_EQ(raw == nullptr ? "" : raw, expected) << path;
     std::free(raw);
     ILibDestructPacket(packet);
   }
@@ -400,28 +344,26 @@ TEST(HttpPackets, NothingBreaksOutOfItsPlaceInTheHead) {
 TEST(Challenge, TheDigestThatCanBeAnsweredIsTaken) {
   struct Row {
     std::vector<const char*> challenges;
-    const char *realm, *nonce, *algorithm, *qop;
+    std::vector<std::string> taken;  // realm, nonce, algorithm, qop
   };
   const std::string overlong =
       "Digest realm=\"" + std::string(500, 'r') + "\", nonce=\"" + std::string(500, 'n') + "\"";
-  const std::string r31(31, 'r'), n127(127, 'n');
   // clang-format off
   const Row rows[] = {
-      {{R"(Digest realm="sky port", nonce="abc==", qop="auth,auth-int", algorithm=MD5, opaque="z", stale=FALSE)"}, "sky port", "abc==", "MD5", "auth"},
-      {{R"(dIGEST REALM=tok ,nonce = n1==,qop=auth-int)"}, "tok", "n1==", "", "auth-int"},
-      {{R"(Digest realm="a \"q\" \\ b", nonce="1", qop=" foo , AUTH")"}, "a \"q\" \\ b", "1", "", "auth"},
-      {{R"(Digest realm="x", nonce="1", qop="foo", realm="later")"}, "x", "1", "", ""},
-      {{R"(Basic realm="b, Digest realm=evil", charset="UTF-8", Digest realm="good", nonce=2)"}, "good", "2", "", ""},
-      {{"Negotiate a87421000492aa874209af8bc028==, Digest nonce=5"}, "", "5", "", ""},
-      {{R"(Basic realm="b")", R"(Digest realm="s", algorithm=SHA-256, nonce="1")", R"(Digest realm="m", algorithm=MD5, nonce="2")"}, "m", "2", "MD5", ""},
-      {{R"(Digest realm="s", algorithm=SHA-256, nonce="1")"}, "s", "1", "SHA-256", ""},
-      {{overlong.c_str()}, r31.c_str(), n127.c_str(), "", ""},
-      {{R"(Basic realm="x")"}, "", "", "", ""},
-      {{R"(Digest realm="unclosed)"}, "unclosed", "", "", ""},
-      {{R"(Digest realm="a\)"}, "a\\", "", "", ""},
-      {{"Digest"}, "", "", "", ""},
-      {{"\"=,=\",,  \" ="}, "", "", "", ""},
-      {{}, "", "", "", ""},
+      {{R"(Digest realm="sky port", nonce="abc==", qop="auth,auth-int", algorithm=MD5, opaque="z", stale=FALSE)"}, {"sky port", "abc==", "MD5", "auth"}},
+      {{R"(dIGEST REALM=tok ,nonce = n1==,qop=auth-int)"}, {"tok", "n1==", "", "auth-int"}},
+      {{R"(Digest realm="a \"q\" \\ b", nonce="1", qop=" foo , AUTH")"}, {"a \"q\" \\ b", "1", "", "auth"}},
+      {{R"(Digest realm="x", nonce="1", qop="foo", realm="later")"}, {"x", "1", "", ""}},
+      {{R"(Basic realm="b, Digest realm=evil", charset="UTF-8", Digest realm="good", nonce=2)"}, {"good", "2", "", ""}},
+      {{"Negotiate a87421000492aa874209af8bc028==, Digest nonce=5"}, {"", "5", "", ""}},
+      {{R"(Basic realm="b")", R"(Digest realm="s", algorithm=SHA-256, nonce="1")", R"(Digest realm="m", algorithm=MD5, nonce="2")"}, {"m", "2", "MD5", ""}},
+      {{overlong.c_str()}, {std::string(31, 'r'), std::string(127, 'n'), "", ""}},
+      {{R"(Basic realm="x")"}, {"", "", "", ""}},
+      {{R"(Digest realm="unclosed)"}, {"unclosed", "", "", ""}},
+      {{R"(Digest realm="a\)"}, {"a\\", "", "", ""}},
+      {{"Digest"}, {"", "", "", ""}},
+      {{"\"=,=\",,  \" ="}, {"", "", "", ""}},
+      {{}, {"", "", "", ""}},
   };
   // clang-format on
   for (const Row& row : rows) {
@@ -431,47 +373,27 @@ TEST(Challenge, TheDigestThatCanBeAnsweredIsTaken) {
     AuthenticateInfo auth;
     std::memset(&auth, 'x', sizeof(auth));  // an earlier challenge's values do not stay
     GetAuthenticateInfo(nodes.data(), &auth);
-    const char* what = row.challenges.empty() ? "none" : row.challenges[0];
-    EXPECT_STREQ(auth.realm, row.realm) << what;
-    EXPECT_STREQ(auth.nonce, row.nonce) << what;
-    EXPECT_STREQ(auth.algorithm, row.algorithm) << what;
-    EXPECT_STREQ(auth.qop, row.qop) << what;
+    const std::vector<std::string> taken{auth.realm, auth.nonce, auth.algorithm, auth.qop};
+    EXPECT_EQ(taken, row.taken) << (row.challenges.empty() ? "none" : row.challenges[0]);
   }
 }
-
-// ---- Algorithms ----
 
 TEST(Base64, DecodingStopsAtTheFirstCharacterThatDoesNotBelong) {
-  constexpr int both_ways = 8;  // rows that encode to the same text: RFC 4648's vectors, and the last two characters
   // clang-format off
-  const std::pair<const char*, const char*> rows[] = {
-      {"", ""}, {"Zg==", "f"}, {"Zm8=", "fo"}, {"Zm9v", "foo"}, {"Zm9vYg==", "foob"}, {"Zm9vYmE=", "fooba"},
-      {"Zm9vYmFy", "foobar"}, {"+/+/", "\xfb\xff\xbf"},
-      {"Zm9v Ym", "foo"}, {"Zm9v\nYm", "foo"}, {"Zm8=Zm9v", "fo"}, {"Zm9vY", "foo"}, {"Zm9vYg", "foob"},
-      {"Z", ""}, {"-_", ""}, {"\xff", ""},
+  const std::pair<std::string, std::string> rows[] = {
+      {"", ""}, {"Zg==", "f"}, {"Zm8=", "fo"}, {"Zm9vYmFy", "foobar"}, {"+/+/", "\xfb\xff\xbf"},
+      {"Zm9v Ym", "foo"}, {"Zm9v\nYm", "foo"}, {"Zm8=Zm9v", "fo"}, {"Zm9vY", "foo"}, {"Zm9vYg", "foob"}, {"-_", ""}, {"\xff", ""},
   };
   // clang-format on
-  int row = 0;
   for (const auto& [text, plain] : rows) {
-    const std::size_t len = std::strlen(text);
-    const std::unique_ptr<char[]> out(new char[3 * (len / 4) + 3]);  // the contract's bound: a byte more is a fault
-    EXPECT_EQ(b64_decode(text, static_cast<unsigned>(len), out.get()), static_cast<int>(std::strlen(plain))) << text;
-    EXPECT_STREQ(out.get(), plain) << text;
-    if (row++ >= both_ways) continue;
+    const std::unique_ptr<char[]> out(new char[3 * (text.size() / 4) + 3]);  // the contract's bound
+    EXPECT_EQ(b64_decode(text.data(), static_cast<unsigned>(text.size()), out.get()), static_cast<int>(plain.size()));
+    EXPECT_EQ(out.get(), plain) << text;
     char encoded[16];
-    EXPECT_EQ(b64_encode(plain, static_cast<unsigned>(std::strlen(plain)), encoded), static_cast<int>(len));
-    EXPECT_STREQ(encoded, text);
+    const int len = b64_encode(plain.data(), static_cast<unsigned>(plain.size()), encoded);
+    EXPECT_EQ(static_cast<std::size_t>(len), (plain.size() + 2) / 3 * 4);
+    EXPECT_EQ(text == encoded, text.size() % 4 == 0 && text != "Zm8=Zm9v") << text;
   }
-}
-
-TEST(Md5, VectorOfRfc1321InPieces) {
-  unsigned char text[] = "12345678901234567890123456789012345678901234567890123456789012345678901234567890";
-  MD5_CTX context;
-  unsigned char digest[16];
-  MD5Init(&context);
-  for (unsigned at = 0; at < 80; at += 16) MD5Update(&context, text + at, 16);
-  MD5Final(digest, &context);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(digest), 4), "\x57\xed\xf4\xa2");
 }
 
 }  // namespace

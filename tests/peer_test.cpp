@@ -1,6 +1,7 @@
 // service/ over real sockets and the host's HTTP packets, against a peer on loopback that misbehaves.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -49,10 +50,8 @@ class Peer {
   /// Runs `work` while a thread serves one connection; nobody listens without a script. The request, as received.
   std::string serve(const Script& script, const std::function<void()>& work) {
     std::string request;
-    if (!script) {
-      work();
-      return request;
-    }
+    if (!script) work();
+    if (!script) return request;
     listen(fd_, 1);
     std::thread server([&] {
       const timeval limit{10, 0};
@@ -71,17 +70,15 @@ class Peer {
   static std::string read_request(int fd) {
     std::string text;
     char block[4096];
-    for (std::size_t head = 0; (head = text.find("\r\n\r\n")) == text.npos || text.size() < head + 4 + length(text);) {
+    for (std::size_t end = std::string::npos; text.size() < end;) {
       const ssize_t n = recv(fd, block, sizeof(block), 0);
       if (n <= 0) break;
       text.append(block, static_cast<std::size_t>(n));
+      const std::size_t head = text.find("\r\n\r\n"), length = text.find("Content-Length: ");
+      if (head == text.npos) continue;
+      end = head + 4 + (length != text.npos ? std::strtoul(text.c_str() + length + 16, nullptr, 10) : 0);
     }
     return text;
-  }
-
-  static std::size_t length(const std::string& text) {
-    const std::size_t at = text.find("Content-Length: ");
-    return at == text.npos ? 0 : std::strtoul(text.c_str() + at + 16, nullptr, 10);
   }
 
   int fd_ = -1;
@@ -151,7 +148,6 @@ TEST_F(BadPeer, EveryAnswerEndsInItsResult) {
     int queried, updated, enabled;  // results of an address query, of an update, of an enable report
   };
   const std::string sealed = nettle_cipher::seal("<ext_ip>198.51.100.1</ext_ip><ext_port>51000</ext_port>");
-  const std::string challenge = "WWW-Authenticate: Digest realm=\"sky\", nonce=\"n0\", qop=\"auth\"\r\n";
   // clang-format off
   const Row rows[] = {
       {"nobody there", nullptr, 0, 0, 0},
@@ -159,22 +155,15 @@ TEST_F(BadPeer, EveryAnswerEndsInItsResult) {
       {"resets", reset_after(""), 0, 0, 3},
       {"garbage", say("\x16\x03\x01\x02\x00 not HTTP at all\r\n\r\n"), 0, 0, 3},
       {"a line without an end", say(std::string(40000, 'x')), 0, 0, 3},
-      {"a head without an end", say("HTTP/1.1 200 OK\r\n" + std::string(300, 'x')), 0, 0, 3},
       {"a head over the limit", say("HTTP/1.1 200 OK\r\nX: " + std::string(20000, 'x') + "\r\n\r\n"), 0, 0, 3},
       {"a body over the limit", say(answer("200 OK", std::string(70000, 'A'))), 0, 0, 3},
-      {"no status", say("HTTP/1.1  OK\r\n\r\n"), 0, 0, 3},
       {"a body that breaks off", say("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nAAAA"), 0, 0, 3},
-      {"a body that is reset", reset_after("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nAAAA"), 0, 0, 3},
       {"a body that is no cipher text", say(answer("200 OK", "<html>hello</html>")), 1, 1, 1},
-      {"a body of zero bytes", say(answer("200 OK", std::string(64, '\0'))), 1, 1, 1},
       {"dripping, but in time", drip(answer("200 OK", sealed), 200), 1, 1, 1},
       {"an answer up to the end", say("HTTP/1.0 200 OK\r\n\r\n" + sealed), 1, 1, 1},
       {"404", say(answer("404 Not Found", "no")), bytes, bytes, 3},
-      {"a challenge without a nonce", say(answer("401 No", "", "WWW-Authenticate: Digest\r\n")), 2, 2, 2},
-      {"a refusal without a challenge", say(answer("401 No", "")), 2, 2, 2},
       {"a challenge that fills everything", say(answer("401 No", "",
         "WWW-Authenticate: Digest realm=\"" + std::string(3000, 'r') + "\", nonce=\"" + std::string(3000, 'n') + "\"\r\n")), 2, 2, 2},
-      {"a challenge", say(answer("401 No", "", challenge)), 2, 2, 2},
       {"the answer", say(answer("200 OK", sealed)), 1, 1, 1},
   };
   // clang-format on
@@ -202,17 +191,12 @@ TEST_F(BadPeer, EveryAnswerEndsInItsResult) {
 TEST(Answer, IsWhole) {
   const std::pair<const char*, bool> rows[] = {
       {"", false},
-      {"HTTP/1.1 200 OK\r\n", false},
       {"HTTP/1.1 200 OK\r\n\r\n", false},
-      {"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n", true},
-      {"HTTP/1.1 200 OK\r\ncontent-length:\t3 \r\n\r\nab", false},
       {"HTTP/1.1 200 OK\r\ncontent-length:\t3 \r\n\r\nabc", true},
       {"HTTP/1.1 200 OK\r\nX-Content-Length: 0\r\nContent-Length: 1\r\n\r\n", false},
       {"HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\n\r\nabc", false},
       {"HTTP/1.1 204 None\r\n\r\n", true},
-      {"HTTP/1.1 100 Go on\r\n\r\n", false},
       {"HTTP/1.1 100 Go on\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx", true},
-      {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n", false},
       {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n", false},
       {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n", true},
       {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", true},
@@ -221,24 +205,27 @@ TEST(Answer, IsWhole) {
 }
 
 TEST_F(BadPeer, AnAnswerIsAwaitedForItsTimeAndNoLonger) {
+  constexpr std::size_t any = 99999;
   const std::string whole = answer("200 OK", "body");
   const std::string slow(400, 'x');  // 4 s, a drop in 10 ms
+  const std::size_t head_len = answer("200 OK", std::string(16000, 'x')).size() - 16000;
+  const std::string longest = answer("200 OK", std::string(max_answer_len - head_len, 'x'));
+  const std::string too_long = answer("200 OK", std::string(max_answer_len - head_len + 1, 'x'));
   struct Row {
     const char* what;
     Peer::Script script;
     bool readable, at_once;
-    std::size_t len;  // to be read afterwards
+    std::size_t len;  // to be read afterwards; any: some
   };
   // clang-format off
   const Row rows[] = {
       {"silence", hold(say("")), false, false, 0},
-      {"a drip without an end", hold(drip(slow, 10'000)), false, false, 0},
-      {"half an answer, and then silence", hold(say(whole.substr(0, 30))), false, false, 30},
+      {"a drip without an end", hold(drip(slow, 10'000)), false, false, any},
       {"an answer, and then silence", hold(say(whole)), true, true, whole.size()},
       {"an answer in drops", hold(drip(whole, 1000)), true, true, whole.size()},
       {"the end of the connection", say(whole.substr(0, 30)), true, true, 30},
-      {"a reset", reset_after(""), true, true, 0},
-      {"too long", hold(say(answer("200 OK", std::string(max_answer_len, 'x')))), false, true, 0},
+      {"as long as may be", hold(say(longest)), true, true, max_answer_len},
+      {"a byte longer", hold(say(too_long)), false, true, max_answer_len + 1},
   };
   // clang-format on
   std::signal(SIGALRM, [](int) {});
@@ -256,26 +243,15 @@ TEST_F(BadPeer, AnAnswerIsAwaitedForItsTimeAndNoLonger) {
       setitimer(ITIMER_REAL, &never, nullptr);
       EXPECT_EQ(took.count() < 0.9, row.at_once) << row.what << took.count();
       EXPECT_LT(took.count(), 2) << row.what;
-      char block[256];
-      const ssize_t n = row.len > 0 ? recv(fd, block, sizeof(block), MSG_DONTWAIT) : 0;
-      EXPECT_EQ(n, static_cast<ssize_t>(row.len)) << row.what;
+      int waiting = 0, mark = 0;
+      socklen_t len = sizeof(mark);
+      ioctl(fd, FIONREAD, &waiting);
+      EXPECT_EQ(waiting, row.len == any ? waiting : static_cast<int>(row.len)) << row.what;
+      getsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &mark, &len);
+      EXPECT_EQ(mark, 1) << row.what;
       close(fd);
     });
   }
-}
-
-TEST_F(BadPeer, AChallengeIsAnsweredOnTheWire) {
-  const std::string challenge =
-      "WWW-Authenticate: Digest qop=\"auth,auth-int\", algorithm=MD5, nonce=\"abc\", realm=\"sky\"\r\n";
-  EXPECT_EQ(peer.serve(say(answer("401 No", "", challenge)), [&] { srv_get_eip(&ctx); }).find("Authorization"),
-            std::string::npos);
-  const std::string request = peer.serve(say(answer("200 OK", "")), [&] { EXPECT_EQ(srv_get_eip(&ctx), 1); });
-  EXPECT_TRUE(request.starts_with("GET http://192.0.2.20:80/ext.html HTTP/1.1\r\nHost: 192.0.2.20:80\r\n")) << request;
-  EXPECT_NE(
-      request.find("\r\nAuthorization: Digest username=\"HID00001\", realm=\"sky\", qop=\"auth\", algorithm=\"MD5\", "
-                   "uri=\"http://192.0.2.20:80/ext.html\" , nonce=\"abc\", nc=00000002, cnonce=\""),
-      std::string::npos)
-      << request;
 }
 
 }  // namespace

@@ -11,22 +11,12 @@
 
 namespace kestrel {
 
-/// What the callees can answer, and the letters of it in a trace: 'x' is any failure, 'r' one during which a
-/// reload is requested.
-inline const std::map<std::string, std::vector<std::pair<int, char>>> answers = {
-    {"eip", {{1, '1'}, {2, '2'}, {0, 'x'}, {3, 'x'}}},
-    {"cb", {{1, '1'}, {2, '2'}, {0, '0'}, {3, 'x'}, {-1, 'x'}}},
-    {"update", {{1, '1'}, {2, '2'}, {0, 'x'}, {404, 'x'}}},
-    {"enable", {{1, '1'}, {2, '2'}, {3, 'x'}}},
-    {"daip", {{1, '1'}, {2, '2'}, {0, 'x'}}},
-    {"upf", {{1, '1'}, {5, '5'}, {0, 'x'}}},
-    {"delete", {{1, '1'}, {0, 'x'}, {7, 'x'}}},
-    {"discover", {{0, '0'}, {1, 'x'}, {2, 'r'}}},
-    {"router", {{0, '0'}, {4, '4'}, {-1, 'x'}}},
-    {"proxy", {{1, '1'}, {0, 'x'}}},
-    {"redirect", {{1, '1'}, {0, 'x'}}},
-    {"net_get_http_srv_port", {{1, '1'}, {0, 'x'}}},
-};
+/// What the callees can answer, and its letter in a trace if that is another: 'x' is any failure, 'r' one during
+/// which a reload is requested.
+const std::map<std::string, std::string> answers = {
+    {"eip", "1 2 0x 3x"},  {"cb", "1 2x 0x 3x -1x"}, {"update", "1 2 0x 404x"}, {"enable", "1 2 3x"},
+    {"daip", "1 2 0x"},    {"upf", "1 5 0x"},        {"delete", "1 0x 7x"},     {"discover", "0 1x 2r"},
+    {"router", "0 4 -1x"}, {"proxy", "1 0x"},        {"redirect", "1 0x"},      {"net_get_http_srv_port", "1 0x"}};
 
 /// What is varied in a state, besides the results.
 const struct {
@@ -49,11 +39,11 @@ const struct {
     {LumenDevPartDone, "run=0,1"},
     {LumenDevDone, "prefinal=4,6,11,13 run=0,1"},
     {LumenDevDone, "prefinal=12 switch=0 count=0,1,2"},
-    {LumenDevNotReady, "resut=0,1,2,3 run=0,1"},
+    {LumenDevNotReady, "resut=0,2,3 run=0,1"},
 };
 
 /// A transition. `given` are the ranges for which it holds, `trace` is what happens, `then` what becomes of the
-/// records. In a trace '?' is any result but 1, "dropped" a delete of the mapping, with the forwarder's reload
+/// records. In a trace "dropped" is a delete of the mapping, with the forwarder's reload
 /// when it worked, "enable ok" and the like up to three guarded attempts.
 struct Row {
   RegState state;
@@ -72,9 +62,9 @@ const std::string upnp = "***[UPnP]***/";
 const std::string again = "***[UPnP]***/router=x/upnpcp_get_eip ret=-1/";
 const std::string upf = "upf LC_0A0B0C 50080 58081=";
 const std::string natu = "***[NATU.]***/wait 5/cb=";
-const std::string unreachable = "?/go_NATU:# connect back failed, delete pf/dropped/";
+const std::string unreachable = "x/go_NATU:# connect back failed, delete pf/dropped/";
 const std::string ready = "***[UpnpPfReady]***/wait 5/cb=";
-const std::string not_ready = ready + "?/go_UpnpPfReady:# connect back failed, delete pf/dropped/";
+const std::string not_ready = ready + "x/go_UpnpPfReady:# connect back failed, delete pf/dropped/";
 const std::string update = ready + "1/ connect back test ok/ ==>!Need update!/update=";
 const std::string refused = "2/go_UpnpPfReady:# UpnpPfReady: srv_update reach AUTH_FAIL_COUNT, delete pf port=58081/";
 const std::string failed = "x/go_UpnpPfReady:# UpnpPfReady srv_update failed, delete pf port=58081/";
@@ -136,9 +126,8 @@ const std::vector<Row> plain_rows = {
     {LumenDevDone, "prefinal=13", "online 1/***[LumenDevDone]***/" + wait_300, START, "over"},
     {LumenDevDone, "prefinal=12", off + "ok/", LumenDevNotReady, "enabled=0"},
     {LumenDevDone, "prefinal=12", off + "failed/ update Enable state(0) fail!/", LumenDevNotReady, ""},
-    {LumenDevNotReady, "resut=0", none + "0/" + wait_300, START, "askdaip=1 over"},
-    {LumenDevNotReady, "resut=1", none + "1/" + wait_300, START, "askdaip=1 over"},
     {LumenDevNotReady, "resut=2", none + "2/wait (60)secs to start over!/wait 60/", START, "askdaip=1 over"},
+    {LumenDevNotReady, "resut=0", none + "0/" + wait_300, START, "askdaip=1 over"},
     {LumenDevNotReady, "resut=3", none + "3/" + wait_300, START, "askdaip=1 over"},
 };
 
@@ -173,27 +162,27 @@ inline std::vector<Row> update_rows() {
   return rows;
 }
 
-const std::string report_0 = " must update Enable state(0)/enable ", not_0 = "failed/ update Enable state(0) fail!/";
-const std::string report_1 = " must update Enable state(1)/enable ", not_1 = "failed/ update Enable state(1) fail!/";
-
-/// The enable switch against what was last reported, as START takes it. What goes on asks for the access server.
-const struct {
-  const char* given;
-  std::string trace;
-  bool goes_on;
-  const char* then;
-} switch_rows[] = {
-    {"switch=0 enabled=0", " Enable=0, Last_Spt_Enabled=0/", false, ""},
-    {"switch=1 enabled=1", " Enable=1, Last_Spt_Enabled=1/", true, ""},
-    {"switch=0 enabled=-1", " Enable=0, Last_Spt_Enabled=-1/" + report_0 + "ok/", false, "enabled=0 "},
-    {"switch=0 enabled=1", " Enable=0, Last_Spt_Enabled=1/" + report_0 + "ok/", false, "enabled=0 "},
-    {"switch=1 enabled=-1", " Enable=1, Last_Spt_Enabled=-1/" + report_1 + "ok/", true, "enabled=1 "},
-    {"switch=1 enabled=0", " Enable=1, Last_Spt_Enabled=0/" + report_1 + "ok/", true, "enabled=1 "},
-    {"switch=0 enabled=-1", " Enable=0, Last_Spt_Enabled=-1/" + report_0 + not_0, false, ""},
-    {"switch=0 enabled=1", " Enable=0, Last_Spt_Enabled=1/" + report_0 + not_0, false, ""},
-    {"switch=1 enabled=-1", " Enable=1, Last_Spt_Enabled=-1/" + report_1 + not_1, false, ""},
-    {"switch=1 enabled=0", " Enable=1, Last_Spt_Enabled=0/" + report_1 + not_1, false, ""},
+/// What the enable switch against what was last reported makes of START.
+struct SwitchRow {
+  std::string given, trace;
+  bool goes_on;  // to the query of the access server
+  std::string then;
 };
+
+inline std::vector<SwitchRow> switch_rows() {
+  std::vector<SwitchRow> rows;
+  for (const std::string on : {"0", "1"}) {
+    for (const std::string reported : {"-1", "0", "1"}) {
+      const std::string given = "switch=" + on + " enabled=" + reported;
+      const std::string trace = " Enable=" + on + ", Last_Spt_Enabled=" + reported + "/";
+      const std::string report = trace + " must update Enable state(" + on + ")/enable ";
+      const bool same = on == reported;
+      rows.push_back({given, same ? trace : report + "ok/", on == "1", same ? "" : "enabled=" + on + " "});
+      if (!same) rows.push_back({given, report + "failed/ update Enable state(" + on + ") fail!/", false, ""});
+    }
+  }
+  return rows;
+}
 
 inline std::vector<Row> start_rows() {
   std::vector<Row> rows;
@@ -209,8 +198,8 @@ inline std::vector<Row> start_rows() {
     const std::string addressed = begun + " [kestreld]: iface=(1) active ip is=192.168.1.30/port=";
     const std::string then = relayed + "redir active i.ip ";
     rows.push_back({START, "iface=1", addressed + "x/ [kestreld]: *** get http srv port failed/wait 10/", START, then});
-    for (const auto& s : switch_rows) {
-      const std::string given = std::string("iface=1 ") + s.given;
+    for (const SwitchRow& s : switch_rows()) {
+      const std::string given = "iface=1 " + s.given;
       const std::string trace = addressed + "1/" + s.trace;
       const std::string done = then + "i.port " + s.then;
       if (!s.goes_on) {

@@ -2,6 +2,7 @@
 #ifndef KESTREL_TESTS_TRACE_H
 #define KESTREL_TESTS_TRACE_H
 
+#include <algorithm>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -10,41 +11,42 @@
 
 #include "fake_platform/fake_platform.h"
 
-/// The dump and the comment lines of the update decision are left out; line numbers
-/// are a '#'.
+/// The parts between separators; empty ones count, but for the last.
+inline Texts split(const std::string& text, char separator = ' ') {
+  std::istringstream stream(text);
+  Texts parts;
+  for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
+  return parts;
+}
+
+/// The dump and the comment lines of the update decision are left out; line numbers are a '#'.
 class Trace {
  public:
-  using Names = std::vector<std::pair<std::string, std::string>>;  // what a call begins with, and what stands for that;
-                                                                   // nothing leaves it out
+  /// What a call begins with, and what stands for that; nothing leaves the call out.
+  using Names = std::vector<std::pair<std::string, std::string>>;
 
   explicit Trace(Names names) : names_(std::move(names)) {}
   Trace(const Trace&) = delete;
   Trace& operator=(const Trace&) = delete;
 
-  /// Begins anew, after fake_reset(), which ends it.
-  void listen() {
+  /// Begins anew, after fake_reset(), which ends it. The results of calls are by short names, one a call:
+  /// "del=7,4 add=1".
+  void listen(const std::string& results = "") {
     text_.clear();
     logged_ = 0;
-    in_dump_ = false;
     on_call = nullptr;
     fake.on_call = [this](const std::string& call) {
       take_log();
       if (const std::string name = shortened(call); !name.empty()) text_ += name + '/';
       if (on_call) on_call(call);
     };
-  }
-
-  /// Results of calls by their short names, one a call: "del=7,4 add=1".
-  void script(const std::string& results) const {
-    std::istringstream scripts(results);
-    for (std::string script; scripts >> script;) {
-      const std::size_t equals = script.find('=');
-      std::string function = script.substr(0, equals);
+    for (const std::string& script : split(results)) {
+      std::string function = split(script, '=')[0];
       for (const auto& [beginning, name] : names_) {
-        if (name == function + ' ') function = beginning.substr(0, beginning.find(' '));
+        if (name == function + ' ') function = split(beginning)[0];
       }
-      std::istringstream values(script.substr(equals + 1));
-      for (std::string value; std::getline(values, value, ',');) fake.once[function].push_back(std::stoi(value));
+      for (const std::string& value : split(split(script, '=')[1], ','))
+        fake.once[function].push_back(std::stoi(value));
     }
   }
 
@@ -63,22 +65,17 @@ class Trace {
  private:
   void take_log() {
     for (; logged_ < fake.log.size(); ++logged_) {
-      const std::string& line = fake.log[logged_];
-      const bool dashes = line.starts_with("----------");
-      if (dashes) in_dump_ = !in_dump_;
-      if (dashes || in_dump_ || line.starts_with("<> ") || line == "must do first update\n") continue;
-      for (const char c : line) {
-        if (c != '\r') text_ += c == '\n' ? '/' : c;
+      std::string line = fake.log[logged_];
+      const bool dump = line.starts_with("-----") || line.starts_with("state C") || line.find(")-l(") != line.npos;
+      if (dump || line.starts_with("<> ") || line == "must do first update\n") continue;
+      if (line.starts_with("go_") || line.starts_with("kestreld ")) {
+        const std::size_t from = line.find_first_of(": ") + 1;
+        line.replace(from, line.find_first_not_of("0123456789", from) - from, "#");
       }
-      mask_line_number(line);
+      std::erase(line, '\r');
+      std::ranges::replace(line, '\n', '/');
+      text_ += line;
     }
-  }
-
-  void mask_line_number(const std::string& line) {
-    if (!line.starts_with("go_") && !line.starts_with("kestreld ")) return;
-    const std::size_t from = text_.find_first_of(": ", text_.rfind(line.substr(0, 9))) + 1;
-    const std::size_t to = text_.find_first_not_of("0123456789", from);
-    text_.replace(from, to - from, "#");
   }
 
   std::string shortened(const std::string& call) const {
@@ -91,7 +88,6 @@ class Trace {
   Names names_;
   std::string text_;
   std::size_t logged_ = 0;
-  bool in_dump_ = false;
 };
 
 #endif

@@ -1,7 +1,6 @@
-// Calls libupnpc as gateway_test.py tells it: a call a line on standard input, "NAME ARGUMENT...", and for each a
+// Calls libupnpc as gateway_test.py tells it: a call a line on standard input, "NAME PORT TIMEOUT", and for each a
 // line on standard output, the result and the outputs with tabs between them. Outputs begin as "-".
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -10,60 +9,48 @@
 namespace {
 
 /// A caller's buffer of exactly the size that the contract gives.
-struct Buffer {
-  explicit Buffer(std::size_t size) : bytes(size, '\0') { bytes[0] = '-'; }
-  char* data() { return bytes.data(); }
-  std::vector<char> bytes;
+struct Buffer : std::vector<char> {
+  explicit Buffer(std::size_t size) : vector(size, '\0') { front() = '-'; }
 };
 
 std::ostream& operator<<(std::ostream& out, const Buffer& buffer) {
-  return out << std::string(buffer.bytes.data());
+  return out << buffer.data();
 }
 
-int run(std::istream& in, const std::string& call, std::ostream& out) {
-  int port = -1, other = -1, timeout_s = 0;
+void say(int result, const auto&... outputs) {
+  std::cout << result;
+  ((std::cout << '\t' << outputs), ...);
+  std::cout << std::endl;
+}
+
+void run(const std::string& call, int port, int timeout_s) {
+  MupnpIgd igd{};
+  Buffer description(MUPNP_DESCRIPTION_LEN), client(MUPNP_CLIENT_LEN), protocol(MUPNP_SHORT_LEN), ip(MUPNP_IP_LEN);
+  int other = -1, lease_s = -1, result = 0;
   if (call == "discover") {
-    MupnpIgd igd{};
-    in >> timeout_s;
-    const int result = Mupnpcp_discover(&igd, timeout_s);
-    out << '\t' << igd.friendlyName << '\t' << igd.manufacturer << '\t' << igd.modelName << '\t' << igd.modelNumber
-        << '\t' << igd.presentationURL;
-    return result;
+    result = Mupnpcp_discover(&igd, timeout_s);
+    return say(result, igd.friendlyName, igd.manufacturer, igd.modelName, igd.modelNumber, igd.presentationURL);
   }
   if (call == "eip") {
-    Buffer ip(MUPNP_IP_LEN);
-    in >> timeout_s;
-    const int result = Mupnpcp_get_eip(ip.data(), timeout_s);
-    out << '\t' << ip;
-    return result;
+    result = Mupnpcp_get_eip(ip.data(), timeout_s);
+    return say(result, ip);
   }
-  Buffer description(MUPNP_DESCRIPTION_LEN), client(MUPNP_CLIENT_LEN), protocol(MUPNP_SHORT_LEN);
   if (call == "entry") {
-    in >> other >> timeout_s;
-    const int result = Mupnpcp_query_eport_all(description.data(), other, &port, protocol.data(), timeout_s);
-    out << '\t' << description << '\t' << port << '\t' << protocol;
-    return result;
+    result = Mupnpcp_query_eport_all(description.data(), port, &other, protocol.data(), timeout_s);
+    return say(result, description, other, protocol);
   }
-  in >> port >> timeout_s;
   if (call == "port") {
-    int lease_s = -1;
-    const int result = Mupnpcp_query_eport_ex(description.data(), client.data(), &other, &lease_s, port,
-                                              MUPNP_PROTOCOL_HTTP, timeout_s);
-    out << '\t' << description << '\t' << client << '\t' << other << '\t' << lease_s;
-    return result;
+    result = Mupnpcp_query_eport_ex(description.data(), client.data(), &other, &lease_s, port, MUPNP_PROTOCOL_HTTP,
+                                    timeout_s);
+    return say(result, description, client, other, lease_s);
   }
-  if (call == "add") return Mupnp_add_eport("cam<&>_AABBCC-1.2-80", port, 80, MUPNP_PROTOCOL_HTTP, timeout_s);
-  return Mupnp_del_eport(port, MUPNP_PROTOCOL_HTTP, timeout_s);
+  if (call == "delete") return say(Mupnp_del_eport(port, MUPNP_PROTOCOL_HTTP, timeout_s));
+  return say(Mupnp_add_eport("cam<&>_AABBCC-1.2-80", port, 80, MUPNP_PROTOCOL_HTTP, timeout_s));
 }
 
 }  // namespace
 
 int main() {
-  for (std::string line, call; std::getline(std::cin, line);) {
-    std::istringstream in(line);
-    std::ostringstream out;
-    in >> call;
-    const int result = run(in, call, out);
-    std::cout << result << out.str() << std::endl;
-  }
+  std::string call;
+  for (int port = 0, timeout_s = 0; std::cin >> call >> port >> timeout_s;) run(call, port, timeout_s);
 }

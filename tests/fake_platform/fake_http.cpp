@@ -59,7 +59,7 @@ packetheader* httpBuildPacket(char* user, char* host, int port, char* path, char
 packetheader* httpBuildPacket3(char* user, char* host, int port, char* path, char* method, char* content_length_text,
                                int content_length_text_len) {
   const std::string length(content_length_text, static_cast<std::size_t>(content_length_text_len));
-  return build({"httpBuildPacket3", user, host, path, method, "", port, std::atoi(length.c_str())});
+  return build({"httpBuildPacket3", user, host, path, method, "", port, std::stoi(length)});
 }
 packetheader* httpBuildPacket_Auth_Encrypt(char* user, char* host, int port, char* uri, char* method,
                                            int content_length, char* authorization, int authorization_len,
@@ -88,12 +88,9 @@ unsigned short ILibGetStreamSocket(int /*local_addr*/, unsigned short /*local_po
   if (fake_result("ILibGetStreamSocket", 1) == 0) return 0;
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return 0;
   *sock = ends[0];
-  if (fake.peer_gone) {
-    close(ends[1]);
-  } else {
-    fake.peers.push_back(ends[1]);
-  }
-  return fake.local_port;
+  fake.peers.push_back(ends[1]);
+  if (fake.peer_gone) shutdown(ends[1], SHUT_RD);
+  return 40000;
 }
 
 void ILibProcessSocketRecv(ILibHCHTTPReaderObject* reader) {

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <nettle/base64.h>
 #include <nettle/md5.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,22 +20,17 @@ namespace {
 
 std::mutex fake_mutex;  // two threads record; hooks run outside of it
 
-void put(std::string&) {}
-template <typename First, typename... Rest>
-void put(std::string& call, const First& first, const Rest&... rest) {
-  call += ' ';
-  if constexpr (std::is_convertible_v<First, std::string>) {
-    call += first;
-  } else {
-    call += std::to_string(first);
-  }
-  put(call, rest...);
+std::string shown(const std::string& argument) {
+  return argument;
+}
+std::string shown(long argument) {
+  return std::to_string(argument);
 }
 
 template <typename... Args>
 int answer(const char* function, int natural, const Args&... args) {
   std::string call = function;
-  put(call, args...);
+  ((call += ' ' + shown(args)), ...);
   fake_record(call);
   return fake_result(function, natural);
 }
@@ -97,10 +93,9 @@ void fake_reset() {
 }
 
 int fake_open_sockets() {
-  // The end of the stream has come where the daemon closed its socket.
   return static_cast<int>(std::ranges::count_if(fake.peers, [](int peer) {
-    char byte = 0;
-    return recv(peer, &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0;
+    pollfd look{peer, 0, 0};
+    return poll(&look, 1, 0) == 0 || (look.revents & POLLHUP) == 0;
   }));
 }
 
@@ -124,43 +119,38 @@ extern "C" {
 // A getter or a setter a line.
 // clang-format off
 
+#define TEXT_GETTER(function, size_type, field) \
+  int function(char* out, size_type size) { return text(#function, out, size, fake.field); }
+#define VALUE_GETTER(function, type, field) \
+  int function(type* out) { return value(#function, out, fake.field); }
+
 // ---- tesselcfg ----
 
 int dbg_get_level_token(int* level, char* token) {
   *level = fake.debug_level;
   return text("dbg_get_level_token", token, 32, fake.debug_token);
 }
-int dev_get_model_name(char* name, int size) { return text("dev_get_model_name", name, size, fake.model); }
-int dev_get_firmware_version(char* version, int size) {
-  return text("dev_get_firmware_version", version, size, fake.firmware);
-}
-int dev_get_spt_version(char* version, int size) {
-  return text("dev_get_spt_version", version, size, fake.spt_version);
-}
-int dev_get_oem_version(char* version, int size) {
-  return text("dev_get_oem_version", version, size, fake.oem_version);
-}
-int dev_get_brand_name(char* name, unsigned int size) { return text("dev_get_brand_name", name, size, fake.brand); }
-int dev_get_product_name(char* name, unsigned int size) {
-  return text("dev_get_product_name", name, size, fake.product);
-}
-int dev_get_camera_name(char* name, unsigned int size) {
-  return text("dev_get_camera_name", name, size, fake.camera_name);
-}
-int dev_get_product_type(char* type) { return value("dev_get_product_type", type, fake.product_type); }
-int dev_get_hw_spec(unsigned long* spec) { return value("dev_get_hw_spec", spec, fake.hw_spec); }
+TEXT_GETTER(dev_get_model_name, int, model)
+TEXT_GETTER(dev_get_firmware_version, int, firmware)
+TEXT_GETTER(dev_get_spt_version, int, spt_version)
+TEXT_GETTER(dev_get_oem_version, int, oem_version)
+TEXT_GETTER(dev_get_brand_name, unsigned int, brand)
+TEXT_GETTER(dev_get_product_name, unsigned int, product)
+TEXT_GETTER(dev_get_camera_name, unsigned int, camera_name)
+VALUE_GETTER(dev_get_product_type, char, product_type)
+VALUE_GETTER(dev_get_hw_spec, unsigned long, hw_spec)
 int dev_get_timezone(char* out) {
   const int result = answer("dev_get_timezone", 1);
   if (result != 0) std::memcpy(out, fake.timezone.data(), fake.timezone.size());
   return result;
 }
-int dev_get_dst(char* dst) { return value("dev_get_dst", dst, fake.dst); }
+VALUE_GETTER(dev_get_dst, char, dst)
 int dev_get_refer_file_path(char* path, int size) {
   return text("dev_get_refer_file_path", path, size, fake.refer_path, fake.refer_path.empty() ? 0 : 1);
 }
-int net_get_http_srv_port(int* port) { return value("net_get_http_srv_port", port, fake.http_port); }
-int net_get_http_or_https(char* flag) { return value("net_get_http_or_https", flag, fake.https); }
-int net_get_dhcp_enable(char* enabled) { return value("net_get_dhcp_enable", enabled, fake.dhcp); }
+VALUE_GETTER(net_get_http_srv_port, int, http_port)
+VALUE_GETTER(net_get_http_or_https, char, https)
+VALUE_GETTER(net_get_dhcp_enable, char, dhcp)
 int net_get_proxy_addr_port(char* host, int* port) {
   const int result = text("net_get_proxy_addr_port", host, 64, fake.proxy_host);
   if (result != 0) *port = fake.proxy_port;
@@ -178,16 +168,14 @@ int cre_get_skyport_domain_ip(char* domain, char* ip) {
   return result;
 }
 int cre_set_skyport_domain(char* domain) { return keep("cre_set_skyport_domain", fake.domain, domain); }
-int cre_get_skyport_enable_state(char* enabled) { return value("cre_get_skyport_enable_state", enabled, fake.enabled); }
+VALUE_GETTER(cre_get_skyport_enable_state, char, enabled)
 int cre_set_skyport_enable_state(char enabled) { return keep("cre_set_skyport_enable_state", fake.enabled, enabled); }
 int get_redirsrv_ip(char* ip) {
   return text("get_redirsrv_ip", ip, 16, fake.stored_redirect_ip, fake.stored_redirect_ip.empty() ? 0 : 1);
 }
 int set_redirsrv_ip(char* ip) { return keep("set_redirsrv_ip", fake.stored_redirect_ip, ip); }
-int cre_get_power_username(char* name, int size) { return text("cre_get_power_username", name, size, fake.admin); }
-int cre_get_power_user_passwd(char* password, int size) {
-  return text("cre_get_power_user_passwd", password, size, fake.admin_password);
-}
+TEXT_GETTER(cre_get_power_username, int, admin)
+TEXT_GETTER(cre_get_power_user_passwd, int, admin_password)
 int cre_get_max_user_count(char* count) {
   return value("cre_get_max_user_count", count, static_cast<char>(fake.users.size()));
 }
@@ -208,18 +196,12 @@ int srv_update_aliasname_status(char* alias, char status) {
   if (result != 0) fake.alias_status = status;
   return result;
 }
-int srv_get_skyport_alias_status(char* status) {
-  return value("srv_get_skyport_alias_status", status, fake.alias_status);
-}
+VALUE_GETTER(srv_get_skyport_alias_status, char, alias_status)
 int srv_set_skyport_alias_status(char status) {
   return keep("srv_set_skyport_alias_status", fake.alias_status, status);
 }
-int srv_get_skyport_alias_name(char* name, unsigned int size) {
-  return text("srv_get_skyport_alias_name", name, size, fake.alias);
-}
-int srv_get_skyport_last_alias_name(char* name, unsigned int size) {
-  return text("srv_get_skyport_last_alias_name", name, size, fake.last_alias);
-}
+TEXT_GETTER(srv_get_skyport_alias_name, unsigned int, alias)
+TEXT_GETTER(srv_get_skyport_last_alias_name, unsigned int, last_alias)
 int srv_get_first_connection(char* out) { return text("srv_get_first_connection", out, 4096, fake.first_connection); }
 
 // ---- sptcontrol ----
@@ -262,7 +244,7 @@ int fillActIfInfo(ACT_IF_INFO* out, IFINFO* in) {
                 in->mac[3], in->mac[4], in->mac[5]);
   return result;
 }
-int tessel_get_mac3(char* out, unsigned int size) { return text("tessel_get_mac3", out, size, fake.mac3); }
+TEXT_GETTER(tessel_get_mac3, unsigned int, mac3)
 int tessel_get_skyport_url(const char* domain, char* host) {
   const int result = answer("tessel_get_skyport_url", fake.redirect_host.empty() ? 0 : 1, domain);
   if (result != 0) fake_fill(host, 64, fake.redirect_host);

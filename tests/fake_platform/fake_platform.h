@@ -92,8 +92,7 @@ struct FakePlatform {
   struct {
     std::string realm = "sky", nonce = "n0", algorithm = "MD5", qop = "auth";
   } challenge;
-  unsigned short local_port = 40000;
-  bool peer_gone = false;  // the service's end is closed before anything can be sent
+  bool peer_gone = false;  // the service takes nothing: a send fails
   int raw_len = -1;        // a serialised head of this length; -1 as it is, 0 none
 
   long unix_time_s = 1'000'000'000, unix_time_us = 123456;  // of fake_clock

@@ -3,9 +3,11 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -46,6 +48,30 @@ class Silent {
   bool known_;
 };
 
+// Lets SIGINT and SIGTERM through only while it waits: one that came between the prompt and the reading
+// would otherwise leave the program waiting for a line that nobody types any more.
+class Interruptible_wait {
+ public:
+  Interruptible_wait() {
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int signal : {SIGINT, SIGTERM}) sigaddset(&held, signal);
+    sigprocmask(SIG_BLOCK, &held, &before_);
+  }
+  Interruptible_wait(const Interruptible_wait&) = delete;
+  Interruptible_wait& operator=(const Interruptible_wait&) = delete;
+  ~Interruptible_wait() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+  // False when an interrupt came first.
+  [[nodiscard]] bool readable(int fd) const {
+    pollfd set{fd, POLLIN, 0};
+    return ppoll(&set, 1, nullptr, &before_) == 1;
+  }
+
+ private:
+  sigset_t before_{};
+};
+
 void say(int fd, std::string_view text) {
   if (write(fd, text.data(), text.size()) < 0) throw Failure{Exit::usage, "the terminal can't be written"};
 }
@@ -59,10 +85,11 @@ std::string from_prompt(const std::string& user) {
   bool complete = false;
   {
     catch_interrupts();
+    const Interruptible_wait input;
     const Silent silent(fd);
     say(fd, fmt::format("Password of {}: ", printable(user)));
     char c = 0;
-    while (!complete && read(fd, &c, 1) == 1) {
+    while (!complete && input.readable(fd) && read(fd, &c, 1) == 1) {
       complete = c == '\n';
       if (!complete) typed += c;
     }
