@@ -186,8 +186,8 @@ class Finder(unittest.TestCase):
         shown = json.loads(find("show", "10.1.0.1", "--json")[1])
         for key, value in {"name": "B\u00fcro", "address": "10.1.0.1", "interface": "a", "brand": "Lumen",
                            "http_port": 8080, "https": False, "client_version": "1.2",
-                           "url": "http://front.skyport.test/", "product_type": 2, "hardware": 0x10002, "interface_mac": MAC, "netmask": "255.255.255.0",
-                           "dhcp": False,
+                           "url": "http://front.skyport.test/", "product_type": 2, "hardware": 0x10002,
+                           "interface_mac": MAC, "netmask": "255.255.255.0", "dhcp": False,
                            "timezone": 0x1234, "dst": True, "service": "on"}.items():
             self.assertEqual(shown[key], value, key)
         survey = dissected(SURVEY, ask("a", 0xA1)[2])
@@ -298,7 +298,8 @@ def check_dissection(capture):
                           "-Y", f"udp.port == {PORT} and not icmp", "-T", "fields",
                           "-e", "_ws.malformed", "-e", "_ws.col.Protocol", "-e", "_ws.col.Info",
                           *(part for field in fields for part in ("-e", f"kestrel_finder.{field}"))],
-                         capture_output=True, text=True, check=True).stdout
+                         env={**os.environ, "HOME": str(world.SCRATCH)}, check=True, capture_output=True,
+                         text=True).stdout
     rows = [dict(zip(("malformed", "protocol", "info", *fields), line.split("\t"))) for line in out.splitlines()]
     seen = {(row["magic"], int(row["opcode"], 16)): row for row in rows}
     check = unittest.TestCase()

@@ -239,46 +239,6 @@ class SkyportTest(unittest.TestCase):
         self.assertEqual(Camera(self.port).once("POST", "/iupd.html", sealed(update(ver=None)))[0], 401)
         self.assertEqual(self.last("error"), "body lacks <dev/ver>", "shown for a stranger too")
 
-    def test_faults(self):
-        self.camera.ask("GET", "/ext.html")
-        whole = len(self.camera.bytes("GET", "/ext.html", authorization=self.camera.authorization("GET", "/ext.html")))
-        for fault, looks in (("status=503", lambda data: data[9:12] == b"503"), ("refuse", lambda data: data == b""),
-                             ("garbage=40", lambda data: len(data) == 40 and b"HTTP" not in data), ("cut=10", lambda data: len(data) == 10),
-                             ("cut", lambda data: 20 < len(data) < whole), ("silent=0.3", lambda data: data == b""),
-                             ("oversize=3000000", lambda data: len(data) > 3000000), ("bighead=100000", lambda data: data.index(b"\r\n\r\n") > 100000),
-                             ("chunked", lambda data: b"\r\n7\r\n" in data and data.endswith(b"\r\n0\r\n\r\n")),
-                             ("nolength", lambda data: b"Length" not in data and data[9:12] == b"200"),
-                             ("empty", lambda data: data[9:12] == b"200" and data.endswith(b"\r\n\r\n")), ("badbody=%%", lambda data: data.endswith(b"\n%%")),
-                             ("stale", lambda data: b"stale=true" in data)):
-            spec = f"/ext.html:{fault}"
-            self.people("/faults", "POST", f"{spec}*1")
-            self.assertTrue(looks(self.camera.bytes("GET", "/ext.html", authorization=self.camera.authorization("GET", "/ext.html"))), spec)
-            self.assertEqual((self.last("fault"), self.people("/faults")), (spec, []))
-        for fault, least in (("delay=0.3", 0.3), ("drip=0.002", 0.3)):
-            self.people("/faults", "POST", f"*:{fault}*1")
-            start = time.monotonic()
-            self.assertEqual(self.camera.once("GET", "/ext.html")[0], 200)
-            self.assertGreater(time.monotonic() - start, least)
-        self.people("/faults", "POST", "/ext.html:plain=<ext_ip>9</ext_ip>*1")
-        self.assertEqual(self.camera.once("GET", "/ext.html"), (200, "<ext_ip>9</ext_ip>"))
-        # On the challenge or behind it alone; a client that got no qop answers without.
-        for fault, statuses in (("nononce", [401, 401, 200]), ("noqop", [401, 200, 200]), ("status=404@auth", [401, 404, 200]),
-                                ("status=404@challenge", [404, 401, 200])):
-            stranger = Camera(self.port)
-            self.people("/faults", "POST", f"/ext.html:{fault}*1")
-            self.assertEqual([stranger.once("GET", "/ext.html")[0] for _ in range(3)], statuses, fault)
-        for spec in ("", "x:refuse", "/x", "/x:nope", "/x:refuse=1", "/x:status=99", "/x:delay=-1", "/x:delay=inf", "/x:refuse*0", "/x:stale@auth"):
-            self.assertIn("error", self.people("/faults", "POST", "/ok:refuse\n" + (spec or " ")), spec)
-        self.assertEqual(self.people("/faults"), [], "all of them or none")
-
-    def test_wrong_options_are_one_sentence(self):
-        busy = f"127.0.0.1:{self.port}"
-        for options, status in ((["--listen", busy, "--status", "127.0.0.1:0"], 1), (["--status", "0.0.0.0:80"], 2), (["--account", "x"], 2),
-                                (["--fault", "q"], 2), (["--nonce-timeout", "0"], 2), (["--nope"], 2), (["--listen"], 2),
-                                (["--listen", "127.0.0.1:0", "--status", "127.0.0.1:0", "--database", "/nonexistent/x"], 1)):
-            done = subprocess.run([SKYPORT, *options], capture_output=True, text=True, timeout=20, check=False)
-            self.assertEqual((done.returncode, done.stderr.count("\n"), done.stdout), (status, 1, ""), options)
-            self.assertTrue(done.stderr.startswith("skyport: "), done.stderr)
 
 
 if __name__ == "__main__":

@@ -136,6 +136,29 @@ class Transaction : public FakeTest {
   }
 
   DeviceContext ctx;
+
+  /// The log in one text, '|' for the ends of lines, with line numbers and fresh values replaced by names.
+  std::string log() const {
+    std::string text;
+    for (const std::string& line : fake.log) text += line;
+    const std::string plain = fake.sent.empty() || sent_body().empty() ? "" : sent_plain();
+    const std::string sent = fake.sent.empty() ? "" : std::to_string(fake.sent.back().size());
+    const std::pair<std::string, const char*> rows[] = {
+        {plain, "PLAIN"},
+        {ctx.auth_info.cnonce, "CNONCE"},
+        {"=(" + sent + ")", "=(SENT)"},
+        {"send=" + sent, "send=SENT"},
+        {"bodylen=" + std::to_string((plain.size() + 7) / 8 * 8) + "\n", "bodylen=PADDED\n"},
+        {"------------------------", "---"},
+        {"\n", "|"},
+    };
+    for (const auto& [what, name] : rows) {
+      for (std::size_t at = 0; !what.empty() && (at = text.find(what, at)) != text.npos;) {
+        text.replace(at, what.size(), name);
+      }
+    }
+    return std::regex_replace(text, std::regex(R"(\[( ?\w+):\d+( ?)\])"), "[$1$2]");
+  }
 };
 
 TEST_F(Transaction, GoesToTheServiceOrThroughTheRelay) {
@@ -319,6 +342,92 @@ TEST_F(Transaction, SettingsWaitForTheEndOfAnExchangeButAnExitDoesNot) {
     EXPECT_EQ(within, signal == SIGTERM ? 1 : 0) << signal;
     EXPECT_EQ(handled, 1) << signal;
     std::signal(signal, SIG_DFL);
+  }
+}
+
+TEST_F(Transaction, LogOfEachRequest) {
+  const std::string eip_body = seal("<ext_ip>203.0.113.9</ext_ip><ext_port>51000</ext_port>");
+  const std::string daip_body = seal("<da_eip>192.0.2.30</da_eip>");
+  struct Row {
+    int subject;
+    std::uint32_t on;
+    FakeResponse response;
+    std::string log;
+  };
+  // clang-format off
+  const Row rows[] = {
+      {eip, 0, {.body = eip_body},
+       " ---[ srv_get_eip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect to 192.0.2.20:80|"
+       " connect=0| send=SENT| Body_Read=72||<--|" + eip_body + "|<--|<-200 OK receiced!|"
+       " ==>[eip:eport] 203.0.113.9:51000|"},
+      {eip, 0, {.usable = false},
+       " ---[ srv_get_eip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect to 192.0.2.20:80|"
+       " connect=0| send=SENT| null|"},
+      {daip, 1, {.body = daip_body},
+       " ---[ srv_get_daip ]---| auth_info->on=1| ecnode bodylen=30| BufferLength=(SENT)| portnum=(40000)|"
+       " connect=0| send=SENT| Body_Read=36||<--|" + daip_body + "|<--| <-200 OK receiced!|"
+       " decodestr:|<da_eip>192.0.2.30</da_eip>| ==> Physical DA eip: 192.0.2.30|"},
+      {daip, 0, {.status = 401},
+       " ---[ srv_get_daip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect=0| send=SENT|"
+       " Body_Read=0| <-401 received!| ecnode bodylen=30| algorithm=MD5| nonce=n0| qop=auth| realm=sky|"
+       " uri=/ext.html| cnonce=CNONCE(32)|"},
+      {update, 0, {.status = 401, .body = "denied\n"},
+       "---[ srv_update ]---|  srv_update()|  hid=HID00001|  mac=02:00:00:00:00:02|  ptype=1|  model=LC-100|"
+       "  FirmwareVersion=1.2.3|  SkyportVersion=3.0|  chname=LC-100_0A0B0C-1.2-8080|  oif=eth0|"
+       "  netmask=255.255.255.0|  gateway=192.168.1.1|  eip=203.0.113.5|  eport=4444|  ueip=198.51.100.7|"
+       "  ueport=8080|  iip=192.168.1.20|  iport=80|  manufacturer=|  manufacturerURL=|  friendlyName=Router|"
+       "  modelName=|  modelNumber=|  modelDescription=|  presentationURL=|  tstamp=012345|"
+       "----------sz_xml_data packet----------|PLAIN|----------end sz_xml_data-------------|"
+       "ecnode bodylen=PADDED|connect=0|<--|denied|<--||<-401 received!| ecnode bodylen=30|"
+       "  algorithm=MD5|  nonce=n0|  qop=auth|  realm=sky|  uri=/iupd.html|  cnonce=CNONCE (32)|"},
+      {connectback, 0, {.status = 0},
+       "---[ srv_connectback ]---|  hid=HID00001|  eip=203.0.113.5|  ueip=198.51.100.7|  ueport=8080|"
+       "  timestamp=012345|  use ueip=198.51.100.7:8080 doing connect back test|ecnode bodylen=PADDED|connect=0|"
+       "reader.PacketHeader->StatusCode==NULL|"},
+      {enable, 1, {.status = 401},
+       " ---[ srv_enable_dev_account ]---| hid=HID00001| Enable=1|PLAIN ecnode bodylen=PADDED| ecnode bodylen=30|"
+       "[srv_enable_dev_account]|connect=0|reader.Body_Read=0|<-401 received!| ecnode bodylen=30|"
+       "  algorithm=MD5|  nonce=n0|  qop=auth|  realm=sky|  uri=/upd.html|  cnonce=CNONCE (32)|"},
+      {enable, 0, {.body = "fine\n"},
+       " ---[ srv_enable_dev_account ]---| hid=HID00001| Enable=1|PLAIN ecnode bodylen=PADDED|"
+       "connect=0|<--|fine|<--||reader.Body_Read=5| <-200 OK|"},
+      {report, 0, {.usable = false},
+       "----------sz_xml_data packet----------|PLAIN|----------end sz_xml_data-------------|"
+       " ecnode bodylen=PADDED|connect=0|null|"},
+  };
+  // clang-format on
+  for (const Row& row : rows) {
+    start();
+    ctx.auth_info.on = row.on;
+    exchange(subjects[row.subject], row.response);
+    EXPECT_EQ(log(), row.log);
+  }
+}
+
+TEST_F(Transaction, AnswersOfTheQueries) {
+  struct Row {
+    const char* plain;  // null: an empty body
+    std::string ip, port, da;
+  };
+  const Row rows[] = {
+      {"<ext_ip>198.51.100.1</ext_ip>\n<ext_port>51000</ext_port>", "198.51.100.1", "51000", "192.0.2.20"},
+      {"<ext_ip>198.51.100.1</ext_ip>", "198.51.100.1", "4444", "192.0.2.20"},
+      {"<ext_port>1</ext_port>", "203.0.113.5", "1", "192.0.2.20"},
+      {"<x><da_eip>192.0.2.99</da_eip></x>", "203.0.113.5", "4444", "192.0.2.99"},
+      {"<da_eip>198.51.100.123456</da_eip>", "203.0.113.5", "4444", "198.51.100.1234"},
+      {"<ext_ip>no address of any kind</ext_ip><ext_port>1234567</ext_port>", "no address of a", "12345", "192.0.2.20"},
+      {"</ext_ip>1<ext_ip><ext_port>2</ext_porter>", "203.0.113.5", "4444", "192.0.2.20"},
+      {"", "203.0.113.5", "4444", "192.0.2.20"},
+      {nullptr, "203.0.113.5", "4444", "192.0.2.20"},
+  };
+  for (const Row& row : rows) {
+    start();
+    const FakeResponse response{.body = row.plain != nullptr ? seal(row.plain) : ""};
+    EXPECT_EQ(exchange(subjects[eip], response), 1);
+    EXPECT_EQ(exchange(subjects[daip], response), 1);
+    EXPECT_EQ(ctx.e.ip, row.ip);
+    EXPECT_EQ(ctx.e.port, row.port);
+    EXPECT_EQ(ctx.da_ip, row.da);
   }
 }
 

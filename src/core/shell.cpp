@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <csignal>
 
 extern char** environ;
@@ -16,8 +17,22 @@ namespace {
 constexpr int look_ms = 20;
 constexpr int looks = shell_timeout_s * 1000 / look_ms;
 
-/// A command that was left to itself; reaped when the next one is run.
-pid_t left_to_itself = -1;
+/// This thread's commands that were left to themselves; reaped when the next one is run.
+thread_local std::array<pid_t, 4> left_to_themselves{};
+
+void reap_left() {
+  for (pid_t& pid : left_to_themselves) {
+    if (pid > 0 && waitpid(pid, nullptr, WNOHANG) != 0) pid = 0;
+  }
+}
+
+void leave(pid_t left) {
+  for (pid_t& pid : left_to_themselves) {
+    if (pid > 0) continue;
+    pid = left;
+    return;
+  }
+}
 
 pid_t spawn(const char* command) {
   posix_spawnattr_t attributes;
@@ -40,14 +55,13 @@ pid_t spawn(const char* command) {
 }  // namespace
 
 void run_shell(const char* command) {
-  if (left_to_itself > 0) waitpid(left_to_itself, nullptr, WNOHANG);
+  reap_left();
   const pid_t pid = spawn(command);
-  left_to_itself = -1;
   for (int look = 0; pid > 0 && look < looks; ++look) {
     if (waitpid(pid, nullptr, WNOHANG) != 0) return;
     poll(nullptr, 0, look_ms);
   }
-  left_to_itself = pid;
+  if (pid > 0) leave(pid);
 }
 
 }  // namespace kestrel

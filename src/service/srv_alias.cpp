@@ -19,7 +19,6 @@ LeftoverSocket leftover_socket;
 /// This request logs what the queries log, but for the lines that it shares with the reports.
 constexpr ExchangeLog log_of_alias() {
   ExchangeLog log = log_of_reports;
-  log.auth_on = log_of_queries.auth_on;
   log.buffer_length = log_of_queries.buffer_length;
   log.send_buffer = "%s\n";
   log.portnum = log_of_queries.portnum;
@@ -88,6 +87,7 @@ int store_verdict(char verdict, char* alias) {
 
 int srv_alias(DeviceContext* ctx, const char* alias, char* verdict) {
   debug_log("------------------------[ %s:%d ]------------------------\n", alias_request.name, __LINE__);
+  debug_log(" auth_info->on=%d\n", static_cast<int>(ctx->auth_info.on));
   char body[1024];
   const int fits = write_body(body, sizeof(body),
                               "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
