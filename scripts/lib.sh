@@ -8,7 +8,7 @@ build_packages=(
   libbenchmark-dev
 )
 # What the lab's namespaces and its router take; libfaketime speeds the scenarios up.
-lab_packages=(python3 iproute2 util-linux procps nftables miniupnpd-nftables libfaketime)
+lab_packages=(python3 iproute2 util-linux procps psmisc nftables miniupnpd-nftables libfaketime)
 # What the checks of style and the tests take beside these.
 check_packages=(clang-format clang-tidy shellcheck mandoc binutils tinyproxy tshark)
 export build_packages lab_packages check_packages

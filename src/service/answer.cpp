@@ -20,6 +20,12 @@ constexpr std::string_view end_of_head = "\r\n\r\n";
 constexpr std::string_view end_of_chunks = "\r\n0\r\n";
 constexpr std::size_t status_at = 9;  // "HTTP/1.1 200"
 
+/// As substr, without its exception for a start behind the end, which would need the C++ runtime.
+std::string_view part(std::string_view text, std::size_t from, std::size_t len = std::string_view::npos) {
+  text.remove_prefix(from < text.size() ? from : text.size());
+  return {text.data(), len < text.size() ? len : text.size()};
+}
+
 std::int64_t now_ms() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -30,10 +36,10 @@ std::int64_t now_ms() {
 std::string_view field_value(std::string_view head, std::string_view name) {
   for (std::size_t at = head.find(end_of_line); at != std::string_view::npos; at = head.find(end_of_line, at)) {
     at += end_of_line.size();
-    const std::string_view line = head.substr(at, head.find(end_of_line, at) - at);
+    const std::string_view line = part(head, at, head.find(end_of_line, at) - at);
     if (line.size() <= name.size() || line[name.size()] != ':') continue;
     if (strncasecmp(line.data(), name.data(), name.size()) != 0) continue;
-    std::string_view value = line.substr(name.size() + 1);
+    std::string_view value = part(line, name.size() + 1);
     while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
     while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
     return value;
@@ -51,7 +57,7 @@ bool has_whole_body(std::string_view head, std::string_view body) {
   const int status = status_of(head);
   if (status == 204 || status == 304) return true;
   if (!field_value(head, "Transfer-Encoding").empty()) {
-    if (body.substr(0, 3) == end_of_chunks.substr(2)) return true;
+    if (part(body, 0, 3) == part(end_of_chunks, 2)) return true;
     const std::size_t last = body.find(end_of_chunks);
     return last != std::string_view::npos && body.find(end_of_head, last + 2) != std::string_view::npos;
   }
@@ -74,7 +80,7 @@ bool is_whole_answer(const char* text, std::size_t len) {
   for (;;) {
     const std::size_t end = rest.find(end_of_head);
     if (end == std::string_view::npos) return false;
-    const std::string_view head = rest.substr(0, end + end_of_line.size());
+    const std::string_view head = part(rest, 0, end + end_of_line.size());
     rest.remove_prefix(end + end_of_head.size());
     const int status = status_of(head);
     if (status < 100 || status > 199) return has_whole_body(head, rest);
