@@ -4,11 +4,10 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <csignal>
-
-extern char** environ;
 
 namespace kestrel {
 
