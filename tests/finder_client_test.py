@@ -331,6 +331,8 @@ def body():
                                      (STUB, "eth0", "10.9.0.2")):
         node.address(interface, f"{address}/24")
         node.run("sysctl", "-qw", "net.ipv4.conf.all.rp_filter=0", f"net.ipv4.conf.{interface}.rp_filter=0")
+    for node in (machine, PC, STUB):  # above the finder's port, which tshark then asks first what a datagram is
+        node.run("sysctl", "-qw", "net.ipv4.ip_local_port_range=63000 64999")
     CAMERA = lab_camera.Camera(machine, "10.1.0.200", "eth0", http_port=8080, speed=20,
                                network="active_interface=eth0\ninterfaces=eth0;eth1")
     for key, value in {"camera_name": "B\u00fcro", "timezone": "4660", "dst": "1", "product_type": "1", "enabled":
