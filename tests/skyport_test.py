@@ -240,7 +240,6 @@ class SkyportTest(unittest.TestCase):
         self.assertEqual(self.last("error"), "body lacks <dev/ver>", "shown for a stranger too")
 
 
-
 if __name__ == "__main__":
     SKYPORT = sys.argv.pop(1)
     unittest.main()

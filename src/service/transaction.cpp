@@ -268,7 +268,9 @@ int exchange(DeviceContext& ctx, const Request& request, const Route& route, con
 }  // namespace
 
 bool through_relay(const DeviceContext& ctx) {
-  return load_word(ctx.proxy_tested) == 1;
+  char ip[ip_len];
+  char port[port_len];
+  return find_relay(ctx, ip, port);
 }
 
 int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len], const char* body,

@@ -83,8 +83,8 @@ using AnswerReader = void (*)(DeviceContext& ctx, const char* plain, void* sink)
 int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len], const char* body,
                  AuthenticateInfo& auth, AnswerReader read_answer, void* sink);
 
-/// True when the record's requests go through the relay, to which
-/// this cycle has then fallen back.
+/// True when the record's requests go through the relay: this cycle has fallen back to it, and its address
+/// is known.
 bool through_relay(const DeviceContext& ctx);
 
 // The log texts of the two families of requests: those whose lines begin with a blank, and the others.
