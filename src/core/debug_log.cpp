@@ -138,4 +138,16 @@ void print_console(const char* format, ...) {
   errno = saved_errno;
 }
 
+void print_error(const char* what) {
+  const int saved_errno = errno;
+  Line line;
+  line.len = 0;
+  put_text(line, what, scratch_len);
+  put_text(line, ": ", 2);
+  put_text(line, std::strerror(saved_errno), scratch_len);
+  put_char(line, '\n');
+  write_all(STDERR_FILENO, line.text, line.len);
+  errno = saved_errno;
+}
+
 }  // namespace kestrel

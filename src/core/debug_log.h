@@ -31,6 +31,10 @@ constexpr int debug_log_max_lines = 1000;
 /// Async-signal-safe; keeps errno.
 [[gnu::format(printf, 1, 2)]] void print_console(const char* format, ...);
 
+/// Prints "what: " and errno's text to standard error, as perror does, but never waits for a reader: a line that
+/// cannot be written at once is dropped. Async-signal-safe but for strerror; keeps errno.
+void print_error(const char* what);
+
 }  // namespace kestrel
 
 #endif

@@ -1,6 +1,8 @@
 // Bounded texts, see text.h.
 #include "core/text.h"
 
+#include <sys/time.h>
+
 #include <cstdio>
 
 namespace kestrel {
@@ -23,6 +25,12 @@ int format_text(char* to, std::size_t size, const char* format, ...) {
   const int len = std::vsnprintf(to, size, format, args);
   va_end(args);
   return len >= 0 && static_cast<std::size_t>(len) < size ? len : -1;
+}
+
+void random_digits6(char* out) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  format_text(out, random_digits_len + 1, "%6.6d", static_cast<int>(now.tv_usec));
 }
 
 }  // namespace kestrel

@@ -20,6 +20,11 @@ bool copy_bytes(char* to, std::size_t size, const char* from, std::size_t len);
 /// (`to` is then cut and terminated).
 [[gnu::format(printf, 3, 4)]] int format_text(char* to, std::size_t size, const char* format, ...);
 
+/// Writes the microseconds of the present time as six decimal digits and a terminator to `out`
+/// (random_digits_len + 1 bytes).
+void random_digits6(char* out);
+constexpr std::size_t random_digits_len = 6;
+
 /// Whole-array forms, so that a size is never written twice.
 template <std::size_t N>
 bool copy_text(char (&to)[N], const char* from) {

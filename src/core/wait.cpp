@@ -3,13 +3,12 @@
 #include "core/wait.h"
 
 #include <poll.h>
-#include <pthread.h>
-#include <csignal>
-#include <ctime>
 
 #include <atomic>
+#include <ctime>
 
 #include "core/shared_word.h"
+#include "core/signals_blocked.h"
 
 namespace kestrel {
 
@@ -24,16 +23,12 @@ constexpr std::uint32_t always = 1;
 }  // namespace
 
 void wait_while(const std::uint32_t& run, unsigned seconds) {
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const SignalsBlocked blocked;
   if (load_word(run) != 0 && signals_come.load(std::memory_order_relaxed) == signals_seen) {
     const timespec limit{static_cast<time_t>(seconds), 0};
-    ppoll(nullptr, 0, &limit, &before);
+    ppoll(nullptr, 0, &limit, &blocked.before);
   }
   signals_seen = signals_come.load(std::memory_order_relaxed);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void wait_regardless(unsigned seconds) {

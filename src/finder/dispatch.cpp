@@ -55,7 +55,7 @@ ssize_t receive() {
   zero(finder.request);
   const ssize_t len =
       recvfrom(fd, finder.request, sizeof(finder.request), 0, reinterpret_cast<sockaddr*>(&finder.peer), &peer_len);
-  if (len < 0) perror("recvfrom");
+  if (len < 0) print_error("recvfrom");
   return len;
 }
 

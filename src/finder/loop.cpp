@@ -8,7 +8,6 @@
 #include "finder/finder.h"
 #include "finder/record.h"
 #include "service/requests.h"
-#include "service/transaction.h"
 
 namespace kestrel {
 

@@ -163,7 +163,7 @@ void take_server(DnsServers& servers, const char* line) {
   if (std::sscanf(line, "%255s %255s", key, value) != 2 || std::strcmp(key, "nameserver") != 0) return;
   in_addr server{};
   if (inet_aton(value, &server) == 0) {
-    perror("Finderd_get_dns");
+    print_error("Finderd_get_dns");
     return;
   }
   // Every later server takes the second place, so that it ends as the last of the file.
@@ -219,7 +219,7 @@ std::uint32_t conf_state_of(RegState state) {
 void Finderd_get_dns(std::uint8_t* base) {
   static DnsServers servers{};
   if (!refresh(servers)) {
-    perror("Finderd_get_dns");
+    print_error("Finderd_get_dns");
     return;
   }
   if (servers.count >= 1) std::memcpy(base + first_dns, &servers.first, sizeof(servers.first));
@@ -230,12 +230,12 @@ int Finderd_get_time(char* out) {
   if (out == nullptr) return 0;
   timeval now{};
   if (gettimeofday(&now, nullptr) != 0) {
-    perror("gettimeofday");
+    print_error("gettimeofday");
     return 0;
   }
   tm local{};
   if (localtime_r(&now.tv_sec, &local) == nullptr) {
-    perror("localtime");
+    print_error("localtime");
     return 0;
   }
   format_text(out, time_len, "%04d%02d%02d%02d%02d%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,

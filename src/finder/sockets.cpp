@@ -157,7 +157,7 @@ int Finderd_send(const std::uint8_t* buf, std::uint32_t len) {
             finder.iReportSocketIndex, static_cast<int>(len), to);
   const ssize_t sent = sendto(fd, buf, len, 0, reinterpret_cast<const sockaddr*>(&finder.peer), sizeof(finder.peer));
   if (sent < 0) {
-    perror("sendto");
+    print_error("sendto");
     return 0;
   }
   if (static_cast<std::size_t>(sent) != len) {

@@ -4,7 +4,7 @@
 #include <arpa/inet.h>
 
 #include <array>
-#include <cstring>
+#include <cstdint>
 
 #include "core/device_context.h"
 #include "core/text.h"
@@ -52,14 +52,6 @@ int make_uid(char* uid, int size) {
   constexpr int model_room = static_cast<int>(uid_len - 1 - mac3_len);
   format_text(uid, uid_len, "%.*s_%s", model_room, model, mac3);
   return 1;
-}
-
-void pad_to_block(unsigned char* buffer, std::int32_t* len) {
-  const std::int32_t rest = *len % cipher_block_len;
-  if (rest <= 0) return;
-  const std::int32_t missing = cipher_block_len - rest;
-  std::memset(buffer + *len, 0, static_cast<std::size_t>(missing));
-  *len += missing;
 }
 
 }  // namespace kestrel

@@ -5,7 +5,6 @@
 #include "regstate/handlers.h"
 #include "regstate/steps.h"
 #include "service/requests.h"
-#include "service/transaction.h"
 
 namespace kestrel {
 

@@ -13,7 +13,6 @@
 #include "regstate/state_table.h"
 #include "regstate/steps.h"
 #include "service/requests.h"
-#include "service/transaction.h"
 #include "upnp/port_mapping.h"
 
 namespace kestrel {

@@ -10,7 +10,6 @@
 #include "regstate/state_init.h"
 #include "regstate/steps.h"
 #include "service/requests.h"
-#include "service/transaction.h"
 #include "upnp/port_mapping.h"
 
 namespace kestrel {

@@ -11,7 +11,7 @@
 #include "platform/tesselcfg.h"
 #include "regstate/handlers.h"
 #include "regstate/steps.h"
-#include "service/transaction.h"
+#include "service/requests.h"
 
 namespace kestrel {
 

@@ -1,20 +1,17 @@
 // Identity initialisation, see state_init.h.
 #include "regstate/state_init.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
-#include <csignal>
-
 #include "core/debug_log.h"
+#include "core/signals_blocked.h"
 #include "core/text.h"
 #include "core/wait.h"
 #include "net/address.h"
 #include "platform/tesselcfg.h"
 #include "regstate/state_table.h"
 #include "regstate/steps.h"
-#include "service/body_cipher.h"
-#include "service/srv_util.h"
+#include "service/requests.h"
 #include "upnp/port_mapping.h"
 
 namespace kestrel {
@@ -29,15 +26,11 @@ constexpr unsigned account_retry_s = 3;
 /// Sets `run` and `state` anew. An exit request that came before stands: it left UNKNOWN and a `run` of
 /// 0, and is not taken back. No signal may come between the look and the stores.
 void start_running(DeviceContext& current) {
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const SignalsBlocked blocked;
   const bool exit_requested = load_word(current.state) == UNKNOWN && load_word(current.run) == 0;
   set_state(current, START);
   store_word(current.run, exit_requested ? 0U : 1U);
   store_word(current.dev_reload, 0U);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void reset(DeviceContext& current) {

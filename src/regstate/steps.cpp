@@ -10,7 +10,6 @@
 #include "platform/tesselcfg.h"
 #include "regstate/auth_fail_count.h"
 #include "service/requests.h"
-#include "service/transaction.h"
 #include "upnp/port_mapping.h"
 
 namespace kestrel {

@@ -8,7 +8,6 @@
 #include "regstate/need_update.h"
 #include "regstate/state_table.h"
 #include "service/requests.h"
-#include "service/transaction.h"
 
 namespace kestrel {
 

@@ -101,6 +101,14 @@ void bf_encrypt_block(const BlowfishState* state, unsigned char* block) {
   store_big_endian(block + 4, right);
 }
 
+void pad_to_block(unsigned char* buffer, std::int32_t* len) {
+  constexpr auto block_len = static_cast<std::int32_t>(blowfish_block_len);
+  const std::int32_t rest = *len % block_len;
+  if (rest <= 0) return;
+  std::memset(buffer + *len, 0, static_cast<std::size_t>(block_len - rest));
+  *len += block_len - rest;
+}
+
 void bf_cfb8_encrypt(unsigned char* buffer, std::int32_t len, const unsigned char* key, int key_len,
                      const unsigned char* iv, int iv_len) {
   cfb8(Direction::encrypt, buffer, len, key, key_len, iv, iv_len);

@@ -30,6 +30,10 @@ void bf_encipher(const BlowfishState* state, std::uint32_t* left, std::uint32_t*
 /// Enciphers a block of 8 bytes in place, read and written big-endian.
 void bf_encrypt_block(const BlowfishState* state, unsigned char* block);
 
+/// Appends zero bytes to the data at `buffer` until `*len` is a multiple of the block. The caller guarantees
+/// room for blowfish_block_len - 1 bytes behind the data. A length below 1 stays as it is.
+void pad_to_block(unsigned char* buffer, std::int32_t* len);
+
 /// Enciphers `len` bytes in place in CFB-8 (NIST SP 800-38A, 6.3, s = 8). The length stays the same;
 /// any length is allowed. The key schedule runs for every call. Nothing happens when `iv_len` is not 8
 /// or `key_len` is below 1.

@@ -1,15 +1,11 @@
 // The service's body cipher, see body_cipher.h.
 #include "service/body_cipher.h"
 
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 #include "core/debug_log.h"
-#include "core/text.h"
-#include "net/address.h"
 #include "platform/tessel.h"
 #include "service/blowfish.h"
 
@@ -93,12 +89,6 @@ char* decipher_body(const char* body, std::int32_t len) {
                   cipher_iv_len);
   plain[plain_len] = '\0';
   return plain;
-}
-
-void random_digits6(char* out) {
-  timeval now{};
-  gettimeofday(&now, nullptr);
-  format_text(out, random_digits_len + 1, "%6.6d", static_cast<int>(now.tv_usec));
 }
 
 }  // namespace kestrel

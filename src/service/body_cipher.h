@@ -37,10 +37,6 @@ int encipher_body(char* body, std::size_t size, const char* bodylen_format);
 /// the caller frees with free(); null when there is no memory.
 char* decipher_body(const char* body, std::int32_t len);
 
-/// Writes the microseconds of the present time as six decimal digits and a terminator.
-void random_digits6(char* out);
-constexpr std::size_t random_digits_len = 6;
-
 }  // namespace kestrel
 
 #endif

@@ -7,7 +7,6 @@
 #include "platform/tesselcfg.h"
 #include "service/body_cipher.h"
 #include "service/post_body.h"
-#include "service/requests.h"
 #include "service/transaction.h"
 
 namespace kestrel {

@@ -39,7 +39,7 @@ int await_connection(int sock, int timeout_s) {
   int pending = 0;
   socklen_t len = sizeof(pending);
   if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &pending, &len) != 0) {
-    perror(" getsockopt");
+    print_error(" getsockopt");
     return -1;
   }
   if (pending != 0) {

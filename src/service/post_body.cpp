@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "service/body_cipher.h"
+#include "core/text.h"
 
 namespace kestrel {
 

@@ -6,7 +6,6 @@
 #include "platform/tesselcfg.h"
 #include "service/body_cipher.h"
 #include "service/post_body.h"
-#include "service/requests.h"
 #include "service/transaction.h"
 #include "service/xml_value.h"
 

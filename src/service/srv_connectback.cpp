@@ -5,7 +5,6 @@
 #include "net/address.h"
 #include "service/body_cipher.h"
 #include "service/post_body.h"
-#include "service/requests.h"
 #include "service/transaction.h"
 
 namespace kestrel {

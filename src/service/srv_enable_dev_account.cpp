@@ -2,7 +2,6 @@
 #include "core/debug_log.h"
 #include "service/body_cipher.h"
 #include "service/post_body.h"
-#include "service/requests.h"
 #include "service/transaction.h"
 
 namespace kestrel {

@@ -1,6 +1,5 @@
 // The data-server query: which access server serves this device.
 #include "core/debug_log.h"
-#include "service/requests.h"
 #include "service/transaction.h"
 #include "service/xml_value.h"
 

@@ -1,6 +1,5 @@
 // The external-address query: from which public address and port the service sees the camera.
 #include "core/debug_log.h"
-#include "service/requests.h"
 #include "service/transaction.h"
 #include "service/xml_value.h"
 

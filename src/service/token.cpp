@@ -7,7 +7,6 @@
 
 #include "core/debug_log.h"
 #include "core/text.h"
-#include "net/address.h"
 #include "platform/tessel.h"
 #include "service/blowfish.h"
 #include "service/body_cipher.h"

@@ -8,14 +8,9 @@
 #include <cstddef>
 
 #include "core/device_context.h"
+#include "service/requests.h"
 
 namespace kestrel {
-
-/// Results of every request. Any other value means another HTTP status.
-constexpr int request_no_answer = 0;
-constexpr int request_ok = 1;
-constexpr int request_challenged = 2;  // repeat the request, it then carries credentials
-constexpr int request_failed = 3;      // the enable report alone: no answer, or another status
 
 constexpr int service_port = 80;
 constexpr int exchange_timeout_s = 20;  // to connect, and for every send and receive after it

@@ -1,6 +1,8 @@
 // A log that keeps its lines: in the place of core/debug_log.cpp.
 #include <cstdarg>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 
 #include "core/debug_log.h"
@@ -29,6 +31,11 @@ int debug_log(const char* text, ...) {
   keep(fake.log, text, args);
   va_end(args);
   return 0;
+}
+
+void print_error(const char* what) {
+  const std::lock_guard lock(log_mutex);
+  fake.console.push_back(std::string(what) + ": " + std::strerror(errno) + "\n");
 }
 
 void print_console(const char* text, ...) {

@@ -3,8 +3,8 @@
 #include <memory>
 
 #include "fuzz.h"
-#include "nettle_cipher.h"
 #include "service/body_cipher.h"
+#include "support/nettle_cipher.h"
 
 Texts fuzz_seeds() {
   const std::string answer = "<?xml version=\"1.0\"?>\n<ldev>\n<ext_ip>203.0.113.5</ext_ip>\n</ldev>\n";

@@ -11,7 +11,7 @@
 #include "finder/packet.h"
 #include "finder/record.h"
 #include "fuzz.h"
-#include "nettle_cipher.h"
+#include "support/nettle_cipher.h"
 
 using namespace kestrel;
 

@@ -6,8 +6,8 @@
 #include <algorithm>
 
 #include "fuzz.h"
-#include "http_response.h"
 #include "service/answer.h"
+#include "support/http_response.h"
 
 Texts fuzz_seeds() {
   const std::string challenge = "WWW-Authenticate: Digest realm=\"sky\", nonce=\"abc\"\r\n";

@@ -8,9 +8,9 @@
 #include "core/text.h"
 #include "fake_platform/fake_platform.h"
 #include "fuzz.h"
-#include "nettle_cipher.h"
 #include "regstate/handlers.h"
 #include "regstate/state_init.h"
+#include "support/nettle_cipher.h"
 
 using namespace kestrel;
 

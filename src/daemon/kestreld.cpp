@@ -1,0 +1,102 @@
+// Start-up, main loop and shutdown, see kestreld.h.
+#include "daemon/kestreld.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "core/debug_log.h"
+#include "core/device_context.h"
+#include "core/signals_blocked.h"
+#include "core/text.h"
+#include "core/wait.h"
+#include "finder/finder.h"
+#include "platform/sptcontrol.h"
+#include "platform/tessel.h"
+#include "platform/tesselcfg.h"
+#include "regstate/state_init.h"
+
+namespace kestrel {
+
+namespace {
+
+constexpr unsigned start_up_s = 6;  // for the camera's other daemons and its network to come up
+constexpr std::size_t token_len = 32;
+constexpr char debug_token[] = "mObRaKiV";
+
+bool take_lock() {
+  if (tessel_get_lock("kestreld_lock") != 0) return true;
+  constexpr char message[] = "kestreld: Process already running!\r\n";
+  const ssize_t written = write(STDERR_FILENO, message, sizeof(message) - 1);
+  static_cast<void>(written);
+  return false;
+}
+
+/// A configured level has effect only together with the right token.
+void settle_debug_level() {
+  char token[2 * token_len] = "";
+  dbg_get_level_token(&DbgLevel, token);
+  terminate(token);
+  if (std::strstr(token, debug_token) != nullptr) {
+    print_console("DbgLevel=(%d)\n", DbgLevel);
+  } else {
+    DbgLevel = 0;
+  }
+}
+
+void start_finder(DeviceContext& current) {
+  // Taken before the thread exists: from then on the main thread may change it at any time.
+  Finderd_take_auth(current.auth_info);
+  // Blocked from its first instruction on: a signal that the new thread took would not end the main
+  // thread's wait.
+  const SignalsBlocked blocked;
+  pthread_create(&current.finder_thread, nullptr, finderd_thread, &current);
+}
+
+void main_loop(DeviceContext& current) {
+  while (load_word(current.run) != 0) {
+    // What the signals ask for is looked at here, so older ones need not end a wait any more.
+    wait_arm();
+    const auto reload = static_cast<int>(load_word(current.dev_reload));
+    debug_log("dev_reload(%d)\n", reload);
+    if (reload != 0) {
+      SetSptOnLineStatus(0);
+      debug_log("state_init()\n");
+      state_init(current);
+    }
+    // An exit request may come at any moment, and its state has no handler.
+    const auto state = static_cast<std::size_t>(load_word(current.state));
+    if (state < state_count) current.handlers[state](&current);
+  }
+}
+
+}  // namespace
+
+int run_daemon() {
+  upnp_found_at_init = 0;
+  if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
+    perror("signal");
+    return 1;
+  }
+  if (!take_lock()) return 1;
+  settle_debug_level();
+  debug_log("\nLumen device 1.2\n");
+  debug_log("The kestreld authors\n");
+  debug_log("Starting.......\n");
+  zero(current_record);
+  zero(last_record);
+  current_record.last = &last_record;
+  state_init(current_record);
+  debug_log("user name=(%s)\n", current_record.auth_info.user);
+  if (!init_signals()) debug_log("init signal failed!\n");
+  start_finder(current_record);
+  wait_regardless(start_up_s);
+  main_loop(current_record);
+  SetSptOnLineStatus(0);
+  return 0;
+}
+
+}  // namespace kestrel

@@ -1,0 +1,239 @@
+// core/: the debug log, the waits and the shell, as they are.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <thread>
+
+#include "core/debug_log.h"
+#include "core/shared_word.h"
+#include "core/shell.h"
+#include "core/wait.h"
+#include "support/child.h"
+
+namespace kestrel {
+
+namespace {
+
+// ---- The log ----
+
+/// Logs with a format that the compiler cannot see.
+template <typename... Args>
+void say(const char* format, Args... args) {
+  const char* volatile hidden = format;
+  debug_log(hidden, args...);
+}
+
+/// What `work` prints to standard output.
+std::string console_of(const std::function<void()>& work) {
+  int ends[2];
+  if (pipe2(ends, O_NONBLOCK) != 0) return "no pipe";
+  const int console = dup(STDOUT_FILENO);
+  std::fflush(nullptr);
+  dup2(ends[1], STDOUT_FILENO);
+  work();
+  dup2(console, STDOUT_FILENO);
+  char text[8192];
+  const ssize_t n = read(ends[0], text, sizeof(text));
+  for (const int fd : {ends[0], ends[1], console}) close(fd);
+  return {text, n > 0 ? static_cast<std::size_t>(n) : 0};
+}
+
+TEST(DebugLog, FormatsByItself) {
+  struct Row {
+    std::function<void()> log;
+    std::string text;
+  };
+  const std::string long_text(3000, 'x');
+  const char* endless = long_text.c_str();
+  const Row rows[] = {
+      {[] { say("%d %d|", INT_MIN, INT_MAX); }, "-2147483648 2147483647|"},
+      {[] { say("[%s:%c]", "ab", 'o'); }, "[ab:o]"},
+      {[] { say("%x=%d", 5); }, "x=5"},
+      {[] { say("%lu %8.8d% d%-s", 9); }, "lu 8.8d d-s"},
+      {[] { say("100%", 0); }, "100"},
+      {[] { say("%%d|%%%s|", 4, "t"); }, "4|t|"},
+      {[=] { say("%s|", endless); }, std::string(1535, 'x') + "|"},
+      {[=] { say("%s%s\n", endless, endless); }, std::string(2043, 'x')},
+  };
+  DbgLevel = debug_console;
+  for (const Row& row : rows) EXPECT_EQ(console_of(row.log), "KLOG" + row.text);
+}
+
+/// The log's files have fixed names: these tests see a /tmp of their own.
+class LogFile : public ::testing::Test {
+ protected:
+  void in_own_tmp(const std::function<void()>& work) {
+    constexpr int not_allowed = 77;
+    const Child child = run_child([&] {
+      if (!own_tmp()) return not_allowed;
+      work();
+      return 0;
+    });
+    if (child.status == not_allowed) GTEST_SKIP() << "needs a mount namespace, for a log file of its own";
+    EXPECT_EQ(child.status, 0) << child.out << child.err;
+  }
+
+  static std::string current() { return read_file(debug_log_path); }
+  static std::string old() { return read_file(debug_log_old_path); }
+  static long lines(const std::string& text) { return std::ranges::count(text, '\n'); }
+};
+
+TEST_F(LogFile, TheLevelsBitsChooseWhereLinesGo) {
+  in_own_tmp([] {
+    std::string file;
+    for (int level = 0; level < 8; ++level) {
+      DbgLevel = level;
+      const std::string line = "KLOGlevel " + std::to_string(level) + "\n";
+      EXPECT_EQ(console_of([=] { debug_log("level %d\n", level); }), (level & 1) != 0 ? line : "");
+      if ((level & 4) != 0) file += line;
+      EXPECT_EQ(current(), file);
+    }
+  });
+}
+
+TEST_F(LogFile, RotatesAtTheFirstLineAndAfterAThousand) {
+  in_own_tmp([] {
+    DbgLevel = debug_file;
+    write_file(debug_log_path, "before\n");
+    write_file(debug_log_old_path, "older\n");
+    debug_log("%d\n", 1);
+    EXPECT_EQ(old(), "before\n");
+    EXPECT_EQ(current(), "KLOG1\n");
+    for (int i = 2; i <= 1000; ++i) debug_log("%d\n", i);
+    EXPECT_EQ(old(), "before\n");
+    EXPECT_EQ(lines(current()), 1000);
+    const std::string thousand = current();
+    debug_log("%d\n", 1001);
+    EXPECT_EQ(old(), thousand);
+    EXPECT_EQ(current(), "KLOG1001\n");
+    unlink(debug_log_path);
+    debug_log("taken away\n");
+    EXPECT_EQ(current(), "KLOGtaken away\n");
+    struct stat status {};
+    stat(debug_log_path, &status);
+    EXPECT_EQ(status.st_mode & 0777, 0600U);
+  });
+}
+
+TEST_F(LogFile, ALinkInItsPlaceIsNotFollowedAndAnErrorNotSeen) {
+  in_own_tmp([] {
+    DbgLevel = debug_file;
+    write_file("/tmp/victim", "precious\n");
+    debug_log("first\n");
+    unlink(debug_log_path);
+    ASSERT_EQ(symlink("/tmp/victim", debug_log_path), 0);
+    errno = EDOM;
+    EXPECT_EQ(debug_log("second\n"), 0);
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(read_file("/tmp/victim"), "precious\n");
+  });
+}
+
+TEST_F(LogFile, ThreadsAndSignalHandlersMayLogAtOnce) {
+  in_own_tmp([] {
+    DbgLevel = debug_file;
+    std::signal(SIGALRM, [](int) { debug_log("handler\n"); });
+    const itimerval every_ms{{0, 1000}, {0, 1000}}, never{};
+    setitimer(ITIMER_REAL, &every_ms, nullptr);
+    const auto log_many = [] {
+      for (int i = 0; i < 1500; ++i) debug_log("line\n");
+    };
+    std::thread other(log_many);
+    log_many();
+    other.join();
+    setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_LE(lines(current()), 1000 + 10);
+  });
+}
+
+// ---- Waits ----
+
+std::uint32_t run = 1;
+
+double seconds_of(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+void alarm_in(long us) {
+  const itimerval once{{0, 0}, {0, us}};
+  setitimer(ITIMER_REAL, &once, nullptr);
+}
+
+class Wait : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    run = 1;
+    struct sigaction action {};
+    action.sa_handler = [](int) { wait_note_signal(); };
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGALRM, &action, nullptr);
+    wait_arm();
+  }
+};
+
+TEST_F(Wait, ASignalJustBeforeEndsItAtOnceButOnlyOnce) {
+  raise(SIGALRM);
+  EXPECT_LT(seconds_of([] { wait_regardless(30); }), 10);
+  EXPECT_GE(seconds_of([] { wait_regardless(1); }), 0.999);
+  raise(SIGALRM);
+  wait_arm();  // forgets what came before
+  EXPECT_GE(seconds_of([] { wait_while(run, 1); }), 0.999);
+}
+
+TEST_F(Wait, ASignalAtTheVeryEdgeIsNeverSleptOver) {
+  for (long us = 1; us <= 300; ++us) {
+    alarm_in(us);
+    ASSERT_LT(seconds_of([] { wait_while(run, 30); }), 10) << us;
+  }
+}
+
+TEST_F(Wait, IsSkippedWhenRunIsCleared) {
+  std::signal(SIGALRM, [](int) {
+    store_word(run, 0U);
+    wait_note_signal();
+  });
+  alarm_in(20'000);
+  EXPECT_LT(seconds_of([] {
+              for (int i = 0; i < 10; ++i) wait_while(run, 30);
+            }),
+            10);
+  sigset_t mask;
+  pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  EXPECT_EQ(sigismember(&mask, SIGALRM), 0);
+}
+
+// ---- The shell ----
+
+TEST(Shell, ACommandRunsToItsEndWithNoSignalBlockedOrIgnored) {
+  std::signal(SIGPIPE, SIG_IGN);
+  sigset_t usr1, before;
+  sigemptyset(&usr1);
+  sigaddset(&usr1, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &usr1, &before);
+  const Child child = run_child([] {
+    run_shell("grep -E 'SigBlk|SigIgn' /proc/self/status");  // alone, as a shell with more to do clears the mask
+    run_shell("sleep 0.1; exit 3");
+    run_shell("no such command 2>/dev/null");
+    return waitpid(-1, nullptr, WNOHANG) == -1 ? 0 : 1;  // nobody is left to be reaped
+  });
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  std::signal(SIGPIPE, SIG_DFL);
+  EXPECT_EQ(child.status, 0);
+  // The C library keeps two signals of its own, 32 and 33, out of this.
+  unsigned long blocked = 1, ignored = 1;
+  EXPECT_EQ(std::sscanf(child.out.c_str(), "SigBlk: %lx SigIgn: %lx", &blocked, &ignored), 2) << child.out;
+  EXPECT_EQ(blocked, 0U);
+  EXPECT_EQ(ignored & 0x7FFFFFFF, 0U);
+}
+
+}  // namespace
+
+}  // namespace kestrel

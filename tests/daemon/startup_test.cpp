@@ -1,0 +1,217 @@
+// Start-up, main loop and shutdown: run_daemon in a process of its own, with the fake platform, fake waits and the
+// states replaced. Whatever happens is printed to standard output in order: platform calls as "> call".
+#include <sys/stat.h>
+
+#include <atomic>
+#include <csignal>
+#include <ctime>
+
+#include "core/device_context.h"
+#include "core/wait.h"
+#include "daemon/kestreld.h"
+#include "fake_platform/fixture.h"
+#include "finder/finder.h"
+#include "regstate/state_table.h"
+#include "support/child.h"
+
+namespace kestrel {
+
+namespace {
+
+std::function<void(DeviceContext&)> on_start;  // the handler of START
+std::function<void()> on_install;
+std::atomic<bool> finder_done{false};
+
+void tell(const std::string& text) {
+  const std::string line = text + "\n";
+  const ssize_t n = write(STDOUT_FILENO, line.data(), line.size());
+  static_cast<void>(n);
+}
+
+void await_finder() {
+  const timespec ms{0, 1'000'000};
+  for (int i = 0; i < 10'000 && !finder_done; ++i) nanosleep(&ms, nullptr);
+}
+
+}  // namespace
+
+// In the place of the state table and the finder.
+
+void install_handlers(DeviceContext& ctx) {
+  tell("install_handlers");
+  for (StateHandler& handler : ctx.handlers) {
+    handler = [](DeviceContext* current) {
+      tell("handler");
+      await_finder();
+      on_start(*current);
+    };
+  }
+  if (on_install) on_install();
+}
+
+void Finderd_take_auth(const AuthenticateInfo& auth) {
+  tell(std::string("take_auth ") + auth.user);
+}
+void Finderd_CST() {
+  sigset_t blocked;
+  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  bool all = true;
+  for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGUSR2, SIGALRM}) {
+    all = all && sigismember(&blocked, signal) == 1;
+  }
+  tell(all ? "finder: signals blocked" : "finder: signals open");
+  tell("finder: CST");
+}
+int Finderd_init() {
+  tell("finder: init");
+  return 0;
+}
+void Finderd_set_context(DeviceContext* context) {
+  tell(context == &current_record ? "finder: the current record" : "finder: another record");
+}
+void Finderd_loop() {
+  tell("finder: loop");
+}
+void Finderd_DST() {
+  tell("finder: DST");
+  finder_done = true;
+}
+
+namespace {
+
+class StartUp : public FakeTest {
+ protected:
+  void SetUp() override {
+    FakeTest::SetUp();
+    fake.debug_level = 1;
+    fake.debug_token = "xxmObRaKiVyy";
+    fake.gateway = false;
+    fake.refer_path = "/dev/null";
+    fake.on_call = [](const std::string& call) { tell("> " + call); };
+    on_start = [](DeviceContext&) { raise(SIGTERM); };
+    on_install = nullptr;
+  }
+
+  static Child run() {
+    return run_child([] { return run_daemon(); });
+  }
+
+  /// Every one of `parts` stands in `text`, each behind the one before it.
+  static void expect_in_order(const std::string& text, const Texts& parts) {
+    std::size_t at = 0;
+    for (const std::string& part : parts) {
+      const std::size_t found = text.find(part, at);
+      ASSERT_NE(found, text.npos) << "not found, or not here: " << part << "\n" << text;
+      at = found + part.size();
+    }
+  }
+
+  static std::size_t count(const std::string& text, const std::string& part) {
+    std::size_t n = 0;
+    for (std::size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++n;
+    return n;
+  }
+};
+
+TEST_F(StartUp, StepsComeInTheirOrder) {
+  on_start = [](DeviceContext& ctx) {
+    struct sigaction pipe {};
+    sigaction(SIGPIPE, nullptr, &pipe);
+    tell(pipe.sa_handler == SIG_IGN ? "SIGPIPE ignored" : "SIGPIPE open");
+    tell(ctx.last == &last_record && last_record.last == nullptr ? "records linked" : "records astray");
+    raise(SIGTERM);
+  };
+  const Child child = run();
+  EXPECT_EQ(child.status, 0);
+  EXPECT_EQ(child.err, "");
+  expect_in_order(child.out, {"> tessel_get_lock kestreld_lock\n", "> dbg_get_level_token\n", "DbgLevel=(1)\n",
+                              "KLOG\nLumen device 1.2\n", "KLOG", "KLOGStarting.......\n", "> get_dev_sip_account\n",
+                              "> cre_set_skyport_hid HID00001\n", "> Mupnpcp_discover 8\n", "install_handlers\n",
+                              "KLOGuser name=(HID00001)\n", "take_auth HID00001\n", "> wait_regardless 6\n",
+                              "KLOGdev_reload(0)\n", "handler\n", "SIGPIPE ignored\n", "records linked\n",
+                              "KLOG signalRequestExit()\n", "> SetSptOnLineStatus 0\n"});
+  EXPECT_TRUE(child.out.ends_with("> SetSptOnLineStatus 0\n")) << child.out;
+  expect_in_order(child.out, {"take_auth", "New finderd_thread pid:", "finder: signals blocked\n", "finder: CST\n",
+                              "finder: init\n", "finder: the current record\n", "finder: loop\n", "finder: DST\n",
+                              "KLOG[RTSPd finderd_thread ", "terminated!\n\n\n\n\n\n"});
+}
+
+TEST_F(StartUp, ASecondInstanceSaysSoAndTouchesNothing) {
+  fake.always["tessel_get_lock"] = 0;
+  const Child child = run_child([] {
+    current_record.pid = 4711;
+    const int status = run_daemon();
+    EXPECT_EQ(current_record.pid, 4711);
+    return status;
+  });
+  EXPECT_EQ(child.status, 1);
+  EXPECT_EQ(child.err, "kestreld: Process already running!\r\n");
+  EXPECT_EQ(child.out, "> tessel_get_lock kestreld_lock\n");
+}
+
+TEST_F(StartUp, ALevelCountsOnlyWithTheToken) {
+  struct Row {
+    const char* token;
+    int level;
+    bool announced, logs;
+  };
+  const Row rows[] = {{"0123456789 mObRaKiV 0123456789 too long for its buffer", 1, true, true},
+                      {"mObRaKiV", 2, true, false},
+                      {"mobrakiv", 1, false, false},
+                      {"", 1, false, false}};
+  for (const Row& row : rows) {
+    fake.debug_token = row.token;
+    fake.debug_level = row.level;
+    const Child child = run();
+    EXPECT_EQ(child.status, 0) << row.token;
+    EXPECT_EQ(count(child.out, "KLOG") > 0, row.logs) << row.token << child.out;
+    EXPECT_EQ(count(child.out, "DbgLevel=(" + std::to_string(row.level) + ")\n") > 0, row.announced) << row.token;
+  }
+}
+
+TEST_F(StartUp, AReloadStartsAnewAndAConfigurationOnlySetsItsWord) {
+  on_start = [turn = 0](DeviceContext& ctx) mutable {
+    tell("turn " + std::to_string(++turn) + " configure " + std::to_string(ctx.configure) + " at " +
+         std::to_string(fake.clock_s));
+    fake.on_wait = [turn](unsigned) {
+      constexpr int signals[] = {SIGUSR2, SIGUSR1, 0, SIGTERM};
+      if (signals[turn - 1] != 0) raise(signals[turn - 1]);
+    };
+    wait_while(ctx.run, 100);
+  };
+  const Child child = run();
+  EXPECT_EQ(child.status, 0);
+  expect_in_order(child.out,
+                  {"turn 1 configure 0 at 6\n", "KLOGrequestConfigure()\n", "KLOGdev_reload(0)\n",
+                   "turn 2 configure 1 at 56\n", "KLOGrequestReloadHandler()\n", "KLOGdev_reload(1)\n",
+                   "> SetSptOnLineStatus 0\nKLOGstate_init()\n", "> get_dev_sip_account\n", "install_handlers\n",
+                   "turn 3 configure 1 at 106\n", "KLOGdev_reload(0)\n", "turn 4 configure 1 at 206\n"});
+  EXPECT_EQ(count(child.out, "install_handlers"), 2U);
+}
+
+TEST_F(StartUp, AnExitRequestIsNeverLostInAReload) {
+  // The platform call of the reload at which the exit comes; null for after its last step.
+  const char* rows[] = {"SetSptOnLineStatus", "dev_get_model_name", "get_dev_sip_account", "Mupnpcp_discover", nullptr};
+  for (const char* at : rows) {
+    on_install = nullptr;
+    on_start = [at, first = true](DeviceContext&) mutable {
+      if (!first) return;
+      first = false;
+      raise(SIGUSR1);
+      if (at == nullptr) on_install = [] { raise(SIGTERM); };
+      fake.on_call = [at](const std::string& call) {
+        tell("> " + call);
+        if (at != nullptr && call.starts_with(at)) raise(SIGTERM);
+        if (fake.calls.size() > 500) _exit(50);
+      };
+    };
+    const Child child = run();
+    EXPECT_EQ(child.status, 0) << (at != nullptr ? at : "last step") << child.out;
+    expect_in_order(child.out, {"KLOGstate_init()\n", "install_handlers\n", "> SetSptOnLineStatus 0\n"});
+    EXPECT_LE(count(child.out, "\nhandler\n"), 2U);
+  }
+}
+
+}  // namespace
+
+}  // namespace kestrel

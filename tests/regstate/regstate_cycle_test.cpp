@@ -1,0 +1,227 @@
+// The registration from its beginning and over whole cycles: identity initialisation, the paths through the states,
+// and what is carried from one cycle to the next.
+#include <unistd.h>
+
+#include <cstring>
+
+#include "regstate/auth_fail_count.h"
+#include "regstate/regstate_fakes.h"
+#include "regstate/state_init.h"
+#include "regstate/state_table.h"
+#include "regstate/steps.h"
+
+namespace kestrel {
+namespace {
+
+using RegstateCycle = RegstateTest;
+
+// The exploration shows that what is there stays.
+TEST_F(RegstateCycle, DefaultsFillWhatIsEmpty) {
+  const MupnpIgd expected = {"n/a", "n/a", "n/a", "n/a", "n/a", "n/a", "n/a"};
+  now.ue = {};
+  now.igd = {};
+  fill_defaults(now);
+  EXPECT_EQ(std::memcmp(&now.igd, &expected, sizeof(expected)), 0);
+  EXPECT_EQ(std::string(now.ue.ip) + now.ue.port, "null0");
+}
+
+const std::string uid_line = "=> uid=(LC-100_0A0B0C)/";
+const std::string account =
+    "try to get_dev_sip_account/get_dev_sip_account success, hid=HID00001, password=secret/"
+    "=> hid=(HID00001)/=> user=(HID00001)/=> pass=(secret)/cre_set_skyport_hid HID00001/";
+const std::string no_account =
+    "try to get_dev_sip_account/get_dev_sip_account fail, sleep 3 sec to try again../wait 3/";
+const std::string refer = "kestreld # Timestamp=123456/refer HID00001 123456/kestreld # write refer file ";
+const std::string refer_without = "kestreld # Timestamp=123456/refer  123456/kestreld # write refer file ";
+const std::string discovered = "discover/clean LC-100_0A0B0C/";
+
+TEST_F(RegstateCycle, IdentityInitialisation) {
+  const struct {
+    const char *results, *uid;
+    bool gateway;
+    std::string trace;
+  } rows[] = {
+      {"dev_get_model_name=0", "", true, account + refer + "success/discover/clean /"},
+      {"get_dev_sip_account=0,0,0 refer=0", "LC-100_0A0B0C", true,
+       uid_line + no_account + no_account + no_account + account + refer + "failed/" + discovered},
+      {"cre_set_skyport_hid=0 discover=-1", "LC-100_0A0B0C", false,
+       uid_line + account + "[kestreld] *** set skyport hid failed!/" + refer + "success/discover/"},
+  };
+  for (const auto& row : rows) {
+    begin(LumenDevDone, row.results);
+    now.dev_reload = now.configure = now.cb_fail_count = 1;
+    std::strcpy(now.sname, "x");
+    last = now;
+    DeviceContext expected{};
+    expected.run = expected.configure = expected.IsNeedQueryDAIP = 1;
+    expected.prefinal_state = now.prefinal_state;
+    std::strcpy(expected.uid, row.uid);
+    std::strcpy(expected.hid, "HID00001");
+    if (row.gateway) expected.igd = fake.igd;
+    expected.last = &last;
+    expected.pid = getpid();
+    std::strcpy(expected.redir_ip, now.redir_ip);
+    std::strcpy(expected.auth_info.user, "HID00001");
+    std::strcpy(expected.auth_info.pass, "secret");
+    install_handlers(expected);
+    expected.Last_Spt_Enabled = -1;
+    std::strcpy(expected.Timestamp, "123456");
+
+    std::memset(static_cast<void*>(now.handlers), 0, sizeof(now.handlers));
+    state_init(now);
+    EXPECT_EQ(trace.take(), row.trace);
+    EXPECT_EQ(std::memcmp(&now, &expected, sizeof(now)), 0) << row.trace;
+    EXPECT_EQ(upnp_found_at_init, row.gateway ? 1U : 0U);
+    const DeviceContext zero{};
+    EXPECT_EQ(std::memcmp(&last, &zero, sizeof(last)), 0);
+    EXPECT_EQ(auth_fail_count.natm, 36U);  // nothing but the states resets the counters
+  }
+}
+
+TEST_F(RegstateCycle, LongTextsAreCutToTheirFields) {
+  fake.hid = std::string(100, 'h');
+  fake.password = std::string(100, 'p');
+  fake.model = std::string(100, 'M');
+  state_init(now);
+  EXPECT_EQ(std::string(now.hid) + now.auth_info.user, std::string(16, 'h'));
+  EXPECT_EQ(std::string(now.auth_info.pass), std::string(51, 'p'));
+  EXPECT_EQ(std::string(now.uid), std::string(56, 'M') + "_0A0B0C");
+}
+
+TEST_F(RegstateCycle, ExitRequestIsNotTakenBack) {
+  for (const bool before : {true, false}) {
+    begin(START, "get_dev_sip_account=0,0,0");
+    const auto request_exit = [&](unsigned = 0) {
+      now.run = 0;
+      now.state = UNKNOWN;
+    };
+    if (before) request_exit();
+    fake.on_wait = request_exit;
+    state_init(now);
+    EXPECT_EQ(now.run, 0U);
+    EXPECT_EQ(trace.take(), uid_line + (before ? "" : no_account) + refer_without + "success/" + discovered);
+  }
+  begin(START);
+  now.run = 0;  // as in the zero record of the first start
+  state_init(now);
+  EXPECT_EQ(now.run, 1U);
+}
+
+// ---- Paths ----
+
+TEST_F(RegstateCycle, AddressesDecideThePath) {
+  const struct {
+    RegState state;
+    const char *e, *i, *ue, *trace;
+    RegState next;
+  } rows[] = {
+      {InternetReady, "192.168.1.2", "192.168.1.2", "", "", PublicMode},
+      {InternetReady, "1.2.3.4", "192.168.1.2", "", "  diff eip, private iip/", NATMode},
+      {InternetReady, "1.2.3.4", "1.2.3.40", "", "  diff eip, public iip/", PublicMode},
+      {UPnP_A, "", "", "", "", UPnP_B},
+      {UPnP_A, "0.0.0.0", "", "0.0.0.0", "", UPnP_B},
+      {UPnP_A, "1.2.3.4", "", "null", "", UPnP_B},
+      {UPnP_A, "10.0.0.1", "", "10.0.0.1", "", NAT1},
+      {UPnP_A, "1.2.3.4", "", "1.2.3.5", "", NAT1},
+      {UPnP_A, "1.2.3.4", "", "172.16.0.1", "", NATM},
+  };
+  for (const auto& row : rows) {
+    begin(row.state);
+    std::strcpy(now.e.ip, row.e);
+    std::strcpy(now.i.ip, row.i);
+    std::strcpy(now.ue.ip, row.ue);
+    turn();
+    const std::string header = row.state == UPnP_A ? "***[UPnP_A.]***/" : "***[InternetReady]***/";
+    EXPECT_EQ(trace.take() + state_name(now.state), header + row.trace + state_name(row.next))
+        << row.e << ' ' << row.ue;
+  }
+}
+
+/// Two cycles from state_init on: the states up to the last one, and the update's result there.
+TEST_F(RegstateCycle, Walks) {
+  const std::string net = "START IpReady InternetReady ", nat = net + "NATMode UPnP ";
+  const std::string nat1 = nat + "UPnP_A NAT1 UpnpPfReady LumenDevDone ", unreached = "UPnP_B NATU ";
+  const struct {
+    const char *results, *router_ip, *own_ip;
+    std::string first, second;
+  } rows[] = {
+      {"eip=1,1,0 update=2,2,2", "", "203.0.113.5",
+       net + "PublicMode IpReady InternetReady PublicMode IpReady LumenDevNotReady 2",
+       net + "PublicMode LumenDevNotReady 2"},
+      {"router=4,4 cb=0,0,0,0,1,1", "", "192.168.1.30",
+       nat + unreached + unreached + unreached + unreached + "UpnpPfFailed LumenDevPartDone 1",
+       nat + unreached + "UpnpPfReady LumenDevDone 1"},
+      {"router=4,0 cb=1,2,1,0", "203.0.113.5", "192.168.1.30",
+       nat + unreached + "UpnpPfReady NAT1 UpnpPfReady LumenDevDone 1", nat1 + "3"},
+      {"upf=5 cb=1,0", "203.0.113.5", "192.168.1.30", nat + "UPnP_A NAT1 " + nat1 + "1", nat1 + "3"},
+  };
+  for (const auto& row : rows) {
+    begin(START, row.results);
+    auth_fail_count = {};
+    fake.router_ip = row.router_ip;
+    std::strcpy(fake.interfaces.front().ip, row.own_ip);
+    state_init(now);
+    for (const std::string& expected : {row.first, row.second}) {
+      if (now.state >= LumenDevPartDone) turn();
+      std::string path;
+      for (int turns = 0; turns < 40 && now.state < LumenDevPartDone; ++turns, turn())
+        path += std::string(state_name(now.state)) + " ";
+      EXPECT_EQ(path + state_name(now.state) + " " + std::to_string(now.upd.resut), expected);
+    }
+  }
+}
+
+TEST_F(RegstateCycle, UriOfTheDomain) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"skyport.test", "skyport.test"}, {"lbskyport.test", "skyport.test"},
+      {"LBlb.test", "lb.test"},         {"Lb", ""},
+      {"albert.test", "albert.test"},   {"l", "l"}};
+  for (const auto& [domain, asked] : rows) {
+    begin(START);
+    fake.domain = domain;
+    fake.redirect_host = std::string(80, 'h');  // the library's 64 bytes, without a terminator
+    turn();
+    EXPECT_EQ(fake_calls({"tessel_get_skyport_url", "SetSptURI"}),
+              (Texts{std::string("tessel_get_skyport_url ") + asked, "SetSptURI http://" + std::string(63, 'h')}));
+  }
+}
+
+// ---- From cycle to cycle ----
+
+TEST_F(RegstateCycle, ConfigurationHold) {
+  const std::string hold = "sleep 120 secs/hold 120/";
+  const struct {
+    std::uint32_t run, configure, reload;
+    std::string during;  // the signals of each hold: configure, reload, both, terminate
+    std::string trace;
+  } rows[] = {
+      {1, 0, 0, "", ""},    {1, 1, 0, "cc-", hold + hold + hold},
+      {1, 1, 1, "", ""},    {1, 1, 0, "r", hold},
+      {1, 1, 0, "b", hold}, {1, 1, 0, "t", hold},
+      {0, 1, 0, "-", hold},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    begin(LumenDevPartDone);
+    now.run = row.run;
+    now.configure = row.configure;
+    now.dev_reload = row.reload;
+    std::size_t holds = 0;
+    fake.on_wait = [&](unsigned) {
+      const char signal = row.during.at(holds++);
+      if (signal == 'c' || signal == 'b') now.configure = 1;
+      if (signal == 'r' || signal == 'b') now.dev_reload = 1;
+      if (signal == 't') now.run = 0;
+    };
+    start_over(now);
+    EXPECT_EQ(trace.take(), row.trace);
+    EXPECT_EQ(now.configure, 0U);
+    EXPECT_EQ(now.state, START);
+    EXPECT_EQ(last.state, LumenDevPartDone);
+    EXPECT_EQ(last.last, nullptr);
+    EXPECT_EQ(auth_fail_count.natm, 36U);
+  }
+}
+
+}  // namespace
+}  // namespace kestrel

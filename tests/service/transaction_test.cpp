@@ -1,0 +1,545 @@
+// service/: the seven requests and their one transaction, on scripted packets and sockets without a network.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <regex>
+
+#include "core/text.h"
+#include "fake_platform/fixture.h"
+#include "service/requests.h"
+#include "service/transaction.h"
+#include "support/nettle_cipher.h"
+
+namespace kestrel {
+
+namespace {
+
+using nettle_cipher::md5_hex, nettle_cipher::seal;
+
+char last_report[first_connection_len];
+
+std::string with_xml_around(const std::string& elements) {
+  return "123456<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n" + elements + "</ldev>\n";
+}
+
+int send_report(DeviceContext& ctx) {
+  fake.first_connection += "<t>1</t>\n";
+  return conn_report(&ctx, &ctx.auth_info, last_report);
+}
+
+int send_alias(DeviceContext& ctx) {
+  char verdict[verdict_len] = "?";
+  return srv_alias(&ctx, "porch", verdict);
+}
+
+/// A result that is the number of bytes sent.
+constexpr int bytes = -99;
+
+/// What tells the requests apart.
+struct Subject {
+  const char* name;
+  int (*send)(DeviceContext& ctx);
+  const char *path, *method, *server, *challenge_uri;
+  int send_failed, no_answer, other_status;
+  bool leaves_open;  // when nothing was answered
+  const char* body;  // behind the six digits, within <ldev>
+};
+
+enum { daip, eip, update, connectback, alias, enable, report };
+
+constexpr char redirect[] = "192.0.2.10", access_server[] = "192.0.2.20";
+
+// clang-format off
+const Subject subjects[] = {
+    {"daip", [](DeviceContext& ctx) { return srv_get_daip(&ctx); },
+     "/daip.html", "GET", redirect, "/ext.html", 0, 0, bytes, false, nullptr},
+    {"eip", [](DeviceContext& ctx) { return srv_get_eip(&ctx); },
+     "/ext.html", "GET", access_server, "/ext.html", 0, 0, bytes, false, nullptr},
+    {"update", [](DeviceContext& ctx) { return srv_update(&ctx, &ctx.update_word, &ctx.auth_info); },
+     "/iupd.html", "POST", redirect, "/iupd.html", 0, 0, bytes, true,
+     "<dev>\n<hid>HID00001</hid>\n<mac>02:00:00:00:00:02</mac>\n<ptype>1</ptype>\n<model>LC-100</model>\n"
+     "<ver>1.2.3</ver>\n<sptver>3.0</sptver>\n<oif>eth0</oif>\n<mask>255.255.255.0</mask>\n<gw>192.168.1.1</gw>\n"
+     "<eip>203.0.113.5</eip>\n<ueip>198.51.100.7</ueip>\n<iip>192.168.1.20</iip>\n<tch>1</tch>\n"
+     "<tstamp>012345</tstamp>\n</dev>\n<ch>\n<chno>1</chno>\n<name>LC-100_0A0B0C-1.2-8080</name>\n<prot>T</prot>\n"
+     "<stype>HTTP</stype>\n<eport>4444</eport>\n<ueport>8080</ueport>\n<iport>80</iport>\n<st>9</st>\n</ch>\n"},
+    {"connectback", [](DeviceContext& ctx) { return srv_connectback(&ctx); },
+     "/connectbk.html", "POST", redirect, "/connectbk.html", -1, 0, bytes, false,
+     "<hid>HID00001</hid>\n<eip>198.51.100.7</eip>\n<ueport>8080</ueport>\n<tstamp>012345</tstamp>\n"},
+    {"alias", send_alias,
+     "/alias.html", "POST", redirect, "/alias.html", 0, 0, bytes, true,
+     "<hid>HID00001</hid>\n<redirip>192.0.2.10</redirip>\n<ah>porch</ah>\n"},
+    {"enable", [](DeviceContext& ctx) { return srv_enable_dev_account(&ctx, 1, &ctx.auth_info); },
+     "/enable.html", "POST", redirect, "/upd.html", 3, 3, 3, true,
+     "<hid>HID00001</hid>\n<enable>1</enable>\n"},
+    {"report", send_report,
+     "/conn_report.html", "POST", redirect, "/conn_report.html", 0, 0, bytes, true,
+     "<t>1</t>\n"},
+};
+// clang-format on
+
+class Transaction : public FakeTest {
+ protected:
+  void SetUp() override {
+    FakeTest::SetUp();
+    std::signal(SIGPIPE, SIG_IGN);
+    start();
+  }
+
+  /// A record in the middle of a cycle; the fake anew.
+  void start() {
+    fake_reset();
+    zero(ctx);
+    zero(last_report);
+    copy_text(ctx.hid, "HID00001");
+    copy_text(ctx.uid, "LC-100_0A0B0C");
+    copy_text(ctx.redir_ip, "192.0.2.10");
+    copy_text(ctx.da_ip, "192.0.2.20");
+    ctx.e = {"203.0.113.5", "4444"};
+    ctx.i = {"192.168.1.20", "80"};
+    ctx.ue = {"198.51.100.7", "8080"};
+    copy_text(ctx.Timestamp, "012345");
+    ctx.active_if = {"192.168.1.20", "02:00:00:00:00:01", "255.255.255.0", "192.168.1.1", "eth0"};
+    copy_text(ctx.igd.friendlyName, "Router");
+    ctx.state = NATU;
+    copy_text(ctx.auth_info.user, "HID00001");
+    copy_text(ctx.auth_info.pass, "secret");
+    fake.interfaces = {{"192.168.1.20", "02:00:00:00:00:02", "255.255.255.0", "192.168.1.1", "eth1"}, {}};
+  }
+
+  void use_relay() {
+    ctx.proxy_tested = 1;
+    ctx.proxy = {"198.51.100.99", "8888"};
+  }
+
+  /// One exchange that is answered so.
+  int exchange(const Subject& subject, const FakeResponse& response) {
+    fake.responses = {response};
+    return subject.send(ctx);
+  }
+
+  static std::string sent_body() {
+    const std::string& sent = fake.sent.back();
+    return sent.substr(sent.find("\r\n\r\n") + 4);
+  }
+
+  /// The plain text of the body sent; its padding is checked and taken away.
+  static std::string sent_plain() {
+    std::string plain = nettle_cipher::unseal(sent_body());
+    EXPECT_EQ(plain.size() % 8, 0U);
+    const std::size_t len = plain.find('\0');
+    if (len == plain.npos) return plain;
+    EXPECT_EQ(plain.substr(len), std::string(plain.size() - len, '\0'));
+    EXPECT_LT(plain.size() - len, 8U);
+    return plain.substr(0, len);
+  }
+
+  DeviceContext ctx;
+
+  /// The log in one text, '|' for the ends of lines, with line numbers and fresh values replaced by names.
+  std::string log() const {
+    std::string text;
+    for (const std::string& line : fake.log) text += line;
+    const std::string plain = fake.sent.empty() || sent_body().empty() ? "" : sent_plain();
+    const std::string sent = fake.sent.empty() ? "" : std::to_string(fake.sent.back().size());
+    const std::pair<std::string, const char*> rows[] = {
+        {plain, "PLAIN"},
+        {ctx.auth_info.cnonce, "CNONCE"},
+        {"=(" + sent + ")", "=(SENT)"},
+        {"send=" + sent, "send=SENT"},
+        {"bodylen=" + std::to_string((plain.size() + 7) / 8 * 8) + "\n", "bodylen=PADDED\n"},
+        {"------------------------", "---"},
+        {"\n", "|"},
+    };
+    for (const auto& [what, name] : rows) {
+      for (std::size_t at = 0; !what.empty() && (at = text.find(what, at)) != text.npos;) {
+        text.replace(at, what.size(), name);
+      }
+    }
+    return std::regex_replace(text, std::regex(R"(\[( ?\w+):\d+( ?)\])"), "[$1$2]");
+  }
+};
+
+TEST_F(Transaction, GoesToTheServiceOrThroughTheRelay) {
+  for (const Subject& subject : subjects) {
+    for (const bool relay : {false, true}) {
+      start();
+      if (relay) use_relay();
+      EXPECT_EQ(exchange(subject, {}), 1) << subject.name;
+      const std::string url = std::string("http://") + subject.server + ":80" + subject.path;
+      const std::string path = relay ? url : subject.path;
+      const FakeRequest expected{subject.body != nullptr ? "httpBuildPacket3" : "httpBuildPacket",
+                                 "HID00001",
+                                 subject.server,
+                                 path,
+                                 subject.method,
+                                 "",
+                                 80,
+                                 subject.body != nullptr ? static_cast<int>(sent_body().size()) : -1};
+      EXPECT_EQ(fake.requests, std::vector{expected}) << subject.name;
+      const std::string peer = relay ? "198.51.100.99:8888" : std::string(subject.server) + ":80";
+      const Texts calls{"ILibGetStreamSocket", "connect " + peer + " 20", "bound 20", "await 20",
+                        "ILibProcessSocketRecv"};
+      EXPECT_EQ(fake_calls({"ILib", "connect", "bound", "await"}), calls) << subject.name;
+      if (subject.body == nullptr) continue;
+      const char* protocol = relay ? "<prot>TP<" : "<prot>T<";
+      EXPECT_EQ(sent_plain(), with_xml_around(std::regex_replace(subject.body, std::regex("<prot>T<"), protocol)));
+    }
+  }
+}
+
+TEST_F(Transaction, Results) {
+  enum Result { ok = 1, challenged = 2, of_send_failure = 100, of_no_answer, of_other_status };
+  struct Row {
+    const char* what;
+    int connect;
+    bool peer_gone;
+    FakeResponse response;
+    int result;
+  };
+  const Row rows[] = {
+      {"no connection", -1, false, {}, 0},
+      {"send fails", 0, true, {.usable = false}, of_send_failure},
+      {"a body without a head", 0, false, {.usable = false, .body = "lost"}, of_no_answer},
+      {"200", 0, false, {}, ok},
+      {"200 with a body that is no cipher text", 0, false, {.body = "<html>"}, ok},
+      {"401", 0, false, {.status = 401, .body = "denied"}, challenged},
+      {"500", 0, false, {.status = 500, .body = "sorry"}, of_other_status},
+      {"no status", 0, false, {.status = 0}, of_other_status},
+  };
+  for (const Subject& subject : subjects) {
+    for (const Row& row : rows) {
+      for (const std::uint32_t on : {0U, 1U}) {
+        const std::string what = std::string(subject.name) + ", " + row.what + ", on " + std::to_string(on);
+        start();
+        ctx.auth_info.on = on;
+        fake.always["connect"] = row.connect;
+        fake.peer_gone = row.peer_gone;
+        const int result = exchange(subject, row.response);
+        int expected = row.result;
+        if (row.result == of_send_failure) expected = subject.send_failed;
+        if (row.result == of_no_answer) expected = subject.no_answer;
+        if (row.result == of_other_status) expected = subject.other_status;
+        if (expected == bytes) expected = static_cast<int>(fake.sent.back().size());
+        EXPECT_EQ(result, expected) << what;
+        EXPECT_EQ(fake.live_packets, 0) << what;
+        // Some go on to receive after a send that failed.
+        const bool unanswered = row.result == of_no_answer || (row.result == of_send_failure && !fake.sent.empty());
+        EXPECT_EQ(fake_open_sockets(), unanswered && subject.leaves_open ? 1 : 0) << what;
+        EXPECT_EQ(ctx.auth_info.on, row.result == challenged ? 1 : on) << what;
+      }
+    }
+  }
+}
+
+TEST_F(Transaction, ARequestThatCannotBeBuiltIsNotSent) {
+  for (const Subject& subject : subjects) {
+    for (const int raw_len : {-1, 0, 8193}) {
+      start();
+      fake.raw_len = raw_len;
+      if (raw_len < 0) fake.always = {{"httpBuildPacket", 0}, {"httpBuildPacket3", 0}};
+      EXPECT_EQ(exchange(subject, {}), subject.no_answer) << subject.name << raw_len;
+      EXPECT_EQ(fake_calls({"ILib", "connect"}), Texts{}) << subject.name << raw_len;
+      EXPECT_EQ(fake.live_packets, 0);
+    }
+  }
+  for (const int raw_len : {1024, 1025}) {
+    start();
+    fake.raw_len = raw_len;
+    EXPECT_EQ(exchange(subjects[eip], {}), raw_len == 1024 ? 1 : 0);
+  }
+}
+
+TEST_F(Transaction, AChallengeIsAnsweredWithTheNextRequest) {
+  const std::regex header(
+      "Digest username=\"HID00001\", realm=\"sky\", qop=\"([^\"]*)\", algorithm=\"MD5\", uri=\"([^\"]*)\" , "
+      "nonce=\"([^\"]*)\", nc=([0-9]+), cnonce=\"([^\"]{32})\", response=\"([0-9a-f]{32})\"");
+  for (const Subject& subject : subjects) {
+    for (const bool relay : {false, true}) {
+      start();
+      if (relay) use_relay();
+      const AuthenticateInfo& auth = ctx.auth_info;
+      EXPECT_EQ(exchange(subject, {.status = 401}), 2);
+      EXPECT_STREQ(auth.uri, subject.challenge_uri);
+      EXPECT_STREQ(auth.method, subject.method);
+      EXPECT_EQ(auth.nc, 1U);
+      EXPECT_EQ(std::strlen(auth.cnonce), 32U);
+      EXPECT_EQ(fake_calls({"GetAuth"}), Texts{"GetAuthenticateInfo WWW-Authenticate"});
+      // Two requests under the first nonce, a new challenge, and one under the second.
+      struct Row {
+        int status, result;
+        const char *nonce, *qop, *nc;
+      };
+      const Row rows[] = {
+          {200, 1, "n0", "auth", "00000002"}, {401, 2, "n0", "auth", "00000003"}, {200, 1, "n1", "", "00000002"}};
+      std::string last_cnonce = auth.cnonce;
+      for (const Row& row : rows) {
+        fake.challenge = {"sky", "n1", "MD5", ""};
+        ++fake.unix_time_us;
+        EXPECT_EQ(exchange(subject, {.status = row.status}), row.result);
+        const FakeRequest& request = fake.requests.back();
+        EXPECT_EQ(request.builder, "httpBuildPacket_Auth_Encrypt");
+        EXPECT_EQ(request.content_length, sent_body().empty() ? -1 : static_cast<int>(sent_body().size()));
+        std::smatch part;
+        ASSERT_TRUE(std::regex_match(request.authorization, part, header)) << request.authorization;
+        EXPECT_EQ(part[1], row.qop);
+        EXPECT_EQ(part[2], request.path);
+        EXPECT_EQ(part[3], row.nonce);
+        EXPECT_EQ(part[4], row.nc);
+        EXPECT_NE(part[5], last_cnonce);
+        last_cnonce = part[5];
+        const std::string qop = row.qop;
+        const std::string middle = qop.empty() ? "" : std::string(row.nc) + ":" + last_cnonce + ":" + qop + ":";
+        EXPECT_EQ(part[6], md5_hex(md5_hex("HID00001:sky:secret") + ":" + row.nonce + ":" + middle +
+                                   md5_hex(std::string(subject.method) + ":" + request.path)))
+            << subject.name;
+      }
+    }
+  }
+}
+
+TEST_F(Transaction, WhatIsLeftOpenIsClosedByTheNextOfItsKind) {
+  for (const Subject& subject : subjects) {
+    if (!subject.leaves_open) continue;
+    start();
+    for (int i = 0; i < 5; ++i) exchange(subject, {.usable = false});
+    EXPECT_EQ(fake_open_sockets(), 1) << subject.name;
+    exchange(subjects[daip], {});
+    EXPECT_EQ(fake_open_sockets(), 1) << subject.name;
+    fake.always["connect"] = -1;
+    exchange(subject, {});
+    EXPECT_EQ(fake_open_sockets(), 0) << subject.name;
+  }
+}
+
+TEST_F(Transaction, ALeftoverIsNotMistakenForWhatTookItsNumber) {
+  const int fd = dup(STDERR_FILENO);  // the number of the next socket
+  close(fd);
+  exchange(subjects[update], {.usable = false});
+  EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);  // not for the shell's commands
+  const int other = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_EQ(dup2(other, fd), fd);
+  close(other);
+  exchange(subjects[update], {});
+  EXPECT_EQ(fcntl(fd, F_GETFD), 0);
+  close(fd);
+}
+
+TEST_F(Transaction, SettingsWaitForTheEndOfAnExchangeButAnExitDoesNot) {
+  static volatile std::sig_atomic_t handled;
+  for (const int signal : {SIGUSR1, SIGUSR2, SIGTERM}) {
+    start();
+    handled = 0;
+    int within = -1;
+    std::signal(signal, [](int) { handled = handled + 1; });
+    fake.on_call = [&](const std::string& call) {
+      if (!call.starts_with("connect")) return;
+      raise(signal);
+      within = handled;
+    };
+    exchange(subjects[eip], {});
+    EXPECT_EQ(within, signal == SIGTERM ? 1 : 0) << signal;
+    EXPECT_EQ(handled, 1) << signal;
+    std::signal(signal, SIG_DFL);
+  }
+}
+
+TEST_F(Transaction, LogOfEachRequest) {
+  const std::string eip_body = seal("<ext_ip>203.0.113.9</ext_ip><ext_port>51000</ext_port>");
+  const std::string daip_body = seal("<da_eip>192.0.2.30</da_eip>");
+  struct Row {
+    int subject;
+    std::uint32_t on;
+    FakeResponse response;
+    std::string log;
+  };
+  // clang-format off
+  const Row rows[] = {
+      {eip, 0, {.body = eip_body},
+       " ---[ srv_get_eip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect to 192.0.2.20:80|"
+       " connect=0| send=SENT| Body_Read=72||<--|" + eip_body + "|<--|<-200 OK receiced!|"
+       " ==>[eip:eport] 203.0.113.9:51000|"},
+      {eip, 0, {.usable = false},
+       " ---[ srv_get_eip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect to 192.0.2.20:80|"
+       " connect=0| send=SENT| null|"},
+      {daip, 1, {.body = daip_body},
+       " ---[ srv_get_daip ]---| auth_info->on=1| ecnode bodylen=30| BufferLength=(SENT)| portnum=(40000)|"
+       " connect=0| send=SENT| Body_Read=36||<--|" + daip_body + "|<--| <-200 OK receiced!|"
+       " decodestr:|<da_eip>192.0.2.30</da_eip>| ==> Physical DA eip: 192.0.2.30|"},
+      {daip, 0, {.status = 401},
+       " ---[ srv_get_daip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect=0| send=SENT|"
+       " Body_Read=0| <-401 received!| ecnode bodylen=30| algorithm=MD5| nonce=n0| qop=auth| realm=sky|"
+       " uri=/ext.html| cnonce=CNONCE(32)|"},
+      {update, 0, {.status = 401, .body = "denied\n"},
+       "---[ srv_update ]---|  srv_update()|  hid=HID00001|  mac=02:00:00:00:00:02|  ptype=1|  model=LC-100|"
+       "  FirmwareVersion=1.2.3|  SkyportVersion=3.0|  chname=LC-100_0A0B0C-1.2-8080|  oif=eth0|"
+       "  netmask=255.255.255.0|  gateway=192.168.1.1|  eip=203.0.113.5|  eport=4444|  ueip=198.51.100.7|"
+       "  ueport=8080|  iip=192.168.1.20|  iport=80|  manufacturer=|  manufacturerURL=|  friendlyName=Router|"
+       "  modelName=|  modelNumber=|  modelDescription=|  presentationURL=|  tstamp=012345|"
+       "----------sz_xml_data packet----------|PLAIN|----------end sz_xml_data-------------|"
+       "ecnode bodylen=PADDED|connect=0|<--|denied|<--||<-401 received!| ecnode bodylen=30|"
+       "  algorithm=MD5|  nonce=n0|  qop=auth|  realm=sky|  uri=/iupd.html|  cnonce=CNONCE (32)|"},
+      {connectback, 0, {.status = 0},
+       "---[ srv_connectback ]---|  hid=HID00001|  eip=203.0.113.5|  ueip=198.51.100.7|  ueport=8080|"
+       "  timestamp=012345|  use ueip=198.51.100.7:8080 doing connect back test|ecnode bodylen=PADDED|connect=0|"
+       "reader.PacketHeader->StatusCode==NULL|"},
+      {enable, 1, {.status = 401},
+       " ---[ srv_enable_dev_account ]---| hid=HID00001| Enable=1|PLAIN ecnode bodylen=PADDED| ecnode bodylen=30|"
+       "[srv_enable_dev_account]|connect=0|reader.Body_Read=0|<-401 received!| ecnode bodylen=30|"
+       "  algorithm=MD5|  nonce=n0|  qop=auth|  realm=sky|  uri=/upd.html|  cnonce=CNONCE (32)|"},
+      {enable, 0, {.body = "fine\n"},
+       " ---[ srv_enable_dev_account ]---| hid=HID00001| Enable=1|PLAIN ecnode bodylen=PADDED|"
+       "connect=0|<--|fine|<--||reader.Body_Read=5| <-200 OK|"},
+      {report, 0, {.usable = false},
+       "----------sz_xml_data packet----------|PLAIN|----------end sz_xml_data-------------|"
+       " ecnode bodylen=PADDED|connect=0|null|"},
+  };
+  // clang-format on
+  for (const Row& row : rows) {
+    start();
+    ctx.auth_info.on = row.on;
+    exchange(subjects[row.subject], row.response);
+    EXPECT_EQ(log(), row.log);
+  }
+}
+
+TEST_F(Transaction, AnswersOfTheQueries) {
+  struct Row {
+    const char* plain;  // null: an empty body
+    std::string ip, port, da;
+  };
+  const Row rows[] = {
+      {"<ext_ip>198.51.100.1</ext_ip>\n<ext_port>51000</ext_port>", "198.51.100.1", "51000", "192.0.2.20"},
+      {"<ext_ip>198.51.100.1</ext_ip>", "198.51.100.1", "4444", "192.0.2.20"},
+      {"<ext_port>1</ext_port>", "203.0.113.5", "1", "192.0.2.20"},
+      {"<x><da_eip>192.0.2.99</da_eip></x>", "203.0.113.5", "4444", "192.0.2.99"},
+      {"<da_eip>198.51.100.123456</da_eip>", "203.0.113.5", "4444", "198.51.100.1234"},
+      {"<ext_ip>no address of any kind</ext_ip><ext_port>1234567</ext_port>", "no address of a", "12345", "192.0.2.20"},
+      {"</ext_ip>1<ext_ip><ext_port>2</ext_porter>", "203.0.113.5", "4444", "192.0.2.20"},
+      {"", "203.0.113.5", "4444", "192.0.2.20"},
+      {nullptr, "203.0.113.5", "4444", "192.0.2.20"},
+  };
+  for (const Row& row : rows) {
+    start();
+    const FakeResponse response{.body = row.plain != nullptr ? seal(row.plain) : ""};
+    EXPECT_EQ(exchange(subjects[eip], response), 1);
+    EXPECT_EQ(exchange(subjects[daip], response), 1);
+    EXPECT_EQ(ctx.e.ip, row.ip);
+    EXPECT_EQ(ctx.e.port, row.port);
+    EXPECT_EQ(ctx.da_ip, row.da);
+  }
+}
+
+TEST_F(Transaction, ConnectBackTestsTheAddressThatMayBeReached) {
+  struct Row {
+    const char *ue_ip, *ue_port, *tested, *line;
+  };
+  const Row rows[] = {
+      {"198.51.100.7", "8080", "198.51.100.7", "  use ueip=198.51.100.7:8080 doing connect back test\n"},
+      {"10.0.0.1", "443", "203.0.113.5", "  use eip=203.0.113.5:443 doing connect back test\n"},
+      {"0.0.0.0", "8080", "203.0.113.5", ""},
+      {"null", "8080", "203.0.113.5", ""},
+      {"198.51.100.7", "", nullptr, "[kestreld]: *** invalid parameters\n"},
+  };
+  for (const Row& row : rows) {
+    start();
+    copy_text(ctx.ue.ip, row.ue_ip);
+    copy_text(ctx.ue.port, row.ue_port);
+    EXPECT_EQ(exchange(subjects[connectback], {}), row.tested != nullptr ? 1 : 0);
+    EXPECT_TRUE(*row.line != '\0' ? fake_logged(row.line) == 1 : fake_logged("doing connect") == 0) << row.ue_ip;
+    EXPECT_EQ(fake.requests.size(), row.tested != nullptr ? 1U : 0U);
+    if (row.tested == nullptr) continue;
+    EXPECT_NE(sent_plain().find("<eip>" + std::string(row.tested) + "</eip>"), std::string::npos) << row.ue_ip;
+  }
+}
+
+TEST_F(Transaction, AConnectionReportIsSentOnceForEveryChange) {
+  struct Row {
+    const char* what;
+    std::string record;
+    int connect, result;
+    bool sent;
+  };
+  const Row rows[] = {
+      {"changed", "<first>1</first>\n", 0, 1, true},
+      {"the same", "<first>1</first>\n", 0, 1, false},
+      {"changed, but no connection", "<first>2</first>\n", -1, 0, false},
+      {"lost, though it would go now", "<first>2</first>\n", 0, 1, false},
+      {"the longest that fits", std::string(4014, 'r'), 0, 1, true},
+      {"one that does not", std::string(4095, 'r'), 0, 0, false},
+  };
+  AuthenticateInfo own{};  // the finder's
+  copy_text(own.user, "finder");
+  for (const Row& row : rows) {
+    fake.first_connection = row.record;
+    fake.always["connect"] = row.connect;
+    fake.responses = {{}};
+    fake.sent.clear();
+    EXPECT_EQ(conn_report(&ctx, &own, last_report), row.result) << row.what;
+    EXPECT_EQ(last_report, row.record) << row.what;
+    ASSERT_EQ(fake.sent.size(), row.sent ? 1U : 0U) << row.what;
+    if (!row.sent) continue;
+    EXPECT_EQ(sent_plain(), with_xml_around(row.record));
+    EXPECT_EQ(fake.requests.back().user, "finder");
+  }
+}
+
+TEST_F(Transaction, AliasFollowUp) {
+  using Script = std::deque<FakeResponse>;
+  const auto says = [](const std::string& text) { return FakeResponse{.body = seal("<ahret>" + text + "</ahret>")}; };
+  Script tenth(9, FakeResponse{.status = 404});
+  tenth.push_back(says("2"));
+  const Texts taken = {"srv_update_aliasname_status porch 16"}, duplicate = {"srv_set_skyport_alias_status 32"},
+              failed = {"srv_set_skyport_alias_status 48"}, nothing;
+  struct Row {
+    const char* what;
+    int getter;
+    char status;
+    int store;
+    Script responses;
+    int result;
+    std::size_t attempts;
+    Texts stored;
+    std::string log;  // its end
+  };
+  // clang-format off
+  const Row rows[] = {
+      {"accepted", 1, 1, 1, {says("0")}, 0, 1, taken,
+       "  <ahret>0</ahret>\n\n==>[ahret] 0\nserver alias return success.\n(0)alias change ok.\n"},
+      {"unknown error", 1, 1, 1, {says("1")}, -1, 1, failed, "success.\n(1)Unknown error.\n"},
+      {"unknown error, store fails", 1, 1, 0, {says("1")}, -1, 1, failed,
+       "(1)Unknown error.\n[kestreld] *** srv_set_skyport_alias_status ALIAS_FAILED failed!\n"},
+      {"taken", 1, 1, 1, {says("2")}, -1, 1, duplicate, "success.\n(2)alias duplicated.\n"},
+      {"taken, store fails", 1, 1, 0, {says("2")}, -1, 1, duplicate,
+       "(2)alias duplicated.\n[kestreld] *** srv_set_skyport_alias_status ALIAS_DUPLICATE failed!\n"},
+      {"a verdict without end", 1, 1, 1, {says(std::string(500, '0'))}, 0, 1, taken, "(0)alias change ok.\n"},
+      {"the tenth attempt", 1, 1, 1, tenth, -1, 10, duplicate, "success.\n(2)alias duplicated.\n"},
+      {"ten times no answer", 1, 1, 1, {}, -1, 10, nothing, "\nnull\nserver alias return fail.\n"},
+      {"nothing pending", 1, ALIAS_OK, 1, {}, -1, 0, nothing, "keep original URL\n"},
+      {"no store", 0, 1, 1, {}, -1, 0, nothing, "[kestreld] *** srv_get_aliasname_status error\nkeep original URL\n"},
+  };
+  // clang-format on
+  for (const Row& row : rows) {
+    start();
+    current_record = ctx;
+    fake.alias = "porch";
+    fake.alias_status = row.status;
+    fake.always = {{"srv_get_aliasname_status", row.getter},
+                   {"srv_update_aliasname_status", row.store},
+                   {"srv_set_skyport_alias_status", row.store}};
+    fake.responses = row.responses;
+    EXPECT_EQ(alias_follow_up(), row.result) << row.what;
+    EXPECT_EQ(fake.requests.size(), row.attempts) << row.what;
+    EXPECT_EQ(fake_calls({"srv_update_", "srv_set_"}), row.stored) << row.what;
+    std::string log;
+    for (const std::string& line : fake.log) log += line;
+    EXPECT_TRUE(log.ends_with(row.log)) << row.what << "\n" << log;
+    EXPECT_EQ(fake_logged("return fail.\n") + fake_logged("return success.\n"), row.attempts) << row.what;
+    EXPECT_LE(fake_open_sockets(), 1) << row.what;
+  }
+}
+
+}  // namespace
+
+}  // namespace kestrel

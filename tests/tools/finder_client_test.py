@@ -1,0 +1,358 @@
+#!/usr/bin/env python3
+"""The finder from outside: a client of this test's own, kestrel-find and tshark with the dissector, against the daemon
+on two LANs of a private world. usage: finder_client_test.py BUILD; 77 where namespaces can't be made"""
+
+import base64
+import json
+import os
+import pty
+import re
+import shutil
+import socket
+import struct
+import subprocess
+import sys
+import threading
+import time
+import unittest
+from pathlib import Path
+
+PROJECT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(PROJECT))
+from lab import camera as lab_camera, world  # noqa: E402
+
+PORT, EVERYBODY = 62977, b"\xff" * 6
+MAC, MAC1, STUB_MAC = "02:4b:52:10:20:30", "02:4b:52:10:20:31", "02:4b:52:10:20:99"
+HEADER = struct.Struct("<HHH6s4sHHH")  # of a reply; a request has eight bytes in the place of address, result and flag
+SURVEY = (struct.Struct("<64s64s32s32sHI6s64s4sHH4s4s4s4sB15sBHB"),
+          "brand product model version type hardware mac name ip port zero mask gateway dns1 dns2 dhcp time zero2 "
+          "timezone dst")
+SERVICE_SURVEY = (struct.Struct("<64s32s32s32s6s64s64s4sHB3s"),
+                  "brand model version client mac name url ip port https zero")
+OPEN = {0xA1: 312, 0x109: 304, 0xD1: 16, 0x102: 16, 0x105: 64}  # operations and their payloads
+PROTECTED = {0xA5: 34, 0xD2: 16, 0x106: 64, 0x107: 16, 0x108: 16, 0x10A: 16}
+
+
+def raw(mac):
+    return bytes.fromhex(mac.replace(":", ""))
+
+
+def admin(argument=b"", user=b"admin", password=b"admin"):
+    return base64.b64encode(user).ljust(64, b"\0") + base64.b64encode(password).ljust(64, b"\0") + argument
+
+
+def ask(interface, opcode, payload=b"", mac=raw(MAC), length=None, wait_s=2.0):
+    """Broadcasts a request on an interface; the reply that comes in by it as (address, result, payload), or None."""
+    tag = ask.tag = ask.tag % 0xFFFF + 1
+    with PC.inside(), socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as port:
+        port.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, interface.encode())
+        port.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+        port.settimeout(wait_s)
+        length = len(payload) if length is None else length
+        header = struct.pack("<HHH6s8sH", 0xFDFD, tag, opcode, mac, b"unread!!", length)
+        port.sendto(header + payload, ("255.255.255.255", PORT))
+        try:
+            reply, (sender, sender_port) = port.recvfrom(2048)
+        except TimeoutError:
+            return None
+    magic, echoed, op, own, ip, result, flag, size = HEADER.unpack_from(reply)
+    assert (magic, echoed, op, own, flag, size) == (0xFEEE, tag, opcode, raw(MAC), 1, len(reply) - 22), reply.hex()
+    assert (sender, sender_port) == (socket.inet_ntoa(ip), PORT), (sender, sender_port, ip)
+    return sender, result, reply[22:]
+
+
+ask.tag = 0
+
+
+def words(reply):
+    return reply[1], *struct.unpack("<4I", reply[2])
+
+
+def dissected(layout, payload):
+    """A payload's fields by name: texts to their end, MAC and IP addresses as bytes."""
+    fields = dict(zip(layout[1].split(), layout[0].unpack(payload)))
+    return {k: v.rstrip(b"\0").decode() if isinstance(v, bytes) and len(v) > 6 else v for k, v in fields.items()}
+
+
+def find(*arguments, password="admin", timeout="0.6", **options):
+    """kestrel-find on the PC: its exit status, standard output and standard error."""
+    env = {**os.environ, "KESTREL_PASSWORD": password} if password is not None else os.environ
+    done = subprocess.run(PC.command(PC.build / "tools/kestrel-find", "--timeout", timeout, *arguments), env=env,
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60, **options)
+    return done.returncode, done.stdout, done.stderr
+
+
+def stored(key):
+    return re.search(rf"^{key}=(.*)$", CAMERA.settings.read_text(), re.M)[1]
+
+
+def soon(what, wanted):
+    """The value of what(), as soon as it is the one that is wanted, or after 15 s."""
+    deadline = time.monotonic() + 15
+    while (got := what()) != wanted and time.monotonic() < deadline:
+        time.sleep(0.1)
+    return got
+
+
+def start_camera():
+    CAMERA.start()
+    assert soon(lambda: ask("a", 0xA1, wait_s=0.3) is not None, True), CAMERA.said()
+
+
+class Stub:
+    """A camera on a third LAN: forgets the first requests of every kind, has a name that means ill, or other sizes."""
+
+    def __init__(self):
+        self.name, self.forgets, self.surplus, self.mute, self.seen = b"Stub", 0, b"", False, {}
+        with STUB.inside():
+            self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            self.socket.bind(("", PORT))
+        threading.Thread(target=self.serve, daemon=True).start()
+
+    def serve(self):
+        while True:
+            request, peer = self.socket.recvfrom(2048)
+            opcode = struct.unpack_from("<H", request, 4)[0]
+            self.seen[opcode] = self.seen.get(opcode, 0) + 1
+            if self.mute or self.seen[opcode] <= self.forgets or request[6:12] not in (EVERYBODY, raw(STUB_MAC)):
+                continue
+            size = {**OPEN, **PROTECTED}[opcode]
+            name = {0xA1: 204, 0x109: 166}.get(opcode)
+            payload = b"\0" * name + self.name.ljust(size - name, b"\0") if name else b"\2" * size
+            payload += self.surplus if not name else b""
+            header = HEADER.pack(0xFEEE, *struct.unpack_from("<HH", request, 2), raw(STUB_MAC), b"\x0a\x09\0\2", 0, 1,
+                                 len(payload))
+            self.socket.sendto(header + payload, peer)
+
+
+class Finder(unittest.TestCase):
+    def setUp(self):
+        STUB_CAMERA.__dict__.update(name=b"Stub", forgets=0, surplus=b"", mute=False, seen={})
+        for key, value in {"alias": "yard", "last_alias": "front", "alias_status": "16", "enabled": "1"}.items():
+            CAMERA.set(key, value)
+
+    def test_the_answer_leaves_by_the_interface_of_the_request(self):
+        for interface, ip, mac in (("a", "10.1.0.1", MAC), ("b", "10.1.0.3", MAC1)):  # one subnet, two cables
+            address, result, payload = ask(interface, 0xA1, mac=EVERYBODY)
+            survey = dissected(SURVEY, payload)
+            self.assertEqual((address, result), (ip, 0))
+            self.assertRegex(survey.pop("time"), r"^20\d{12}$")
+            self.assertEqual({k: v for k, v in survey.items() if not k.startswith("dns")}, {
+                "brand": "Lumen", "product": "Network Camera", "model": "LC-1200", "version": "1.2.0-oem", "type": 2,
+                "hardware": 0x10002, "mac": raw(mac), "name": "B\u00fcro", "ip": socket.inet_aton(ip), "port": 8080,
+                "zero": 0, "mask": b"\xff\xff\xff\0", "gateway": bytes(4), "dhcp": 0, "zero2": 0, "timezone": 0x1234,
+                "dst": 1})
+            address, result, payload = ask(interface, 0x109, mac=EVERYBODY)
+            self.assertEqual((address, result, dissected(SERVICE_SURVEY, payload)), (ip, 0, {
+                "brand": "Lumen", "model": "LC-1200", "version": "1.2.0-oem", "client": "1.2", "mac": raw(MAC),
+                "name": "B\u00fcro", "url": "http://front.skyport.test/", "ip": socket.inet_aton(ip), "port": 8080,
+                "https": 0, "zero": bytes(3)}))
+
+    def test_every_operation_and_what_it_changes(self):
+        url = b"http://front.skyport.test/".ljust(64, b"\0")
+        self.assertEqual(ask("b", 0xA5, admin())[1:], (0, struct.pack("<17H", *range(0xA1, 0xB2))))
+        self.assertEqual(ask("a", 0xD1)[1:], (0, b"\1" + bytes(15)))
+        self.assertEqual(ask("a", 0x105)[1:], (0, url))
+        self.assertEqual(ask("a", 0x106, admin())[1:], (0, b"front".ljust(64, b"\0")))
+        self.assertEqual(words(ask("b", 0xD2, admin(b"\0"))), (0, 0, 0, 0, 0))
+        self.assertEqual(soon(lambda: words(ask("a", 0x102)), (0, 3, 0, 2, 0)), (0, 3, 0, 2, 0))  # switched off
+        self.assertEqual((stored("enabled"), ask("a", 0xD1)[2][0]), ("0", 0))
+        self.assertEqual(words(ask("b", 0xD2, admin(b"\2"))), (1, 1, 0, 0, 0))
+        self.assertEqual(words(ask("b", 0xD2, admin(b"\1"))), (0, 0, 0, 0, 0))
+        handle = words(ask("a", 0x107, admin(b"gate\0")))
+        self.assertEqual((handle[:2], handle[3:]), ((0, 0), (0, 0)))
+        self.assertEqual((stored("alias"), stored("alias_status")), ("gate", "1"))
+        self.assertEqual(words(ask("b", 0x107, admin(b"door"))), (1, 2, handle[2], 0, 0))
+        for status, verdict in {1: (0, 0, 2), 16: (0, 0, 0), 32: (1, 2, 0), 48: (1, 1, 0)}.items():
+            CAMERA.set("alias_status", str(status))
+            self.assertEqual(words(ask("a", 0x108, admin())), (*verdict, 0, 0))
+        self.assertEqual(words(ask("a", 0x10A, admin(b"skyport.test"))), (0, 0, 0, 30000, 0))
+        self.assertIsNone(CAMERA.process.poll())
+
+    def test_nobody_else_is_served(self):
+        for opcode in PROTECTED:
+            for payload in (b"", admin(password=b"Admin"), admin(user=b"bob")):
+                self.assertEqual(words(ask("a", opcode, payload)), (1, 0, 0, 0, 0))
+        for opcode in {0xA3: 0, **OPEN, **PROTECTED}.keys() - {0xA1, 0x109}:
+            self.assertIsNone(ask("a", opcode, admin(b"\0"), mac=EVERYBODY, wait_s=0.1))
+        for _ in range(BROKEN):
+            self.assertIsNone(ask("a", 0xA1, b"x", length=0, wait_s=0.1))
+
+    def test_find_tells_what_the_cameras_tell(self):
+        STUB_CAMERA.forgets = 2
+        status, out, _ = find("list", "--json", timeout="1.6")
+        both = {camera["mac"]: camera for camera in json.loads(out)}
+        self.assertEqual((status, sorted(both)), (0, [MAC, STUB_MAC]))  # once, though reached by two interfaces
+        shown = json.loads(find("show", "10.1.0.1", "--json")[1])
+        for key, value in {"name": "B\u00fcro", "address": "10.1.0.1", "interface": "a", "brand": "Lumen",
+                           "http_port": 8080, "https": False, "client_version": "1.2",
+                           "url": "http://front.skyport.test/", "product_type": 2, "hardware": 0x10002,
+                           "interface_mac": MAC, "netmask": "255.255.255.0", "dhcp": False,
+                           "timezone": 0x1234, "dst": True, "service": "on"}.items():
+            self.assertEqual(shown[key], value, key)
+        survey = dissected(SURVEY, ask("a", 0xA1)[2])
+        self.assertEqual([shown["dns1"], shown["dns2"]], [socket.inet_ntoa(survey[key]) for key in ("dns1", "dns2")])
+        STUB_CAMERA.name = b"a\x1b[31m\x9b\xe2\x80\xae\xff"
+        self.assertIn("a?[31m???", find("--interface", "c", "list")[1])
+        self.assertEqual(json.loads(find("--interface", "c", "list", "--json")[1])[0]["name"][:2], "a\x1b")
+
+    def test_find_changes_settings(self):
+        def facts(*arguments):
+            status, out, _ = find(*arguments, "--json")
+            told = json.loads(out).items()
+            return status, {k: v for k, v in told if k not in ("mac", "address", "interface", "handle")}
+
+        self.assertEqual(facts("service", MAC, "off"), (0, {"service": "off"}))
+        off = {"state": "not registered", "reason": "", "detail": "remote access is switched off", "conf_state": 3,
+               "reason_code": 0, "detail_code": 2}
+        self.assertEqual(soon(lambda: facts("status", "b\u00fcro"), (0, off)), (0, off))
+        self.assertEqual(facts("service", MAC, "on"), (0, {"service": "on"}))
+        self.assertEqual((facts("alias", MAC), stored("enabled")), ((0, {"alias": "front"}), "1"))
+        self.assertEqual(facts("alias", MAC, "gate"), (0, {"alias": "gate"}))
+        self.assertEqual((find("alias", MAC, "door")[0], stored("alias")), (4, "gate"))
+        for status, code, word in ((1, 4, "pending"), (16, 0, "accepted"), (32, 5, "duplicate"), (48, 6, "failed")):
+            CAMERA.set("alias_status", str(status))
+            self.assertEqual(facts("alias-status", MAC), (code, {"alias_status": word}))
+        self.assertEqual(facts("ops", MAC), (0, {"operations": list(range(0xA1, 0xB2))}))
+        self.assertEqual(facts("domain", MAC, "skyport.test", "--yes"),
+                         (0, {"domain": "skyport.test", "wait_ms": 30000}))
+
+    def test_find_says_in_one_sentence_what_is_wrong(self):
+        STUB_CAMERA.name = "B\u00fcro".encode()
+        STUB_CAMERA.surplus = b"x"
+        for status, sentence, arguments, options in (
+                (3, "refused 'admin'", ("alias", MAC), {"password": "wrong"}),
+                (3, "refused 'bob'", ("--user", "bob", "ops", MAC), {}),
+                (1, "did not answer", ("status", "02:4b:52:10:20:77"), {}),
+                (1, "did not answer", ("status", "nobody"), {}),
+                (1, "did not answer", ("status", "10.1.0.9"), {}), (2, "several cameras", ("status", "b\u00fcro"), {}),
+                (6, "17 bytes instead of 16", ("status", STUB_MAC), {}),
+                (6, "interface nope", ("--interface", "nope", "list"), {}),
+                (2, "'on' or 'off'", ("service", MAC, "maybe"), {}), (2, "at most 31", ("alias", MAC, "a b"), {}),
+                (2, "at most 31", ("alias", MAC, "a" * 32), {}), (2, "must not be empty", ("domain", MAC, ""), {}),
+                (2, "--yes", ("domain", MAC, "new.test"), {}), (2, "--help", ("frob",), {}), (2, "no command", (), {}),
+                (2, "at most 45", ("ops", MAC), {"password": "p" * 46}),
+                (2, "KESTREL_PASSWORD", ("ops", MAC), {"password": None, "start_new_session": True}),
+                (2, "can't be read", ("--password-file", "/nowhere", "ops", MAC), {})):
+            got, _, said = find(*arguments, **options)
+            self.assertEqual(got, status, arguments)
+            self.assertRegex(said, rf"^kestrel-find: [^\n]*{sentence}[^\n]*\n$")
+        self.assertEqual(stored("domain"), "skyport.test")
+
+    def test_find_asks_at_the_terminal(self):
+        def dialogue(arguments, *steps):
+            pid, terminal = pty.fork()
+            if pid == 0:
+                os.environ.pop("KESTREL_PASSWORD", None)
+                os.execvp("nsenter", PC.command(PC.build / "tools/kestrel-find", "--interface", "a", *arguments))
+            shown = b""
+            for prompt, answer in steps:
+                while prompt not in shown:
+                    shown += os.read(terminal, 4096)
+                os.write(terminal, answer)
+            try:
+                while more := os.read(terminal, 4096):
+                    shown += more
+            except OSError:
+                pass
+            os.close(terminal)
+            return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), shown
+
+        status, shown = dialogue(["alias", MAC], (b"Password of admin", b"admin\n"))
+        self.assertEqual((status, b"front" in shown, b"admin\r\n" in shown), (0, True, False))  # typed without echo
+        self.assertEqual(dialogue(["alias", MAC], (b"Password", b"wrong\n"))[0], 3)
+        self.assertEqual(dialogue(["alias", MAC], (b"Password", b"\3"))[0], 130)
+        self.assertEqual(dialogue(["domain", MAC, "new.test"], (b"Go on", b"n\n"))[0], 2)
+        self.assertEqual(stored("domain"), "skyport.test")
+
+    def test_find_watches_who_comes_and_goes(self):
+        STUB_CAMERA.mute = True
+        command = PC.command(PC.build / "tools/kestrel-find", "--json", "--timeout", "0.3", "--interface", "c", "watch",
+                             "--interval", "0.4", "--rounds", "40")
+        watch = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+        events = []
+        for mute in (False, True):
+            time.sleep(0.5)
+            STUB_CAMERA.mute = mute
+            events.append(json.loads(watch.stdout.readline()))
+        watch.terminate()
+        self.assertEqual([(e["event"], e["mac"]) for e in events], [("came", STUB_MAC), ("gone", STUB_MAC)])
+        self.assertEqual(watch.wait(10), 0)
+        watch.stdout.close()
+
+    @unittest.skipUnless(shutil.which("killall"), "the camera's shell has no killall (package psmisc)")
+    def test_new_domain_ends_the_daemon(self):
+        self.assertEqual(find("domain", MAC, "new.test", "--yes")[0], 0)
+        self.assertEqual((CAMERA.process.wait(10), stored("domain")), (-9, "new.test"))
+        CAMERA.set("domain", "skyport.test")
+        start_camera()
+        self.assertEqual(words(ask("a", 0x108, admin())), (1, 3, 0, 0, 0))  # what it set before is forgotten
+        self.assertEqual(find("alias-status", MAC)[0], 6)
+
+
+def check_dissection(capture):
+    """What tshark makes of all the datagrams of the tests: a row each, of the fields that are asked for."""
+    fields = ("magic", "opcode", "length", "bad_length", "brand", "timezone", "hardware", "alias_status", "conf_state",
+              "wait", "user", "handle")
+    out = subprocess.run(["tshark", "-r", capture, "-X", f"lua_script:{PROJECT}/tools/wireshark/kestrel-finder.lua",
+                          "-Y", f"udp.port == {PORT} and not icmp", "-T", "fields",
+                          "-e", "_ws.malformed", "-e", "_ws.col.Protocol", "-e", "_ws.col.Info",
+                          *(part for field in fields for part in ("-e", f"kestrel_finder.{field}"))],
+                         env={**os.environ, "HOME": str(world.SCRATCH)}, check=True, capture_output=True,
+                         text=True).stdout
+    rows = [dict(zip(("malformed", "protocol", "info", *fields), line.split("\t"))) for line in out.splitlines()]
+    seen = {(row["magic"], int(row["opcode"], 16)): row for row in rows}
+    check = unittest.TestCase()
+    check.assertEqual({row["protocol"] for row in rows}, {"FINDER"})
+    check.assertEqual([row["bad_length"] for row in rows if row["malformed"]], ["1"] * BROKEN)
+    for magic, word in (("0xfdfd", "Request"), ("0xfeee", "Reply")):
+        named = {op for (m, op), row in seen.items()
+                 if m == magic and re.match(rf"{word}: (?!operation 0x)", row["info"])}
+        check.assertEqual(named - {0xA3}, {*OPEN, *PROTECTED})
+    check.assertTrue({("Lumen", "4660", "0x00010002")} <= {(r["brand"], r["timezone"], r["hardware"]) for r in rows})
+    check.assertTrue({"0", "2"} <= {r["alias_status"] for r in rows} and {"3"} <= {r["conf_state"] for r in rows})
+    check.assertTrue({"30000"} <= {r["wait"] for r in rows} and {"admin", "bob"} <= {r["user"] for r in rows})
+    check.assertTrue([r for r in rows if "authentication refused" in r["info"]])
+    print(f"dissected {len(rows)} datagrams")
+
+
+def body():
+    global PC, STUB, CAMERA, STUB_CAMERA
+    for program in ("tshark", "dumpcap"):
+        if not shutil.which(program):
+            raise world.Unavailable(f"the program {program} is missing")
+    world.show_build(Path(sys.argv[1]).resolve())
+    machine, PC, STUB = world.Node("camera"), world.Node("pc"), world.Node("stub")
+    world.link(machine, "eth0", PC, "a", MAC)
+    world.link(machine, "eth1", PC, "b", MAC1)
+    world.link(STUB, "eth0", PC, "c", STUB_MAC)
+    for node, interface, address in ((machine, "eth0", "10.1.0.1"), (machine, "eth1", "10.1.0.3"),
+                                     (PC, "a", "10.1.0.2"), (PC, "b", "10.1.0.4"), (PC, "c", "10.9.0.1"),
+                                     (STUB, "eth0", "10.9.0.2")):
+        node.address(interface, f"{address}/24")
+        node.run("sysctl", "-qw", "net.ipv4.conf.all.rp_filter=0", f"net.ipv4.conf.{interface}.rp_filter=0")
+    for node in (machine, PC, STUB):  # above the finder's port, which tshark then asks first what a datagram is
+        node.run("sysctl", "-qw", "net.ipv4.ip_local_port_range=63000 64999")
+    CAMERA = lab_camera.Camera(machine, "10.1.0.200", "eth0", http_port=8080, speed=20,
+                               network="active_interface=eth0\ninterfaces=eth0;eth1")
+    for key, value in {"camera_name": "B\u00fcro", "timezone": "4660", "dst": "1", "product_type": "1", "enabled":
+                       "1\nalias=yard\nlast_alias=front\nalias_status=16", "user1": "admin\nuser2=bob"}.items():
+        CAMERA.set(key, value)
+    capture = world.SCRATCH / "finder.pcapng"
+    tracer = PC.spawn(["dumpcap", "-q", "-i", "any", "-w", capture], world.SCRATCH / "dumpcap.txt")
+    assert soon(capture.exists, True), (world.SCRATCH / "dumpcap.txt").read_text()
+    STUB_CAMERA = Stub()
+    start_camera()
+    result = unittest.TextTestRunner(verbosity=2).run(unittest.defaultTestLoader.loadTestsFromTestCase(Finder))
+    ended = CAMERA.end()
+    time.sleep(1)  # dumpcap reads in blocks
+    tracer.terminate()
+    tracer.wait(10)
+    print(ended or "the daemon ended in order")
+    check_dissection(capture)
+    return 0 if result.wasSuccessful() and not ended else 1
+
+
+BROKEN = 3  # datagrams with a wrong length
+if __name__ == "__main__":
+    sys.exit(world.enter(body, longest_s=110))

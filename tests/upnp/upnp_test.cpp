@@ -1,0 +1,254 @@
+// The port-mapping strategy against a router with a table, row by row: what it finds, what it is asked, and what
+// the log says of it, in order.
+#include "upnp/port_mapping.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "core/device_context.h"
+#include "fake_platform/fixture.h"
+#include "support/trace.h"
+
+namespace kestrel {
+namespace {
+
+constexpr char uid[] = "LC_0A0B0C";
+constexpr std::uint16_t http_port = 8000;  // the camera's
+
+const Trace::Names router_calls = {{"Mupnpcp_query_eport_ex ", "query "},
+                                   {"Mupnpcp_query_eport_all ", "entry "},
+                                   {"Mupnp_add_eport ", "add "},
+                                   {"Mupnp_del_eport ", "del "}};
+
+/// "443|away|Game|3074": external port, internal client, description, internal port; several apart by blanks.
+std::map<int, FakeMapping> router_table(const std::string& text) {
+  std::map<int, FakeMapping> table;
+  for (const std::string& entry : split(text)) {
+    const Texts field = split(entry, '|');
+    table[std::stoi(field[0])] = {field[2], std::stoi(field[3]), field[1] == "here", 0};
+  }
+  return table;
+}
+
+/// The trace of a query up to its result.
+std::string queried(const std::string& port, const char* result) {
+  return "Querying eport:(" + port + ")/query " + port + " 1 8/ret=" + result + "/";
+}
+
+/// Of a candidate that another client has, with the given name.
+std::string foreign(const std::string& port, const std::string& name) {
+  return queried(port, "2") + ">>ueport:(" + port + ") occupied/" +
+         (name.empty() ? ">>no service name, eport:(" + port + ") occupied/"
+                       : "eport:(" + port + ") Added by:(" + name + "), try netxt/");
+}
+
+/// Of an add that the router takes. The name keeps the first candidate's number.
+std::string added(const std::string& which, const std::string& port, const std::string& first = "80") {
+  const std::string done = "Port mapping i(8000)-e(" + port + ") ok!/";
+  return "add LC_0A0B0C-1.2-" + first + " " + port + " 8000 1 8/" + done + which + " " + done + "=> 1 " + port;
+}
+
+/// Of an add that fails twice.
+std::string not_added(const std::string& which, const std::string& port) {
+  const std::string add = "add LC_0A0B0C-1.2-80 " + port + " 8000 1 8/";
+  return add + add + "***" + which + " Port mapping add port (" + port + ") failed,try next/";
+}
+
+/// Of a free port, which is then mapped.
+std::string mapped(const std::string& port, const std::string& first = "80") {
+  return queried(port, "3") + ">>ueport:(" + port + ") EMPTY, start adding/" + added("B1", port, first);
+}
+
+const std::string del80 = "!delete port=80/del 80 1 8/";
+
+class UpnpTest : public FakeTest {
+ protected:
+  std::uint32_t reload = 0;
+  char port[port_len] = "";
+  Trace trace{router_calls};
+
+  void SetUp() override { begin(""); }
+  void begin(const char* stored, const char* table = "", const char* results = "") {
+    fake_reset();
+    trace.listen(results);
+    fake.mappings = router_table(table);
+    reload = 0;
+    std::snprintf(port, sizeof(port), "%s", stored);
+  }
+  /// The whole dialogue of a search, its result and the port text after it.
+  std::string search() {
+    const int result = UPF(uid, http_port, port, &reload);
+    return trace.take() + "=> " + std::to_string(result) + " " + port;
+  }
+  /// The external ports that the router maps.
+  std::string left() const {
+    std::string ports;
+    for (const auto& [number, mapping] : fake.mappings) ports += std::to_string(number) + " ";
+    return ports;
+  }
+};
+
+TEST_F(UpnpTest, ReplaceCases) {
+  const struct {
+    std::string name;
+    const char* table;
+    std::string found;
+    const char* gone;  // behind the line of a delete that failed; A4 alone has it
+  } cases[] = {
+      {"A1", "80|here|LC_0A0B0C-1.2-80|81", queried("80", "1") + "same ip, different iport/", ""},
+      {"A2", "80|here|LC_0A0B0C-1.2-443|8000", queried("80", "1") + "different service name,ip may changed/", ""},
+      {"A3", "80|here||81", queried("80", "1") + "***no service name/", ""},
+      {"A4", "80|away|LC_0A0B0C-1.2-80|8000",
+       queried("80", "2") + ">>ueport:(80) occupied/Previously Added by Me, my ip changed!/", ",try next"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.name);
+    const std::string done = "Port mapping delete port (80) success/";
+    const std::string success = row.name + " " + done;
+    const std::string gone = "***" + row.name + " Port mapping delete port (80) failed" + row.gone + "/";
+    // Only the answer that there is no such mapping is a failed delete; after two others the add shows.
+    const struct {
+      const char* results;
+      std::string trace;
+    } outcomes[] = {
+        {"", del80 + done + success + added(row.name, "80")},
+        {"del=7", del80 + del80 + done + success + added(row.name, "80")},
+        {"del=7,-1", del80 + del80 + success + added(row.name, "80")},
+        {"del=4", del80 + gone + mapped("443")},
+        {"del=7,4", del80 + del80 + gone + mapped("443")},
+        {"add=718,718", del80 + done + success + not_added(row.name, "80") + mapped("443")},
+        {"del=7,7 add=1,1", del80 + del80 + success + not_added(row.name, "80") + mapped("443")},
+    };
+    for (const auto& outcome : outcomes) {
+      begin("", row.table, outcome.results);
+      EXPECT_EQ(search(), row.found + outcome.trace) << outcome.results;
+    }
+  }
+}
+
+TEST_F(UpnpTest, SearchesOverCandidates) {
+  const std::string asked = "Querying eport:(80)/query 80 1 8/", stopped = "unhandled return value(-1),UPF() failed/";
+  const std::string timeout = "*** timeout! in querying eport:(80) retry(", again = timeout + "0)/query 80 1 8/";
+  const std::string empty = queried("80", "3") + ">>ueport:(80) EMPTY, start adding/";
+  const std::string own_80 = "80|here|LC_0A0B0C-1.2-80|8000";
+  const struct {
+    const char* stored;
+    std::string table;
+    const char* results;
+    int reload_at;  // requested during this query; 0: before the search, -1: never
+    std::string trace;
+    const char* left;
+  } rows[] = {
+      {"", own_80, "", -1, queried("80", "1") + "ignore adding port mapping/=> 1 80", "80 "},
+      {"", "", "add=1,1", -1, empty + not_added("B1", "80") + mapped("443"), "443 "},
+      {"", "", "add=725", -1, empty + "add LC_0A0B0C-1.2-80 80 8000 1 8/" + added("B1", "80"), "80 "},
+      {"", "80|away|Game|80 443|away||8000 8081|away|LC_0A0B0C-1.2|8000", "", -1,
+       foreign("80", "Game") + foreign("443", "") + foreign("8081", "LC_0A0B0C-1.2") + mapped("8082"),
+       "80 443 8081 8082 "},
+      // The name keeps the number of the first candidate, which is the one behind the stored port.
+      {"443", "8081|away|Game|1 8082|here|LC_0A0B0C-1.2-8081|8000", "", -1,
+       foreign("8081", "Game") + queried("8082", "1") + "ignore adding port mapping/=> 1 8082", "8081 8082 "},
+      {"8081", "", "", -1, mapped("8082", "8082"), "8082 "},
+      {"", own_80, "query=-1,-1", -1, asked + again + timeout + "1)/ret=-1/" + stopped + "=> 0 ", "80 "},
+      {"", own_80, "query=-1", -1, asked + again + "ret=1/ignore adding port mapping/=> 1 80", "80 "},
+      {"", "", "query=501", -1, queried("80", "501") + "unhandled return value(501),UPF() failed/=> 0 ", ""},
+      {"", "", "", 0, "Querying eport:(80)/=> 0 ", ""},
+      {"", "", "query=2", 1, foreign("80", "") + "Querying eport:(443)/=> 0 ", ""},
+      {"", "", "query=-1", 1, asked + timeout + "0)/ret=5/=> 5 ", ""},
+      {"", "", "", 1, mapped("80"), "80 "},
+  };
+  for (const auto& row : rows) {
+    begin(row.stored, row.table.c_str(), row.results);
+    reload = row.reload_at == 0 ? 1 : 0;
+    int queries = 0;
+    trace.on_call = [&](const std::string& call) {
+      if (call.starts_with("Mupnpcp_query") && ++queries == row.reload_at) reload = 1;
+    };
+    EXPECT_EQ(search(), row.trace);
+    EXPECT_EQ(left(), row.left) << row.trace;
+  }
+}
+
+TEST_F(UpnpTest, FiftyCandidatesFollowTheStoredPort) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"", "80 443 8081 "},        {"port", "80 443 8081 "},    {"80", "443 8081 8082 "}, {"8081", "8082 8083 8084 "},
+      {"1000", "1000 1000 1000 "}, {"8080", "8080 8080 8080 "}, {"65534", "65535 0 80 "}, {"-1", "0 80 443 "},
+  };
+  for (const auto& [stored, candidates] : rows) {
+    begin(stored);
+    fake.always["Mupnpcp_query_eport_ex"] = MUPNP_MAPPED_ELSEWHERE;
+    EXPECT_TRUE(search().ends_with(std::string("=> 0 ") + stored));
+    const Texts asked = fake_calls({"Mupnp"});
+    ASSERT_EQ(asked.size(), 50U);
+    std::string first;
+    for (std::size_t i = 0; i < 3; ++i) first += split(asked[i])[1] + " ";
+    EXPECT_EQ(first, candidates);
+  }
+}
+
+// A library that fills the whole buffer is cut, and its text never equals ours.
+TEST_F(UpnpTest, LongTextsAreCut) {
+  fake.mappings = {{80, {std::string(80, 'G'), 80, false, 0}}};
+  EXPECT_EQ(search(), foreign("80", std::string(63, 'G')) + mapped("443"));
+  begin("");
+  EXPECT_EQ(UPF(std::string(63, 'u').c_str(), http_port, port, &reload), 1);
+  EXPECT_EQ(fake.mappings[80].description, std::string(63, 'u'));
+
+  MupnpIgd igd{};
+  std::memset(&fake.igd, 'x', sizeof(fake.igd));
+  EXPECT_EQ(find_gateway(&igd), 0);
+  std::string lengths;
+  for (const char* text : {igd.friendlyName, igd.manufacturer, igd.manufacturerURL, igd.modelName, igd.modelNumber,
+                           igd.modelDescription, igd.presentationURL})
+    lengths += std::to_string(std::strlen(text)) + " ";
+  EXPECT_EQ(lengths, "63 63 127 31 31 127 127 ");
+
+  char ip[ip_len] = "";
+  fake.router_ip = "198.51.100.7.198.51";
+  EXPECT_EQ(get_router_address(ip), 0);
+  EXPECT_STREQ(ip, "198.51.100.7.19");
+  fake.always["Mupnpcp_get_eip"] = MUPNP_NONE;
+  EXPECT_EQ(get_router_address(ip), MUPNP_NONE);
+  EXPECT_STREQ(ip, "198.51.100.7.19");
+}
+
+TEST_F(UpnpTest, CleanUpRemovesOwnMappings) {
+  const std::string other = "===========> Occupy by other service <=============//";
+  const auto own = [](const std::string& number) {
+    return "===========> Remove pollution ExtPort(" + number + ") myself<=============//del " + number + " 1 8/";
+  };
+  const struct {
+    const char *table, *results;
+    std::string trace;
+    const char* left;
+  } rows[] = {
+      {"80|here|LC_0A0B0C-1.2-80|80 8081|away|LC_0A0B0C-1.2-443|80", "",
+       "entry 0 8/" + own("80") + "entry 0 8/" + own("8081") + "entry 0 8/", ""},
+      {"80|here|LC_0A0B0C-1.2-80|80 443|here|LC_0A0B0C-1.2-80|80", "del=501",
+       "entry 0 8/" + own("80") + "entry 1 8/" + own("443") + "entry 1 8/", "80 "},
+      {"80|away|Game|1 443|here||80 8081|here|LC_0A0B0C-1.|80 8082|here|LC_0A0B0C-1.2-80|80", "",
+       "entry 0 8/" + other + "entry 1 8/" + other + "entry 2 8/" + other + "entry 3 8/" + own("8082") + "entry 3 8/",
+       "80 443 8081 "},
+      {"80|away|Game|1 443|here|LC_0A0B0C-1.2-80|80", "entry=0,713", "entry 0 8/" + other + "entry 1 8/", "80 443 "},
+  };
+  for (const auto& row : rows) {
+    begin("", row.table, row.results);
+    EXPECT_EQ(remove_own_mappings(uid), 0);
+    EXPECT_EQ(trace.take(), "======== uid_info : LC_0A0B0C-1.2 ========/" + row.trace);
+    EXPECT_EQ(left(), row.left) << row.trace;
+  }
+}
+
+TEST_F(UpnpTest, CleanUpEndsWithATableThatNeverEmpties) {
+  int next = 1;
+  fake.mappings[next] = {"LC_0A0B0C-1.2-80", http_port, true, 0};
+  trace.on_call = [&](const std::string& call) {
+    if (call.starts_with("Mupnp_del_eport")) fake.mappings[++next] = {"LC_0A0B0C-1.2-80", http_port, true, 0};
+  };
+  EXPECT_EQ(remove_own_mappings(uid), 0);
+  EXPECT_LE(fake.calls.size(), 4096U);
+  EXPECT_GE(fake.calls.size(), 128U);  // a full table of a large router is cleaned up in one go
+}
+
+}  // namespace
+}  // namespace kestrel
