@@ -2,6 +2,7 @@
 #include "core/debug_log.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,7 +10,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 
 namespace kestrel {
@@ -20,10 +20,10 @@ namespace {
 
 constexpr std::size_t line_len = 2048;     // bytes, terminator included
 constexpr std::size_t scratch_len = 1536;  // bytes of one "%s", terminator included
-constexpr char prefix[] = "KLOG";
 
 /// Lines in the current log file; 0 rotates before the next line.
 std::atomic<int> line_count{0};
+std::atomic<bool> rotating{false};
 static_assert(std::atomic<int>::is_always_lock_free);
 
 struct Line {
@@ -70,15 +70,13 @@ void format_line(Line& line, const char* format, va_list args) {
   }
 }
 
-bool write_all(int fd, const char* text, std::size_t len) {
-  while (len > 0) {
-    const ssize_t n = write(fd, text, len);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    text += n;
-    len -= static_cast<std::size_t>(n);
-  }
-  return true;
+/// Standard output and standard error, or descriptions of the same pipe or terminal that never block.
+int console_fd[] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
+
+/// A reader that does not read, or a stopped terminal, costs the line and never the daemon.
+void write_console(int stream, const Line& line) {
+  pollfd ready{console_fd[stream], POLLOUT, 0};
+  if (poll(&ready, 1, 0) == 1) static_cast<void>(!write(ready.fd, line.text, line.len));
 }
 
 void rotate() {
@@ -89,37 +87,97 @@ void rotate() {
   rename(debug_log_path, debug_log_old_path);
 }
 
-/// Opened for every line, so that the file can be taken away at any time. Only for the owner, since
-/// passwords are logged; never through a link that somebody laid into /tmp.
-void write_file(const Line& line) {
-  int count = line_count.load(std::memory_order_relaxed);
-  if (count >= debug_log_max_lines) {
-    count = 0;
-    line_count.store(0, std::memory_order_relaxed);
+/// The present file, when it is ours and nobody else's to read; passwords are logged. Never through a link.
+int open_own() {
+  const int fd = open(debug_log_path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  struct stat status {};
+  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+      (status.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
+    return fd;
   }
-  if (count == 0) rotate();
-  const int mode = count == 0 ? O_TRUNC : O_APPEND;
-  const int fd =
-      open(debug_log_path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | mode, S_IRUSR | S_IWUSR);
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
+/// A file that did not exist: what somebody laid into its place, or what could not be moved away, goes first.
+int open_fresh() {
+  unlink(debug_log_path);
+  return open(debug_log_path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+}
+
+/// A full disk cuts the line; the next one finds room or does not.
+void write_all(int fd, const char* text, std::size_t len) {
+  while (len > 0) {
+    const ssize_t n = write(fd, text, len);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    text += n;
+    len -= static_cast<std::size_t>(n);
+  }
+}
+
+bool rotation_is_due() {
+  return line_count == 0 || line_count >= debug_log_max_lines;
+}
+
+/// The file for one line, which is counted. A thread that finds another one rotating, and a handler that
+/// interrupts the rotation, take what is there: a second rotation would lose the first one's lines.
+int open_for_line() {
+  int fd = -1;
+  if (!rotation_is_due()) {
+    fd = open_own();
+    if (fd < 0) fd = open_fresh();
+    if (fd >= 0) ++line_count;
+    return fd;
+  }
+  if (rotating.exchange(true)) return open_own();
+  if (rotation_is_due()) {
+    rotate();
+    fd = open_fresh();
+    if (fd >= 0) line_count = 1;
+  } else {
+    fd = open_own();
+  }
+  rotating = false;
+  return fd;
+}
+
+/// Opened for every line, so that the file can be taken away at any time.
+void write_file(const Line& line) {
+  const int fd = open_for_line();
   if (fd < 0) return;
   write_all(fd, line.text, line.len);
   close(fd);
-  line_count.fetch_add(1, std::memory_order_relaxed);
+}
+
+void begin_line(Line& line, const char* start) {
+  line.len = 0;
+  put_text(line, start, line_len);
 }
 
 }  // namespace
+
+void never_wait_for_console() {
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+    struct stat status {};
+    if (fstat(stream, &status) != 0 || !(S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) continue;
+    // A description of its own: a flag on the one that was handed down would be everybody's.
+    const char* path = stream == STDOUT_FILENO ? "/proc/self/fd/1" : "/proc/self/fd/2";
+    const int fd = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd >= 0) console_fd[stream] = fd;
+  }
+}
 
 int debug_log(const char* format, ...) {
   const int saved_errno = errno;
   if ((DbgLevel & (debug_console | debug_file)) != 0) {
     Line line;
-    line.len = 0;
-    put_text(line, prefix, sizeof(prefix));
+    begin_line(line, "KLOG");
     va_list args;
     va_start(args, format);
     format_line(line, format, args);
     va_end(args);
-    if ((DbgLevel & debug_console) != 0) write_all(STDOUT_FILENO, line.text, line.len);
+    if ((DbgLevel & debug_console) != 0) write_console(STDOUT_FILENO, line);
     if ((DbgLevel & debug_file) != 0) write_file(line);
   }
   errno = saved_errno;
@@ -129,24 +187,23 @@ int debug_log(const char* format, ...) {
 void print_console(const char* format, ...) {
   const int saved_errno = errno;
   Line line;
-  line.len = 0;
+  begin_line(line, "");
   va_list args;
   va_start(args, format);
   format_line(line, format, args);
   va_end(args);
-  write_all(STDOUT_FILENO, line.text, line.len);
+  write_console(STDOUT_FILENO, line);
   errno = saved_errno;
 }
 
 void print_error(const char* what) {
   const int saved_errno = errno;
   Line line;
-  line.len = 0;
-  put_text(line, what, scratch_len);
+  begin_line(line, what);
   put_text(line, ": ", 2);
   put_text(line, std::strerror(saved_errno), scratch_len);
   put_char(line, '\n');
-  write_all(STDERR_FILENO, line.text, line.len);
+  write_console(STDERR_FILENO, line);
   errno = saved_errno;
 }
 

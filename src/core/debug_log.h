@@ -24,12 +24,17 @@ constexpr int debug_log_max_lines = 1000;
 /// 2047 characters and one "%s" 1535; what is longer is cut.
 ///
 /// Any thread and any signal handler may call: it is async-signal-safe, takes no lock and keeps errno.
-/// Lines of two threads may mix or rotate the file twice.
+/// Lines of two threads may mix or rotate the file twice. A line that the console or the disk does not take at
+/// once is lost.
 [[gnu::format(printf, 1, 2)]] int debug_log(const char* format, ...);
 
 /// Prints to standard output, whatever DbgLevel is, with the same formatter and without "KLOG".
 /// Async-signal-safe; keeps errno.
 [[gnu::format(printf, 1, 2)]] void print_console(const char* format, ...);
+
+/// Opens the pipes and terminals among standard output and standard error a second time, so that no line ever
+/// waits for a reader. Once, at start-up, before there are threads. Sockets and files are left as they are.
+void never_wait_for_console();
 
 /// Prints "what: " and errno's text to standard error, as perror does, but never waits for a reader: a line that
 /// cannot be written at once is dropped. Async-signal-safe but for strerror; keeps errno.

@@ -6,8 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
+
+#include "core/device_context.h"
 
 namespace kestrel {
 
@@ -15,33 +18,46 @@ namespace {
 
 constexpr int look_ms = 20;
 constexpr int looks = shell_timeout_s * 1000 / look_ms;
+constexpr int exit_looks = 10;  // once the daemon is to end
 
-/// This thread's commands that were left to themselves; reaped when the next one is run.
-thread_local std::array<pid_t, 4> left_to_themselves{};
+/// This thread's commands that were left to themselves, the oldest first.
+struct Left {
+  std::array<pid_t, 8> pids;
+  std::size_t count;
+};
+thread_local Left left_to_themselves{};
 
 void reap_left() {
-  for (pid_t& pid : left_to_themselves) {
-    if (pid > 0 && waitpid(pid, nullptr, WNOHANG) != 0) pid = 0;
-  }
+  Left& left = left_to_themselves;
+  pid_t* const end = left.pids.data() + left.count;
+  pid_t* const kept =
+      std::remove_if(left.pids.data(), end, [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) != 0; });
+  left.count = static_cast<std::size_t>(kept - left.pids.data());
 }
 
-void leave(pid_t left) {
-  for (pid_t& pid : left_to_themselves) {
-    if (pid > 0) continue;
-    pid = left;
-    return;
+/// Where there is no room any more the oldest is ended, so that nothing grows over months of a script that hangs.
+void leave(pid_t pid) {
+  Left& left = left_to_themselves;
+  if (left.count == left.pids.size()) {
+    kill(left.pids[0], SIGKILL);
+    waitpid(left.pids[0], nullptr, 0);
+    std::copy(left.pids.begin() + 1, left.pids.end(), left.pids.begin());
+    --left.count;
   }
+  left.pids[left.count++] = pid;
 }
 
 pid_t spawn(const char* command) {
   posix_spawnattr_t attributes;
   sigset_t none;
-  sigset_t all;
+  sigset_t defaults;
   sigemptyset(&none);
-  sigfillset(&all);
+  sigemptyset(&defaults);
+  // What the daemon handles or ignores. Not all: some libraries refuse a set with SIGKILL in it.
+  for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGUSR2, SIGPIPE}) sigaddset(&defaults, signal);
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   // The shell does not change its arguments; the interface only predates const.
   char* arguments[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command), nullptr};
@@ -58,6 +74,7 @@ void run_shell(const char* command) {
   const pid_t pid = spawn(command);
   for (int look = 0; pid > 0 && look < looks; ++look) {
     if (waitpid(pid, nullptr, WNOHANG) != 0) return;
+    if (load_word(current_record.run) == 0 && look >= exit_looks) break;
     poll(nullptr, 0, look_ms);
   }
   if (pid > 0) leave(pid);

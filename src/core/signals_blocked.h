@@ -27,9 +27,12 @@ struct SignalsBlocked {
     pthread_sigmask(SIG_BLOCK, &some, &before);
   }
 
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+  ~SignalsBlocked() { release(); }
   SignalsBlocked(const SignalsBlocked&) = delete;
   SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+  /// Puts the mask back before the end.
+  void release() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
 
   sigset_t before;  // the mask that is put back
 };

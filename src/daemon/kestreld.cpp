@@ -1,11 +1,11 @@
 // Start-up, main loop and shutdown, see kestreld.h.
 #include "daemon/kestreld.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 
 #include "core/debug_log.h"
@@ -33,6 +33,27 @@ bool take_lock() {
   const ssize_t written = write(STDERR_FILENO, message, sizeof(message) - 1);
   static_cast<void>(written);
   return false;
+}
+
+/// Standard descriptors that were handed down closed lead nowhere: the lock or a socket in their place would take
+/// console text.
+void fill_standard_descriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    // The lowest that is free is the one that was missing.
+    if (fcntl(fd, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDWR));
+  }
+}
+
+/// Installs the handlers, and lets the settings' signals through.
+void take_signals(SignalsBlocked& settings) {
+  if (init_signals()) {
+    settings.release();
+    return;
+  }
+  debug_log("init signal failed!\n");
+  // Held back for good: without a handler a changed setting would end the daemon.
+  sigaddset(&settings.before, SIGUSR1);
+  sigaddset(&settings.before, SIGUSR2);
 }
 
 /// A configured level has effect only together with the right token.
@@ -66,6 +87,8 @@ void main_loop(DeviceContext& current) {
       SetSptOnLineStatus(0);
       debug_log("state_init()\n");
       state_init(current);
+      // An exit request during the reload left its run of 0, and START is not to run once more.
+      if (load_word(current.run) == 0) return;
     }
     // An exit request may come at any moment, and its state has no handler.
     const auto state = static_cast<std::size_t>(load_word(current.state));
@@ -76,9 +99,13 @@ void main_loop(DeviceContext& current) {
 }  // namespace
 
 int run_daemon() {
+  // Until their handlers stand they would end a daemon that waits for its account.
+  SignalsBlocked settings({SIGUSR1, SIGUSR2});
+  fill_standard_descriptors();
+  never_wait_for_console();
   upnp_found_at_init = 0;
   if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
-    perror("signal");
+    print_error("signal");
     return 1;
   }
   if (!take_lock()) return 1;
@@ -91,7 +118,7 @@ int run_daemon() {
   current_record.last = &last_record;
   state_init(current_record);
   debug_log("user name=(%s)\n", current_record.auth_info.user);
-  if (!init_signals()) debug_log("init signal failed!\n");
+  take_signals(settings);
   start_finder(current_record);
   wait_regardless(start_up_s);
   main_loop(current_record);

@@ -6,6 +6,7 @@
 #include "core/device_context.h"
 #include "core/wait.h"
 #include "daemon/kestreld.h"
+#include "service/requests.h"
 
 namespace kestrel {
 
@@ -40,6 +41,7 @@ void signalRequestExit(int /*signal*/) {
   debug_log(" signalRequestExit()\n");
   store_word(current_record.state, UNKNOWN);
   store_word(current_record.run, 0U);
+  end_exchanges();
   wait_note_signal();
 }
 

@@ -56,7 +56,7 @@ void make_service_key(char key[service_key_len + 1]) {
   hex_encode_md5(digest, key);
 }
 
-int encipher_body(char* body, std::size_t size, const char* bodylen_format) {
+int encipher_body(char* body, std::size_t size, LogFormat<'d'> bodylen_format) {
   unsigned char cipher[max_plain_len + blowfish_block_len];
   const std::size_t plain_len = std::strlen(body);
   if (plain_len > max_plain_len) {
@@ -68,7 +68,7 @@ int encipher_body(char* body, std::size_t size, const char* bodylen_format) {
   pad_to_block(cipher, &len);
   char key[service_key_len + 1];
   make_service_key(key);
-  debug_log(bodylen_format, len);
+  log_if(bodylen_format, len);
   bf_cfb8_encrypt(cipher, len, as_bytes(key), service_key_len, cipher_iv, cipher_iv_len);
   std::memset(body, 0, size);
   if (base64_len(static_cast<std::size_t>(len)) >= size) return 0;

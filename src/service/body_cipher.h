@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "service/log_format.h"
+
 namespace kestrel {
 
 /// The service key: 32 hexadecimal characters (the characters themselves), and a terminator.
@@ -29,13 +31,13 @@ void make_service_key(char key[service_key_len + 1]);
 
 /// Enciphers the terminated text in `body` (an array of `size` bytes) under the service key and puts
 /// the base64 text of it in its place: zero padding to a whole cipher block first, then
-/// `bodylen_format`, a format with one "%d", is logged with the padded length. Returns the length of
+/// `bodylen_format` is logged with the padded length. Returns the length of
 /// the base64 text, or 0 when it would not fit into `size` bytes (`body` is then empty).
-int encipher_body(char* body, std::size_t size, const char* bodylen_format);
+[[nodiscard]] int encipher_body(char* body, std::size_t size, LogFormat<'d'> bodylen_format);
 
 /// Deciphers an answer's body: `len` characters of base64. Returns the plain text, terminated, which
 /// the caller frees with free(); null when there is no memory.
-char* decipher_body(const char* body, std::int32_t len);
+[[nodiscard]] char* decipher_body(const char* body, std::int32_t len);
 
 }  // namespace kestrel
 

@@ -40,16 +40,20 @@ int conn_report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report) {
   srv_get_first_connection(record);
   terminate(record);
   if (std::strcmp(record, last_report) == 0) return request_ok;
+  char text[base64_len];
+  PostBody body = begin_body(text, plain_len);
+  put(body, "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n%s</ldev>\n", record);
+  if (!body.fits) {
+    debug_log("[kestreld] *** first-connection record too long, not reported\n");
+    return request_no_answer;
+  }
   // Before anything is sent, on purpose: a report that fails is not sent again until the record changes.
   copy_text(last_report, first_connection_len, record);
-  char body[base64_len];
-  const int fits =
-      write_body(body, plain_len, "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n%s</ldev>\n", record);
   debug_log("----------sz_xml_data packet----------\n");
-  debug_log("%s\n", body);
+  debug_log("%s\n", text);
   debug_log("----------end sz_xml_data-------------\n");
-  if (fits == 0 || encipher_body(body, sizeof(body), " ecnode bodylen=%d\n") == 0) return request_no_answer;
-  return run_exchange(*ctx, report_request, ctx->redir_ip, body, *auth, nullptr, nullptr);
+  if (encipher_body(text, sizeof(text), " ecnode bodylen=%d\n") == 0) return request_no_answer;
+  return run_exchange(*ctx, report_request, ctx->redir_ip, text, *auth, nullptr, nullptr);
 }
 
 }  // namespace kestrel

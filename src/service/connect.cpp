@@ -77,10 +77,4 @@ int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s)
   return 0;
 }
 
-void bound_exchange(int sock, int timeout_s) {
-  const timeval limit{timeout_s, 0};
-  setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-  setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-}
-
 }  // namespace kestrel

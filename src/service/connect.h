@@ -1,4 +1,4 @@
-// Connecting with a time limit, and what bounds an exchange after it.
+// Connecting with a time limit.
 #ifndef KESTREL_SERVICE_CONNECT_H
 #define KESTREL_SERVICE_CONNECT_H
 
@@ -13,10 +13,6 @@ int SetNonBlock(int fd, int on);
 /// then blocking again; -1 otherwise (time-outs set errno to ETIMEDOUT). A descriptor that does not fit
 /// into a descriptor set is refused.
 int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s);
-
-/// Bounds every later send and receive on a connected socket to `timeout_s` seconds, so that a silent
-/// peer costs a bounded time whatever library reads the answer.
-void bound_exchange(int sock, int timeout_s);
 
 }  // namespace kestrel
 

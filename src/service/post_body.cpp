@@ -9,15 +9,23 @@
 
 namespace kestrel {
 
-int write_body(char* body, std::size_t size, const char* xml_format, ...) {
-  std::memset(body, 0, size);
-  random_digits6(body);
-  const std::size_t room = size - random_digits_len;
+PostBody begin_body(char* text, std::size_t size) {
+  std::memset(text, 0, size);
+  random_digits6(text);
+  return {text, size, random_digits_len, true};
+}
+
+void put(PostBody& body, const char* format, ...) {
+  const std::size_t room = body.size - body.len;
   va_list args;
-  va_start(args, xml_format);
-  const int len = std::vsnprintf(body + random_digits_len, room, xml_format, args);
+  va_start(args, format);
+  const int len = std::vsnprintf(body.text + body.len, room, format, args);
   va_end(args);
-  return len >= 0 && static_cast<std::size_t>(len) < room ? 1 : 0;
+  if (len < 0 || static_cast<std::size_t>(len) >= room) {
+    body.fits = false;
+    return;
+  }
+  body.len += static_cast<std::size_t>(len);
 }
 
 }  // namespace kestrel

@@ -6,9 +6,19 @@
 
 namespace kestrel {
 
-/// Clears `body` (`size` bytes) and writes six random digits and then the formatted XML. Returns 1, or 0
-/// when it does not fit; `body` is then cut and must not be sent.
-[[gnu::format(printf, 3, 4)]] int write_body(char* body, std::size_t size, const char* xml_format, ...);
+/// A plain body being written into a caller's array. What does not fit is cut, and the body must not be sent.
+struct PostBody {
+  char* text;  // terminated
+  std::size_t size;
+  std::size_t len;
+  bool fits;
+};
+
+/// Clears `text` (`size` bytes, more than the digits take) and begins a body with six random digits.
+[[nodiscard]] PostBody begin_body(char* text, std::size_t size);
+
+/// Appends formatted XML, as printf formats it.
+[[gnu::format(printf, 2, 3)]] void put(PostBody& body, const char* format, ...);
 
 }  // namespace kestrel
 

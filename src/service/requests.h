@@ -53,6 +53,10 @@ constexpr std::size_t first_connection_len = 4096;
 /// Digest state `auth` is the caller's own. Finder thread only.
 [[nodiscard]] int conn_report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report);
 
+/// Ends every exchange under way at once: it counts as not answered. Called when the daemon is to end; an exchange
+/// that begins after that has half a second. Async-signal-safe.
+void end_exchanges();
+
 /// Writes the refer file, which other components of the camera read, at the platform's path: a JavaScript
 /// statement with the timestamp and the host id, enciphered under the refer file's own key. What exceeds 31
 /// characters together is cut. Returns 1, or 0 when it could not be written; the file is then empty or

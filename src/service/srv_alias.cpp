@@ -47,11 +47,12 @@ constexpr Request alias_request = {
 
 constexpr int follow_up_attempts = 10;
 constexpr std::size_t alias_len = 32;
+constexpr std::size_t plain_len = 1024;
 
 void read_verdict(DeviceContext& /*ctx*/, const char* plain, void* sink) {
   auto* verdict = static_cast<char*>(sink);
   debug_log("\ndecodestr:\n  %s\n\n", plain);
-  get_xml_value(plain, "ahret", 5, verdict, verdict_len);
+  if (get_xml_value(plain, "ahret", 5, verdict, verdict_len) == 0 || verdict[0] == '\0') return;
   debug_log("==>[ahret] %c\n", verdict[0]);
 }
 
@@ -87,14 +88,15 @@ int store_verdict(char verdict, char* alias) {
 int srv_alias(DeviceContext* ctx, const char* alias, char* verdict) {
   debug_log("------------------------[ %s:%d ]------------------------\n", alias_request.name, __LINE__);
   debug_log(" auth_info->on=%d\n", static_cast<int>(ctx->auth_info.on));
-  char body[1024];
-  const int fits = write_body(body, sizeof(body),
-                              "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
-                              "<ldev>\n<hid>%s</hid>\n<redirip>%s</redirip>\n<ah>%s</ah>\n</ldev>\n",
-                              ctx->hid, ctx->redir_ip, alias);
-  debug_log("%s\n", body);
-  if (fits == 0 || encipher_body(body, sizeof(body), "ecnode bodylen=%d\n") == 0) return request_no_answer;
-  return run_exchange(*ctx, alias_request, ctx->redir_ip, body, ctx->auth_info, read_verdict, verdict);
+  char text[plain_len];
+  PostBody body = begin_body(text, sizeof(text));
+  put(body,
+      "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
+      "<ldev>\n<hid>%s</hid>\n<redirip>%s</redirip>\n<ah>%s</ah>\n</ldev>\n",
+      ctx->hid, ctx->redir_ip, alias);
+  debug_log("%s\n", text);
+  if (!body.fits || encipher_body(text, sizeof(text), "ecnode bodylen=%d\n") == 0) return request_no_answer;
+  return run_exchange(*ctx, alias_request, ctx->redir_ip, text, ctx->auth_info, read_verdict, verdict);
 }
 
 int alias_follow_up() {
@@ -110,6 +112,7 @@ int alias_follow_up() {
   char verdict[verdict_len] = "";
   int result = request_no_answer;
   for (int i = 0; i < follow_up_attempts && result != request_ok; ++i) {
+    if (i > 0 && load_word(current_record.run) == 0) break;
     result = srv_alias(&current_record, alias, verdict);
     if (result != request_ok) debug_log("server alias return fail.\n");
   }

@@ -33,6 +33,8 @@ constexpr Request connectback_request = {
     .leftover = nullptr,
 };
 
+constexpr std::size_t plain_len = 1024;
+
 /// The address at which the service shall find the camera: the router's own, unless the router does
 /// not know it or sits behind another NAT.
 const char* address_to_test(const DeviceContext& dev) {
@@ -59,18 +61,19 @@ int srv_connectback(DeviceContext* dev) {
     debug_log("[kestreld]: *** invalid parameters\n");
     return request_no_answer;
   }
-  char body[1024];
-  const int fits = write_body(body, sizeof(body),
-                              "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
-                              "<ldev>\n"
-                              "<hid>%s</hid>\n"
-                              "<eip>%s</eip>\n"
-                              "<ueport>%s</ueport>\n"
-                              "<tstamp>%s</tstamp>\n"
-                              "</ldev>\n",
-                              dev->hid, address_to_test(*dev), dev->ue.port, dev->Timestamp);
-  if (fits == 0 || encipher_body(body, sizeof(body), "ecnode bodylen=%d\n") == 0) return request_no_answer;
-  return run_exchange(*dev, connectback_request, dev->redir_ip, body, dev->auth_info, nullptr, nullptr);
+  char text[plain_len];
+  PostBody body = begin_body(text, sizeof(text));
+  put(body,
+      "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
+      "<ldev>\n"
+      "<hid>%s</hid>\n"
+      "<eip>%s</eip>\n"
+      "<ueport>%s</ueport>\n"
+      "<tstamp>%s</tstamp>\n"
+      "</ldev>\n",
+      dev->hid, address_to_test(*dev), dev->ue.port, dev->Timestamp);
+  if (!body.fits || encipher_body(text, sizeof(text), "ecnode bodylen=%d\n") == 0) return request_no_answer;
+  return run_exchange(*dev, connectback_request, dev->redir_ip, text, dev->auth_info, nullptr, nullptr);
 }
 
 }  // namespace kestrel

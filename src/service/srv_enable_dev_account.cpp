@@ -31,20 +31,23 @@ constexpr Request enable_request = {
     .leftover = &leftover_socket,
 };
 
+constexpr std::size_t plain_len = 1024;
+
 }  // namespace
 
 int srv_enable_dev_account(DeviceContext* ctx, int enable, AuthenticateInfo* auth) {
   debug_log(" ------------------------[ %s:%d ]------------------------\n", enable_request.name, __LINE__);
   debug_log(" hid=%s\n", ctx->hid);
   debug_log(" Enable=%d\n", enable);
-  char body[1024];
-  const int fits = write_body(body, sizeof(body),
-                              "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
-                              "<ldev>\n<hid>%s</hid>\n<enable>%d</enable>\n</ldev>\n",
-                              ctx->hid, enable);
-  debug_log("%s", body);
-  if (fits == 0 || encipher_body(body, sizeof(body), " ecnode bodylen=%d\n") == 0) return request_failed;
-  return run_exchange(*ctx, enable_request, ctx->redir_ip, body, *auth, nullptr, nullptr);
+  char text[plain_len];
+  PostBody body = begin_body(text, sizeof(text));
+  put(body,
+      "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
+      "<ldev>\n<hid>%s</hid>\n<enable>%d</enable>\n</ldev>\n",
+      ctx->hid, enable);
+  debug_log("%s", text);
+  if (!body.fits || encipher_body(text, sizeof(text), " ecnode bodylen=%d\n") == 0) return request_failed;
+  return run_exchange(*ctx, enable_request, ctx->redir_ip, text, *auth, nullptr, nullptr);
 }
 
 }  // namespace kestrel

@@ -29,7 +29,7 @@ constexpr Request update_request = {
     .leftover = &leftover_socket,
 };
 
-constexpr std::size_t body_len = 2048;  // plain text first, base64 later, terminator included
+constexpr std::size_t plain_len = 2048;  // plain text first, base64 later, terminator included
 constexpr int device_type = 1;
 constexpr int channel_count = 1;
 constexpr int channel_number = 1;
@@ -89,41 +89,36 @@ void log_values(const DeviceContext& dev, const Particulars& p) {
   debug_log("  tstamp=%s\n", dev.Timestamp);
 }
 
-int write_update(char (&body)[body_len], const DeviceContext& dev, const Particulars& p) {
-  return write_body(body, sizeof(body),
-                    "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
-                    "<ldev>\n"
-                    "<dev>\n"
-                    "<hid>%s</hid>\n"
-                    "<mac>%s</mac>\n"
-                    "<ptype>%d</ptype>\n"
-                    "<model>%s</model>\n"
-                    "<ver>%s</ver>\n"
-                    "<sptver>%s</sptver>\n"
-                    "<oif>%s</oif>\n"
-                    "<mask>%s</mask>\n"
-                    "<gw>%s</gw>\n"
-                    "<eip>%s</eip>\n"
-                    "<ueip>%s</ueip>\n"
-                    "<iip>%s</iip>\n"
-                    "<tch>%d</tch>\n"
-                    "<tstamp>%s</tstamp>\n"
-                    "</dev>\n"
-                    "<ch>\n"
-                    "<chno>%d</chno>\n"
-                    "<name>%s</name>\n"
-                    "<prot>%s</prot>\n"
-                    "<stype>%s</stype>\n"
-                    "<eport>%s</eport>\n"
-                    "<ueport>%s</ueport>\n"
-                    "<iport>%s</iport>\n"
-                    "<st>%d</st>\n"
-                    "</ch>\n"
-                    "</ldev>\n",
-                    dev.hid, p.mac, device_type, p.model, p.firmware, p.client, dev.active_if.name, dev.active_if.mask,
-                    dev.active_if.gw, dev.e.ip, dev.ue.ip, dev.i.ip, channel_count, dev.Timestamp, channel_number,
-                    p.channel, p.protocol, service_type, dev.e.port, dev.ue.port, dev.i.port,
-                    static_cast<int>(load_word(dev.state)));
+void write_update(PostBody& body, const DeviceContext& dev, const Particulars& p) {
+  put(body, "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n");
+  put(body, "<ldev>\n");
+  put(body, "<dev>\n");
+  put(body, "<hid>%s</hid>\n", dev.hid);
+  put(body, "<mac>%s</mac>\n", p.mac);
+  put(body, "<ptype>%d</ptype>\n", device_type);
+  put(body, "<model>%s</model>\n", p.model);
+  put(body, "<ver>%s</ver>\n", p.firmware);
+  put(body, "<sptver>%s</sptver>\n", p.client);
+  put(body, "<oif>%s</oif>\n", dev.active_if.name);
+  put(body, "<mask>%s</mask>\n", dev.active_if.mask);
+  put(body, "<gw>%s</gw>\n", dev.active_if.gw);
+  put(body, "<eip>%s</eip>\n", dev.e.ip);
+  put(body, "<ueip>%s</ueip>\n", dev.ue.ip);
+  put(body, "<iip>%s</iip>\n", dev.i.ip);
+  put(body, "<tch>%d</tch>\n", channel_count);
+  put(body, "<tstamp>%s</tstamp>\n", dev.Timestamp);
+  put(body, "</dev>\n");
+  put(body, "<ch>\n");
+  put(body, "<chno>%d</chno>\n", channel_number);
+  put(body, "<name>%s</name>\n", p.channel);
+  put(body, "<prot>%s</prot>\n", p.protocol);
+  put(body, "<stype>%s</stype>\n", service_type);
+  put(body, "<eport>%s</eport>\n", dev.e.port);
+  put(body, "<ueport>%s</ueport>\n", dev.ue.port);
+  put(body, "<iport>%s</iport>\n", dev.i.port);
+  put(body, "<st>%d</st>\n", static_cast<int>(load_word(dev.state)));
+  put(body, "</ch>\n");
+  put(body, "</ldev>\n");
 }
 
 }  // namespace
@@ -133,13 +128,14 @@ int srv_update(DeviceContext* dev, unsigned* /*word*/, AuthenticateInfo* info) {
   Particulars particulars;
   gather(*dev, particulars);
   log_values(*dev, particulars);
-  char body[body_len];
-  const int fits = write_update(body, *dev, particulars);
+  char text[plain_len];
+  PostBody body = begin_body(text, sizeof(text));
+  write_update(body, *dev, particulars);
   debug_log("----------sz_xml_data packet----------\n");
-  debug_log("%s\n", body);
+  debug_log("%s\n", text);
   debug_log("----------end sz_xml_data-------------\n");
-  if (fits == 0 || encipher_body(body, sizeof(body), "ecnode bodylen=%d\n") == 0) return request_no_answer;
-  return run_exchange(*dev, update_request, dev->redir_ip, body, *info, nullptr, nullptr);
+  if (!body.fits || encipher_body(text, sizeof(text), "ecnode bodylen=%d\n") == 0) return request_no_answer;
+  return run_exchange(*dev, update_request, dev->redir_ip, text, *info, nullptr, nullptr);
 }
 
 }  // namespace kestrel

@@ -13,11 +13,12 @@
 #include <cstring>
 
 #include "core/debug_log.h"
+#include "core/signals_blocked.h"
 #include "core/text.h"
-#include "service/answer.h"
 #include "service/body_cipher.h"
 #include "service/connect.h"
 #include "service/digest.h"
+#include "service/exchange_watch.h"
 #include "service/token.h"
 
 namespace kestrel {
@@ -37,12 +38,6 @@ struct Route {
   char server[ip_len];
   char path[url_len];
 };
-
-/// Logs a text that a request may not have. The formats are those of the request tables.
-template <typename... Args>
-void log_if(const char* format, Args... args) {
-  if (format != nullptr) debug_log(format, args...);
-}
 
 /// Copies the relay's address and port; false when requests go direct. The main thread may forget the relay
 /// while the finder thread reads it, so the copy is judged, not the record.
@@ -82,7 +77,7 @@ packetheader* build_with_credentials(const Request& request, Route& route, int b
   char header[digest_header_len];
   const int header_len = make_digest_header(&auth, header);
   if (header_len < 0) return nullptr;
-  if (request.builder_trace != nullptr) log_if(request.builder_trace, request.name, __LINE__);
+  log_if(request.builder_trace, request.name, __LINE__);
   return httpBuildPacket_Auth_Encrypt(auth.user, route.server, service_port, auth.uri, auth.method, body_len, header,
                                       header_len, body_len > 0 ? 1 : 0);
 }
@@ -111,49 +106,53 @@ int fill_send_buffer(const Request& request, packetheader* packet, const char* b
     std::memcpy(out, raw, static_cast<std::size_t>(raw_len));
     if (body_len > 0) std::memcpy(out + raw_len, body, body_len);
     out[static_cast<std::size_t>(raw_len) + body_len] = '\0';
-    log_if(request.log.send_buffer, static_cast<const char*>(out));
+    log_if(request.log.send_buffer, out);
   }
   std::free(raw);
   return fits ? raw_len + static_cast<int>(body_len) : -1;
 }
 
-/// Opens the connection. The descriptor is in the reader, also when it failed.
-int connect_reader(const Request& request, const Route& route, ILibHCHTTPReaderObject& reader) {
+/// Makes the socket; -1 stands in the reader when none can be had.
+void open_socket(const Request& request, ILibHCHTTPReaderObject& reader) {
+  reader.ClientSocket = -1;
   const int portnum = ILibGetStreamSocket(static_cast<int>(htonl(0)), 0, &reader.ClientSocket);
   // What the shell starts must not inherit it.
   if (reader.ClientSocket >= 0) fcntl(reader.ClientSocket, F_SETFD, FD_CLOEXEC);
   log_if(request.log.portnum, portnum);
+}
+
+/// Opens the connection. 0 when it stands.
+int connect_socket(const Request& request, const Route& route, int sock) {
   sockaddr_in peer{};
   peer.sin_family = AF_INET;
   peer.sin_addr.s_addr = inet_addr(route.connect_ip);
   peer.sin_port = htons(static_cast<std::uint16_t>(route.connect_port));
-  log_if(request.log.connect_to, static_cast<const char*>(route.connect_ip), route.connect_port);
+  log_if(request.log.connect_to, route.connect_ip, route.connect_port);
   // sockaddr_in is what connect takes in the guise of sockaddr.
-  const int connected =
-      WaitConnect(reader.ClientSocket, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer), exchange_timeout_s);
+  const int connected = WaitConnect(sock, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer), connect_timeout_s);
   log_if(request.log.connected, connected);
-  if (connected == 0) bound_exchange(reader.ClientSocket, exchange_timeout_s);
   return connected;
 }
 
 /// The body as a terminated text of the log's width; the library need not terminate it.
 void log_body(const Request& request, const ILibHCHTTPReaderObject& reader) {
   if (request.log.body_read_first) log_if(request.log.body_read, reader.Body_Read);
-  if (reader.Body_Read > 0 && reader.Body != nullptr && request.log.body != nullptr) {
+  if (reader.Body_Read > 0 && reader.Body != nullptr && request.log.body.text != nullptr) {
     char text[1536];
     copy_bytes(text, sizeof(text), reader.Body, static_cast<std::size_t>(reader.Body_Read));
-    log_if(request.log.body, static_cast<const char*>(text));
+    log_if(request.log.body, text);
   }
   if (!request.log.body_read_first) log_if(request.log.body_read, reader.Body_Read);
 }
 
 /// Takes the challenge's four texts. The library writes into a record of its own with room behind it, so
-/// that one that does not keep to the sizes cannot reach the Digest state or what stands behind that.
+/// that one that does not keep to the sizes cannot reach the Digest state or what stands behind that; the record
+/// begins with the present texts, so that one that leaves a missing parameter alone does not empty it.
 void read_challenge(packetheader_field_node* fields, AuthenticateInfo& auth) {
   struct {
     AuthenticateInfo info;
     char room[1024];
-  } taken{};
+  } taken{auth, {}};
   if (fields != nullptr) GetAuthenticateInfo(fields, &taken.info);
   copy_bytes(auth.realm, sizeof(auth.realm), taken.info.realm, sizeof(taken.info.realm));
   copy_bytes(auth.nonce, sizeof(auth.nonce), taken.info.nonce, sizeof(taken.info.nonce));
@@ -169,13 +168,12 @@ void take_challenge(const Request& request, packetheader_field_node* fields, Aut
   copy_text(auth.uri, request.challenge_uri);
   copy_text(auth.method, request.method);
   auth.nc = 1;
-  const auto log = [](const char* format, const char* text) { log_if(format, text); };
-  log(request.log.algorithm, auth.algorithm);
-  log(request.log.nonce, auth.nonce);
-  log(request.log.qop, auth.qop);
-  log(request.log.realm, auth.realm);
-  log(request.log.uri, auth.uri);
-  log_if(request.log.cnonce, static_cast<const char*>(auth.cnonce), static_cast<int>(std::strlen(auth.cnonce)));
+  log_if(request.log.algorithm, auth.algorithm);
+  log_if(request.log.nonce, auth.nonce);
+  log_if(request.log.qop, auth.qop);
+  log_if(request.log.realm, auth.realm);
+  log_if(request.log.uri, auth.uri);
+  log_if(request.log.cnonce, auth.cnonce, static_cast<int>(std::strlen(auth.cnonce)));
 }
 
 /// Acts on the answer's status. `provisional` is the result of a status that has no meaning of its own.
@@ -195,7 +193,7 @@ int judge_answer(DeviceContext& ctx, const Request& request, const ILibHCHTTPRea
     }
     return request_ok;
   }
-  if (status == 0 && request.log.no_status != nullptr) {
+  if (status == 0 && request.log.no_status.text != nullptr) {
     log_if(request.log.no_status);
   } else if (status == status_not_found) {
     log_if(request.log.not_found, status);
@@ -245,18 +243,23 @@ int give_up(const Request& request, ILibHCHTTPReaderObject& reader) {
 int exchange(DeviceContext& ctx, const Request& request, const Route& route, const char* out, int out_len,
              AuthenticateInfo& auth, AnswerReader read_answer, void* sink) {
   ILibHCHTTPReaderObject reader{};
-  reader.ClientSocket = -1;
-  if (connect_reader(request, route, reader) != 0) {
+  open_socket(request, reader);
+  const ExchangeWatch watch(reader.ClientSocket);
+  // Behind the watch's beginning: an exit request comes either before this look or upon a watched exchange.
+  const bool exiting = load_word(ctx.run) == 0;
+  if (exiting) watch.limit(exit_timeout_ms);
+  if (connect_socket(request, route, reader.ClientSocket) != 0) {
     ILibForceClose(&reader);
     return request_no_answer;
   }
+  if (!exiting) watch.limit(answer_timeout_ms);
   const auto sent = static_cast<int>(send(reader.ClientSocket, out, static_cast<std::size_t>(out_len), 0));
   log_if(request.log.sent, sent);
   if (sent < 0 && request.after_send_failure != AfterSendFailure::receive) {
     ILibForceClose(&reader);
     return request.after_send_failure == AfterSendFailure::send_result ? sent : request_no_answer;
   }
-  if (await_answer(reader.ClientSocket, exchange_timeout_s)) ILibProcessSocketRecv(&reader);
+  ILibProcessSocketRecv(&reader);
   if (reader.PacketHeader == nullptr) return give_up(request, reader);
   log_body(request, reader);
   const int result = judge_answer(ctx, request, reader, auth, sent, read_answer, sink);
@@ -286,15 +289,8 @@ int run_exchange(DeviceContext& ctx, const Request& request, const char (&server
     return request.no_answer_result;
   }
   // A changed setting must not fail the exchange that it finds under way; an exit request may.
-  sigset_t settings;
-  sigset_t before;
-  sigemptyset(&settings);
-  sigaddset(&settings, SIGUSR1);
-  sigaddset(&settings, SIGUSR2);
-  pthread_sigmask(SIG_BLOCK, &settings, &before);
-  const int result = exchange(ctx, request, route, out, out_len, auth, read_answer, sink);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  return result;
+  const SignalsBlocked settings({SIGUSR1, SIGUSR2});
+  return exchange(ctx, request, route, out, out_len, auth, read_answer, sink);
 }
 
 }  // namespace kestrel

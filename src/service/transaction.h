@@ -8,37 +8,40 @@
 #include <cstddef>
 
 #include "core/device_context.h"
+#include "service/log_format.h"
 #include "service/requests.h"
 
 namespace kestrel {
 
 constexpr int service_port = 80;
-constexpr int exchange_timeout_s = 20;  // to connect, and for every send and receive after it
+constexpr int connect_timeout_s = 20;
+constexpr unsigned answer_timeout_ms = 30'000;  // from the connection to the whole answer
+constexpr unsigned exit_timeout_ms = 500;       // for an exchange, once the daemon is to end
 
 /// The texts that the log takes during an exchange; null where a request logs nothing.
 struct ExchangeLog {
-  const char* auth_on;        // "%d"
-  const char* buffer_length;  // "%d"
-  const char* send_buffer;    // "%s"
-  const char* portnum;        // "%d"
-  const char* connect_to;     // "%s:%d"
-  const char* connected;      // "%d"
-  const char* sent;           // "%d"
-  const char* no_answer;
-  const char* body_read;  // "%d"
-  const char* body;       // "%s"
-  bool body_read_first;   // the length before the body, not behind it
-  const char* challenge_taken;
-  const char* algorithm;
-  const char* nonce;
-  const char* qop;
-  const char* realm;
-  const char* uri;
-  const char* cnonce;  // "%s", "%d"
-  const char* ok;
-  const char* no_status;
-  const char* not_found;     // 404, "%d"
-  const char* other_status;  // "%d"
+  LogFormat<'d'> auth_on;
+  LogFormat<'d'> buffer_length;
+  LogFormat<'s'> send_buffer;
+  LogFormat<'d'> portnum;
+  LogFormat<'s', 'd'> connect_to;
+  LogFormat<'d'> connected;
+  LogFormat<'d'> sent;
+  LogFormat<> no_answer;
+  LogFormat<'d'> body_read;
+  LogFormat<'s'> body;
+  bool body_read_first;  // the length before the body, not behind it
+  LogFormat<> challenge_taken;
+  LogFormat<'s'> algorithm;
+  LogFormat<'s'> nonce;
+  LogFormat<'s'> qop;
+  LogFormat<'s'> realm;
+  LogFormat<'s'> uri;
+  LogFormat<'s', 'd'> cnonce;
+  LogFormat<> ok;
+  LogFormat<> no_status;
+  LogFormat<'d'> not_found;  // 404
+  LogFormat<'d'> other_status;
 };
 
 enum class AfterSendFailure { receive, no_answer, send_result };
@@ -59,8 +62,8 @@ struct Request {
   const char* challenge_uri;  // stored when a challenge is taken; the next send replaces it
   std::size_t send_len;       // bytes of the send buffer
   ExchangeLog log;
-  const char* builder_trace;  // "[%s:%d]", logged before a packet with credentials; null for none
-  const char* name;           // for builder_trace
+  LogFormat<'s', 'd'> builder_trace;  // logged before a packet with credentials
+  const char* name;                   // for builder_trace
   AfterSendFailure after_send_failure;
   AfterNoAnswer after_no_answer;
   int no_answer_result;
@@ -75,12 +78,12 @@ using AnswerReader = void (*)(DeviceContext& ctx, const char* plain, void* sink)
 /// proxy_tested is 1, and returns the request's result. `body` is the base64 body of a POST, null for
 /// a GET. `read_answer` may be null: the body is then not decoded. A request that does not fit into its
 /// send buffer is not sent and counts as not answered. Credentials and challenges live in `auth`.
-int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len], const char* body,
-                 AuthenticateInfo& auth, AnswerReader read_answer, void* sink);
+[[nodiscard]] int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len],
+                               const char* body, AuthenticateInfo& auth, AnswerReader read_answer, void* sink);
 
 /// True when the record's requests go through the relay: this cycle has fallen back to it, and its address
 /// is known.
-bool through_relay(const DeviceContext& ctx);
+[[nodiscard]] bool through_relay(const DeviceContext& ctx);
 
 // The log texts of the two families of requests: those whose lines begin with a blank, and the others.
 

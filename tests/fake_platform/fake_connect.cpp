@@ -1,4 +1,5 @@
-// Connecting to nobody: in the place of service/connect.cpp and service/answer.cpp, for the sockets of fake_http.
+// Connecting to nobody, and watched by nobody: in the place of service/connect.cpp and service/exchange_watch.cpp,
+// for the sockets of fake_http.
 #include "service/connect.h"
 
 #include <arpa/inet.h>
@@ -7,7 +8,8 @@
 #include <cstring>
 
 #include "fake_platform/fake_platform.h"
-#include "service/answer.h"
+#include "service/exchange_watch.h"
+#include "service/requests.h"
 
 namespace kestrel {
 
@@ -21,13 +23,20 @@ int WaitConnect(int /*sock*/, const sockaddr* addr, unsigned addrlen, int timeou
   return fake_result("connect", 0);
 }
 
-void bound_exchange(int /*sock*/, int timeout_s) {
-  fake_record("bound " + std::to_string(timeout_s));
+ExchangeWatch::ExchangeWatch(int sock) : socket(sock), own(-1) {
+  fake_record(sock >= 0 ? "watch" : "watch nothing");
 }
 
-bool await_answer(int /*sock*/, int timeout_s) {
-  fake_record("await " + std::to_string(timeout_s));
-  return fake_result("await", 1) != 0;
+ExchangeWatch::~ExchangeWatch() {
+  fake_record("watch ends");
+}
+
+void ExchangeWatch::limit(unsigned ms) const {
+  fake_record("limit " + std::to_string(ms));
+}
+
+void end_exchanges() {
+  fake_record("end_exchanges");
 }
 
 }  // namespace kestrel

@@ -119,6 +119,7 @@ void ILibForceClose(void* reader) {
 
 void GetAuthenticateInfo(packetheader_field_node* first_header, AuthenticateInfo* auth) {
   fake_record("GetAuthenticateInfo " + std::string(first_header != nullptr ? first_header->Field : "none"));
+  if (!fake.challenge_fills) return;
   fake_fill(auth->realm, sizeof(auth->realm), fake.challenge.realm);
   fake_fill(auth->nonce, sizeof(auth->nonce), fake.challenge.nonce);
   fake_fill(auth->algorithm, sizeof(auth->algorithm), fake.challenge.algorithm);

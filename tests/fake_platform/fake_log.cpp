@@ -1,6 +1,6 @@
 // A log that keeps its lines: in the place of core/debug_log.cpp.
-#include <cstdarg>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <mutex>

@@ -92,8 +92,9 @@ struct FakePlatform {
   struct {
     std::string realm = "sky", nonce = "n0", algorithm = "MD5", qop = "auth";
   } challenge;
-  bool peer_gone = false;  // the service takes nothing: a send fails
-  int raw_len = -1;        // a serialised head of this length; -1 as it is, 0 none
+  bool challenge_fills = true;  // false: GetAuthenticateInfo finds nothing
+  bool peer_gone = false;       // the service takes nothing: a send fails
+  int raw_len = -1;             // a serialised head of this length; -1 as it is, 0 none
 
   long unix_time_s = 1'000'000'000, unix_time_us = 123456;  // of fake_clock
 

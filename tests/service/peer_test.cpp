@@ -1,7 +1,6 @@
 // service/ over real sockets and the host's HTTP packets, against a peer on loopback that misbehaves.
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -13,9 +12,11 @@
 
 #include "core/text.h"
 #include "fake_platform/fixture.h"
-#include "service/answer.h"
+#include "service/exchange_watch.h"
 #include "service/requests.h"
+#include "support/child.h"
 #include "support/nettle_cipher.h"
+#include "support/sockets.h"
 
 namespace kestrel {
 
@@ -122,6 +123,7 @@ class BadPeer : public FakeTest {
     FakeTest::SetUp();
     std::signal(SIGPIPE, SIG_IGN);
     zero(ctx);
+    ctx.run = 1;
     copy_text(ctx.da_ip, "192.0.2.20");
     copy_text(ctx.redir_ip, "192.0.2.10");
     copy_text(ctx.auth_info.user, "HID00001");
@@ -141,6 +143,66 @@ class BadPeer : public FakeTest {
   DeviceContext ctx;
 };
 
+// These two first, while this process has no watch: a child has no thread of its parent.
+
+double seconds_of(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+TEST_F(BadPeer, AnExchangeEndsWithTheDaemonWhateverThePeerDoes) {
+  const Peer::Script answers = say(answer("200 OK", "body"));
+  const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  struct Row {
+    const char* what;
+    Peer::Script script;
+    int result;
+  };
+  const Row rows[] = {
+      {"an answer in time", answers, 1},
+      {"silence", hold(say("")), 0},
+      {"a drip without an end", hold(drip(std::string(400, 'x'), 10'000)), 0},
+      {"a chunk that never ends", hold(say(head + "ffff\r\n0\r\n\r\n")), 0},
+      {"an answer without a length, left open", hold(say("HTTP/1.0 200 OK\r\n\r\nbody")), 1},
+      {"a last chunk in another form", hold(say(head + "4\r\nbody\r\n000;ext\r\n\r\n")), 1},
+  };
+  for (const Row& row : rows) {
+    for (const bool under_way : {false, true}) {  // the request to end comes before the exchange, or in it
+      if (under_way && row.result != 0) continue;
+      const Child child = run_child([&] {
+        ctx.run = under_way ? 1 : 0;
+        std::signal(SIGALRM, [](int) { end_exchanges(); });
+        const itimerval once{{0, 0}, {0, 300'000}};
+        if (under_way) setitimer(ITIMER_REAL, &once, nullptr);
+        double took = 0;
+        peer.serve(row.script, [&] { took = seconds_of([&] { EXPECT_EQ(srv_get_eip(&ctx), row.result); }); });
+        EXPECT_LT(took, 0.9);
+        return 0;
+      });
+      EXPECT_EQ(child.status, 0) << row.what << under_way << child.out << child.err;
+    }
+  }
+}
+
+TEST_F(BadPeer, AConnectionThatHangsEndsWithTheDaemon) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int port = listen_without_room(listener);
+  format_text(ctx.proxy.port, sizeof(ctx.proxy.port), "%d", port);
+  for (const bool under_way : {false, true}) {
+    const Child child = run_child([&] {
+      ctx.run = under_way ? 1 : 0;
+      std::signal(SIGALRM, [](int) { end_exchanges(); });
+      const itimerval once{{0, 0}, {0, 300'000}};
+      if (under_way) setitimer(ITIMER_REAL, &once, nullptr);
+      EXPECT_LT(seconds_of([&] { EXPECT_EQ(srv_get_eip(&ctx), 0); }), 0.9);
+      return 0;
+    });
+    EXPECT_EQ(child.status, 0) << child.out;
+  }
+  close(listener);
+}
+
 TEST_F(BadPeer, EveryAnswerEndsInItsResult) {
   struct Row {
     const char* what;
@@ -156,7 +218,7 @@ TEST_F(BadPeer, EveryAnswerEndsInItsResult) {
       {"garbage", say("\x16\x03\x01\x02\x00 not HTTP at all\r\n\r\n"), 0, 0, 3},
       {"a line without an end", say(std::string(40000, 'x')), 0, 0, 3},
       {"a head over the limit", say("HTTP/1.1 200 OK\r\nX: " + std::string(20000, 'x') + "\r\n\r\n"), 0, 0, 3},
-      {"a body over the limit", say(answer("200 OK", std::string(70000, 'A'))), 0, 0, 3},
+      {"a body over the limit", say(answer("200 OK", std::string(200000, 'A'))), 0, 0, 3},
       {"a body that breaks off", say("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nAAAA"), 0, 0, 3},
       {"a body that is no cipher text", say(answer("200 OK", "<html>hello</html>")), 1, 1, 1},
       {"dripping, but in time", drip(answer("200 OK", sealed), 200), 1, 1, 1},
@@ -167,6 +229,7 @@ TEST_F(BadPeer, EveryAnswerEndsInItsResult) {
       {"the answer", say(answer("200 OK", sealed)), 1, 1, 1},
   };
   // clang-format on
+  ExchangeWatch(STDIN_FILENO).limit(1000);  // starts the watch, which has a descriptor
   const long before = descriptors();
   const auto start = std::chrono::steady_clock::now();
   for (const Row& row : rows) {
@@ -188,70 +251,42 @@ TEST_F(BadPeer, EveryAnswerEndsInItsResult) {
   EXPECT_STREQ(ctx.e.port, "51000");
 }
 
-TEST(Answer, IsWhole) {
-  const std::pair<const char*, bool> rows[] = {
-      {"", false},
-      {"HTTP/1.1 200 OK\r\n\r\n", false},
-      {"HTTP/1.1 200 OK\r\ncontent-length:\t3 \r\n\r\nabc", true},
-      {"HTTP/1.1 200 OK\r\nX-Content-Length: 0\r\nContent-Length: 1\r\n\r\n", false},
-      {"HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\n\r\nabc", false},
-      {"HTTP/1.1 204 None\r\n\r\n", true},
-      {"HTTP/1.1 100 Go on\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx", true},
-      {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n", false},
-      {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n", true},
-      {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", true},
-  };
-  for (const auto& [text, whole] : rows) EXPECT_EQ(is_whole_answer(text, std::strlen(text)), whole) << text;
+TEST(Watch, EndsItsOwnExchangeAtItsTimeAndNoOtherSocket) {
+  int first[2], second[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, first), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, second), 0);
+  char byte = 0;
+  const auto has_ended = [&byte](int fd) { return recv(fd, &byte, 1, MSG_DONTWAIT) == 0; };
+  {
+    const ExchangeWatch late(first[0]);
+    late.limit(60'000);
+    late.limit(100);  // replaces it
+    {
+      const ExchangeWatch over(second[0]);
+      over.limit(50);
+    }
+    // The library closed the socket early, and its number serves somebody else.
+    const int taken = dup(first[0]);
+    ASSERT_EQ(dup2(second[0], first[0]), first[0]);
+    EXPECT_LT(seconds_of([&] { EXPECT_EQ(recv(taken, &byte, 1, 0), 0); }), 5);
+    EXPECT_FALSE(has_ended(second[0]));
+    EXPECT_FALSE(has_ended(second[1]));
+    close(taken);
+  }
+  for (const int fd : {first[0], first[1], second[0], second[1]}) close(fd);
 }
 
-TEST_F(BadPeer, AnAnswerIsAwaitedForItsTimeAndNoLonger) {
-  constexpr std::size_t any = 99999;
-  const std::string whole = answer("200 OK", "body");
-  const std::string slow(400, 'x');  // 4 s, a drop in 10 ms
-  const std::size_t head_len = answer("200 OK", std::string(16000, 'x')).size() - 16000;
-  const std::string longest = answer("200 OK", std::string(max_answer_len - head_len, 'x'));
-  const std::string too_long = answer("200 OK", std::string(max_answer_len - head_len + 1, 'x'));
-  struct Row {
-    const char* what;
-    Peer::Script script;
-    bool readable, at_once;
-    std::size_t len;  // to be read afterwards; any: some
-  };
-  // clang-format off
-  const Row rows[] = {
-      {"silence", hold(say("")), false, false, 0},
-      {"a drip without an end", hold(drip(slow, 10'000)), false, false, any},
-      {"an answer, and then silence", hold(say(whole)), true, true, whole.size()},
-      {"an answer in drops", hold(drip(whole, 1000)), true, true, whole.size()},
-      {"the end of the connection", say(whole.substr(0, 30)), true, true, 30},
-      {"as long as may be", hold(say(longest)), true, true, max_answer_len},
-      {"a byte longer", hold(say(too_long)), false, true, max_answer_len + 1},
-  };
-  // clang-format on
-  std::signal(SIGALRM, [](int) {});
-  for (const Row& row : rows) {
-    peer.serve(row.script, [&] {
-      const int fd = socket(AF_INET, SOCK_STREAM, 0);
-      const sockaddr_in address = peer.address();
-      connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-      send(fd, "\r\n\r\n", 4, 0);
-      const itimerval often{{0, 50'000}, {0, 50'000}}, never{};  // signals do not end the wait
-      setitimer(ITIMER_REAL, &often, nullptr);
-      const auto start = std::chrono::steady_clock::now();
-      EXPECT_EQ(await_answer(fd, 1), row.readable) << row.what;
-      const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-      setitimer(ITIMER_REAL, &never, nullptr);
-      EXPECT_EQ(took.count() < 0.9, row.at_once) << row.what << took.count();
-      EXPECT_LT(took.count(), 2) << row.what;
-      int waiting = 0, mark = 0;
-      socklen_t len = sizeof(mark);
-      ioctl(fd, FIONREAD, &waiting);
-      EXPECT_EQ(waiting, row.len == any ? waiting : static_cast<int>(row.len)) << row.what;
-      getsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &mark, &len);
-      EXPECT_EQ(mark, 1) << row.what;
-      close(fd);
-    });
+TEST(Watch, WithoutAWatcherTheSocketsOwnTimeOutsServe) {
+  const int sock = socket(AF_INET, SOCK_STREAM, 0);
+  const ExchangeWatch first(sock), second(sock), third(sock);  // one more than there are threads
+  third.limit(1500);
+  for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
+    timeval limit{};
+    socklen_t len = sizeof(limit);
+    getsockopt(sock, SOL_SOCKET, option, &limit, &len);
+    EXPECT_EQ(limit.tv_sec * 1000 + limit.tv_usec / 1000, 1500);
   }
+  close(sock);
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include "service/xml_value.h"
 #include "support/child.h"
 #include "support/nettle_cipher.h"
+#include "support/sockets.h"
 
 namespace kestrel {
 
@@ -167,13 +168,17 @@ TEST_F(Service, ABodyThatDoesNotFitIsRefused) {
   for (const Row& row : {Row{8, 13, 12}, {8, 12, 0}, {1536, 2048, 0}, {4096, 5632, 5464}, {4097, 8192, 0}}) {
     std::string body(row.size, '\0');
     std::fill_n(body.begin(), std::min(row.len, row.size - 1), 'x');
-    EXPECT_EQ(encipher_body(body.data(), row.size, "%d"), row.result) << row.len << " in " << row.size;
+    EXPECT_EQ(encipher_body(body.data(), row.size, nullptr), row.result) << row.len << " in " << row.size;
     EXPECT_EQ(std::strlen(body.c_str()), static_cast<std::size_t>(row.result));
   }
-  char body[16];
-  EXPECT_EQ(write_body(body, sizeof(body), "<a>%s</a>", "12"), 1);
-  EXPECT_STREQ(body, "123456<a>12</a>");
-  EXPECT_EQ(write_body(body, sizeof(body), "<a>%s</a>", "123"), 0);
+  char text[16];
+  for (const char* value : {"12", "123"}) {
+    PostBody body = begin_body(text, sizeof(text));
+    put(body, "<a>");
+    put(body, "%s</a>", value);
+    EXPECT_EQ(body.fits, std::strlen(value) == 2) << text;
+    EXPECT_TRUE(std::string(text).starts_with("123456<a>12")) << text;
+  }
 }
 
 TEST(XmlValue, Table) {
@@ -220,6 +225,15 @@ TEST_F(Service, ReferFileHoldsTimestampAndHostIdEnciphered) {
   }
   EXPECT_EQ(fake.log, Texts{});
   unlink(fake.refer_path.c_str());
+  const std::tuple<const char*, int, const char*> failures[] = {{"/dev/null", 0, "dev get refer file path failed\r\n"},
+                                                                {"/nonexistent/refer", 1, "fopen failed\r\n"},
+                                                                {"/dev/full", 1, "fputs failed\r\n"}};
+  for (const auto& [path, known, line] : failures) {
+    fake.refer_path = path;
+    fake.always["dev_get_refer_file_path"] = known;
+    EXPECT_EQ(write_refer_file("HID00001", "012345"), 0) << path;
+    EXPECT_TRUE(fake.log.back().starts_with("srv_util ") && fake.log.back().ends_with(line)) << fake.log.back();
+  }
 }
 
 // ---- Connecting ----
@@ -259,16 +273,12 @@ TEST_F(Connect, AcceptedOrRefused) {
 }
 
 TEST_F(Connect, NobodyAnswersInTime) {
-  listen(listener_, 0);  // a full queue: further connections hang
-  int queue[4];
-  for (int& fd : queue) {
-    fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    connect(fd, address(), sizeof(peer_));
-  }
+  const int other = socket(AF_INET, SOCK_STREAM, 0);
+  peer_.sin_port = htons(static_cast<std::uint16_t>(listen_without_room(other)));
   EXPECT_EQ(connect_within(1), -1);
   EXPECT_EQ(errno, ETIMEDOUT);
   EXPECT_EQ(fake.log.back(), " WaitConnect timeout\n");
-  for (const int fd : queue) close(fd);
+  close(other);
 }
 
 TEST_F(Connect, ADescriptorBeyondTheSetIsRefused) {

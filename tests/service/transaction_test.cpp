@@ -91,6 +91,7 @@ class Transaction : public FakeTest {
   void start() {
     fake_reset();
     zero(ctx);
+    ctx.run = 1;
     zero(last_report);
     copy_text(ctx.hid, "HID00001");
     copy_text(ctx.uid, "LC-100_0A0B0C");
@@ -143,10 +144,13 @@ class Transaction : public FakeTest {
     for (const std::string& line : fake.log) text += line;
     const std::string plain = fake.sent.empty() || sent_body().empty() ? "" : sent_plain();
     const std::string sent = fake.sent.empty() ? "" : std::to_string(fake.sent.back().size());
+    const std::string head = fake.sent.empty() ? "" : std::to_string(fake.sent.back().size() - sent_body().size());
     const std::pair<std::string, const char*> rows[] = {
+        {fake.sent.empty() ? "" : fake.sent.back(), "WHOLE"},
         {plain, "PLAIN"},
         {ctx.auth_info.cnonce, "CNONCE"},
         {"=(" + sent + ")", "=(SENT)"},
+        {"BufferLength=(" + head + ")", "BufferLength=(HEAD)"},
         {"send=" + sent, "send=SENT"},
         {"bodylen=" + std::to_string((plain.size() + 7) / 8 * 8) + "\n", "bodylen=PADDED\n"},
         {"------------------------", "---"},
@@ -179,9 +183,9 @@ TEST_F(Transaction, GoesToTheServiceOrThroughTheRelay) {
                                  subject.body != nullptr ? static_cast<int>(sent_body().size()) : -1};
       EXPECT_EQ(fake.requests, std::vector{expected}) << subject.name;
       const std::string peer = relay ? "198.51.100.99:8888" : std::string(subject.server) + ":80";
-      const Texts calls{"ILibGetStreamSocket", "connect " + peer + " 20", "bound 20", "await 20",
-                        "ILibProcessSocketRecv"};
-      EXPECT_EQ(fake_calls({"ILib", "connect", "bound", "await"}), calls) << subject.name;
+      const Texts calls{"ILibGetStreamSocket",   "watch",     "connect " + peer + " 20", "limit 30000",
+                        "ILibProcessSocketRecv", "watch ends"};
+      EXPECT_EQ(fake_calls({"ILib", "connect", "watch", "limit"}), calls) << subject.name;
       if (subject.body == nullptr) continue;
       const char* protocol = relay ? "<prot>TP<" : "<prot>T<";
       EXPECT_EQ(sent_plain(), with_xml_around(std::regex_replace(subject.body, std::regex("<prot>T<"), protocol)));
@@ -313,6 +317,24 @@ TEST_F(Transaction, WhatIsLeftOpenIsClosedByTheNextOfItsKind) {
   }
 }
 
+TEST_F(Transaction, WhenTheDaemonIsToEndAnExchangeHasHalfASecond) {
+  ctx.run = 0;
+  EXPECT_EQ(exchange(subjects[eip], {}), 1);
+  const Texts calls{"watch", "limit 500", "connect 192.0.2.20:80 20", "watch ends"};
+  EXPECT_EQ(fake_calls({"connect", "watch", "limit"}), calls);
+}
+
+TEST_F(Transaction, WhatAChallengeLacksStays) {
+  // A library that leaves alone what it does not find.
+  ctx.auth_info.on = 1;
+  copy_text(ctx.auth_info.realm, "old realm");
+  copy_text(ctx.auth_info.qop, "auth");
+  fake.challenge_fills = false;
+  EXPECT_EQ(exchange(subjects[eip], {.status = 401}), 2);
+  EXPECT_STREQ(ctx.auth_info.realm, "old realm");
+  EXPECT_STREQ(ctx.auth_info.qop, "auth");
+}
+
 TEST_F(Transaction, ALeftoverIsNotMistakenForWhatTookItsNumber) {
   const int fd = dup(STDERR_FILENO);  // the number of the next socket
   close(fd);
@@ -391,6 +413,29 @@ TEST_F(Transaction, LogOfEachRequest) {
       {enable, 0, {.body = "fine\n"},
        " ---[ srv_enable_dev_account ]---| hid=HID00001| Enable=1|PLAIN ecnode bodylen=PADDED|"
        "connect=0|<--|fine|<--||reader.Body_Read=5| <-200 OK|"},
+      {alias, 1, {.status = 404},
+       "---[ srv_alias ]---| auth_info->on=1|PLAIN|ecnode bodylen=PADDED| ecnode bodylen=30| BufferLength=(HEAD)|WHOLE|"
+       " portnum=(40000)|connect=0| send=SENT| Body_Read=0|Error:(404)|"},
+      {alias, 0, {.status = 401},
+       "---[ srv_alias ]---| auth_info->on=0|PLAIN|ecnode bodylen=PADDED| BufferLength=(HEAD)|WHOLE|"
+       " portnum=(40000)|connect=0| send=SENT| Body_Read=0|<-401 received!| ecnode bodylen=30|"
+       "  algorithm=MD5|  nonce=n0|  qop=auth|  realm=sky|  uri=/alias.html|  cnonce=CNONCE (32)|"},
+      {alias, 0, {.status = 500, .body = "?"},
+       "---[ srv_alias ]---| auth_info->on=0|PLAIN|ecnode bodylen=PADDED| BufferLength=(HEAD)|WHOLE|"
+       " portnum=(40000)|connect=0| send=SENT| Body_Read=1||<--|?|<--|"},
+      {alias, 0, {.body = seal("<ah/>")},
+       "---[ srv_alias ]---| auth_info->on=0|PLAIN|ecnode bodylen=PADDED| BufferLength=(HEAD)|WHOLE|"
+       " portnum=(40000)|connect=0| send=SENT| Body_Read=8||<--|" + seal("<ah/>") + "|<--|200 OK||decodestr:|  <ah/>||"},
+      {update, 0, {.status = 404}, "END connect=0|Error=(404)|"},
+      {update, 0, {.status = 503}, "END connect=0|Error=(503)|"},
+      {update, 0, {}, "END connect=0|200 OK|"},
+      {connectback, 0, {.status = 404}, "END connect=0|Error:(404)|"},
+      {connectback, 0, {.status = 503}, "END connect=0|Unknow Error!|"},
+      {connectback, 0, {.status = 401, .body = "no"},
+       "END connect=0|<--|no<--||<-401 received!| ecnode bodylen=30|  algorithm=MD5|  nonce=n0|  qop=auth|"
+       "  realm=sky|  uri=/connectbk.html|  cnonce=CNONCE (32)|"},
+      {connectback, 0, {}, "END connect=0|200 OK|"},
+      {report, 0, {.status = 500}, "END connect=0|Error=(500)|"},
       {report, 0, {.usable = false},
        "----------sz_xml_data packet----------|PLAIN|----------end sz_xml_data-------------|"
        " ecnode bodylen=PADDED|connect=0|null|"},
@@ -400,7 +445,9 @@ TEST_F(Transaction, LogOfEachRequest) {
     start();
     ctx.auth_info.on = row.on;
     exchange(subjects[row.subject], row.response);
-    EXPECT_EQ(log(), row.log);
+    // What comes before the connection is the same in all rows of a request.
+    const std::string seen = row.log.starts_with("END ") ? "END " + log().substr(log().find("connect=0|")) : log();
+    EXPECT_EQ(seen, row.log);
   }
 }
 
@@ -439,6 +486,7 @@ TEST_F(Transaction, ConnectBackTestsTheAddressThatMayBeReached) {
       {"198.51.100.7", "8080", "198.51.100.7", "  use ueip=198.51.100.7:8080 doing connect back test\n"},
       {"10.0.0.1", "443", "203.0.113.5", "  use eip=203.0.113.5:443 doing connect back test\n"},
       {"0.0.0.0", "8080", "203.0.113.5", ""},
+      {"", "8080", "203.0.113.5", ""},
       {"null", "8080", "203.0.113.5", ""},
       {"198.51.100.7", "", nullptr, "[kestreld]: *** invalid parameters\n"},
   };
@@ -467,7 +515,6 @@ TEST_F(Transaction, AConnectionReportIsSentOnceForEveryChange) {
       {"changed, but no connection", "<first>2</first>\n", -1, 0, false},
       {"lost, though it would go now", "<first>2</first>\n", 0, 1, false},
       {"the longest that fits", std::string(4014, 'r'), 0, 1, true},
-      {"one that does not", std::string(4095, 'r'), 0, 0, false},
   };
   AuthenticateInfo own{};  // the finder's
   copy_text(own.user, "finder");
@@ -483,6 +530,10 @@ TEST_F(Transaction, AConnectionReportIsSentOnceForEveryChange) {
     EXPECT_EQ(sent_plain(), with_xml_around(row.record));
     EXPECT_EQ(fake.requests.back().user, "finder");
   }
+  fake.first_connection = std::string(4095, 'r');  // too long for a body: said, and not taken for sent
+  EXPECT_EQ(conn_report(&ctx, &own, last_report), 0);
+  EXPECT_EQ(fake.log.back(), "[kestreld] *** first-connection record too long, not reported\n");
+  EXPECT_EQ(last_report, rows[4].record);
 }
 
 TEST_F(Transaction, AliasFollowUp) {
@@ -507,7 +558,11 @@ TEST_F(Transaction, AliasFollowUp) {
   const Row rows[] = {
       {"accepted", 1, 1, 1, {says("0")}, 0, 1, taken,
        "  <ahret>0</ahret>\n\n==>[ahret] 0\nserver alias return success.\n(0)alias change ok.\n"},
+      {"accepted, store fails", 1, 3, 0, {says("0")}, 0, 1, taken,
+       "(0)alias change ok.\n[kestreld] *** srv_update_aliasname_status failed\n"},
       {"unknown error", 1, 1, 1, {says("1")}, -1, 1, failed, "success.\n(1)Unknown error.\n"},
+      {"a verdict nobody knows", 1, 1, 1, {says("7")}, -1, 1, failed, "==>[ahret] 7\nserver alias return success.\n"
+       "(7)Unknown error.\n"},
       {"unknown error, store fails", 1, 1, 0, {says("1")}, -1, 1, failed,
        "(1)Unknown error.\n[kestreld] *** srv_set_skyport_alias_status ALIAS_FAILED failed!\n"},
       {"taken", 1, 1, 1, {says("2")}, -1, 1, duplicate, "success.\n(2)alias duplicated.\n"},

@@ -1,0 +1,171 @@
+// The watch over exchanges, see exchange_watch.h. A thread of its own sleeps until one takes too long; a signal
+// instead would interrupt whatever library the main thread is in.
+#include "service/exchange_watch.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+#include "core/signals_blocked.h"
+#include "service/requests.h"
+
+namespace kestrel {
+
+namespace {
+
+/// A slot's descriptor while it has none, and while somebody works on it.
+constexpr int free_slot = -1;
+constexpr int held_slot = -2;
+
+/// An exchange under way. The descriptor is shut down only by who holds the slot, and its owner takes it back
+/// before closing it; so a number that was given anew is never meant.
+struct Slot {
+  std::atomic<int> fd{free_slot};
+  std::atomic<std::uint32_t> deadline{0};  // ms of the monotonic clock, cut to 32 bits; 0 for none
+};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<std::uint32_t>::is_always_lock_free);
+
+std::array<Slot, 2> slots;           // one for each thread
+std::atomic<bool> all_ended{false};  // end_exchanges was called
+
+enum WatchState : int { no_watch, watch_starts, watch_runs };
+std::atomic<int> watch_state{no_watch};
+std::atomic<int> wake_fd{-1};
+
+constexpr std::size_t watch_stack_len = 131072;  // bytes of address space; two pages of it are touched
+
+std::uint32_t now_ms() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::uint32_t>(now.tv_sec) * 1000U + static_cast<std::uint32_t>(now.tv_nsec / 1'000'000);
+}
+
+/// Milliseconds to the deadline, which may lie in the past.
+std::int32_t ms_left(std::uint32_t deadline) {
+  return static_cast<std::int32_t>(deadline - now_ms());
+}
+
+bool is_over(const Slot& slot) {
+  const std::uint32_t deadline = slot.deadline;
+  return deadline != 0 && ms_left(deadline) <= 0;
+}
+
+/// Shuts the slot's socket down. The reason is looked at again once the slot is held: it may serve another
+/// exchange by then.
+void end_exchange(Slot& slot) {
+  int fd = slot.fd;
+  if (fd < 0 || !slot.fd.compare_exchange_strong(fd, held_slot)) return;
+  if (all_ended || is_over(slot)) {
+    slot.deadline = 0;
+    shutdown(fd, SHUT_RDWR);
+  }
+  slot.fd = fd;
+}
+
+/// Ends what is over. Returns the milliseconds until there is something to do again; -1 for never.
+int end_overdue() {
+  int next = -1;
+  for (Slot& slot : slots) {
+    // all_ended too: the signal handler may have found the slot held.
+    if (all_ended || is_over(slot)) end_exchange(slot);
+    const std::uint32_t deadline = slot.deadline;
+    if (deadline == 0) continue;
+    const std::int32_t left = ms_left(deadline) > 0 ? ms_left(deadline) : 1;
+    if (next < 0 || left < next) next = left;
+  }
+  return next;
+}
+
+void* watch(void* /*unused*/) {
+  for (;;) {
+    pollfd woken{wake_fd, POLLIN, 0};
+    if (poll(&woken, 1, end_overdue()) <= 0) continue;
+    eventfd_t count = 0;
+    static_cast<void>(eventfd_read(wake_fd, &count));
+  }
+  return nullptr;
+}
+
+bool start_watch() {
+  if (wake_fd < 0) wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake_fd < 0) return false;
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return false;
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&attributes, watch_stack_len);
+  const SignalsBlocked blocked;
+  pthread_t thread{};
+  const bool started = pthread_create(&thread, &attributes, watch, nullptr) == 0;
+  pthread_attr_destroy(&attributes);
+  return started;
+}
+
+/// Started by the first exchange, and tried again by each that finds none. While the other thread starts it, it
+/// counts as there: it begins by looking at the slots.
+bool have_watch() {
+  int state = no_watch;
+  if (watch_state.compare_exchange_strong(state, watch_starts)) {
+    state = start_watch() ? watch_runs : no_watch;
+    watch_state = state;
+  }
+  return state != no_watch;
+}
+
+int take_slot(int fd) {
+  for (std::size_t i = 0; i < slots.size(); ++i) {
+    int none = free_slot;
+    if (!slots[i].fd.compare_exchange_strong(none, held_slot)) continue;
+    slots[i].deadline = 0;
+    slots[i].fd = fd;
+    return static_cast<int>(i);
+  }
+  return -1;
+}
+
+}  // namespace
+
+ExchangeWatch::ExchangeWatch(int sock) : socket(sock), own(-1), slot(-1) {
+  if (sock < 0) return;
+  own = fcntl(sock, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (own >= 0) slot = take_slot(own);
+}
+
+ExchangeWatch::~ExchangeWatch() {
+  if (own < 0) return;
+  if (slot >= 0) {
+    Slot& mine = slots[static_cast<std::size_t>(slot)];
+    mine.deadline = 0;
+    // Whoever holds it does so for the length of one system call.
+    for (int fd = own; !mine.fd.compare_exchange_strong(fd, free_slot); fd = own) sched_yield();
+  }
+  close(own);
+}
+
+void ExchangeWatch::limit(unsigned ms) const {
+  if (slot >= 0 && have_watch()) {
+    // Never 0, which is none; a millisecond does not matter.
+    slots[static_cast<std::size_t>(slot)].deadline = (now_ms() + ms) | 1U;
+    static_cast<void>(eventfd_write(wake_fd, 1));
+    return;
+  }
+  const timeval time_out{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
+  setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time_out, sizeof(time_out));
+  setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time_out, sizeof(time_out));
+}
+
+void end_exchanges() {
+  all_ended = true;
+  for (Slot& slot : slots) end_exchange(slot);
+}
+
+}  // namespace kestrel
