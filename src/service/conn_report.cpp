@@ -21,12 +21,8 @@ constexpr Request report_request = {
     .challenge_uri = "/conn_report.html",
     .send_len = 8192,
     .log = log_of_reports,
-    .builder_trace = nullptr,
     .name = "conn_report",
     .after_send_failure = AfterSendFailure::receive,
-    .after_no_answer = AfterNoAnswer::leave_open,
-    .no_answer_result = request_no_answer,
-    .other_status_result = 0,
     .leftover = &leftover_socket,
 };
 

@@ -36,12 +36,7 @@ constexpr Request alias_request = {
     .challenge_uri = "/alias.html",
     .send_len = 1024,
     .log = log_of_alias(),
-    .builder_trace = nullptr,
     .name = "srv_alias",
-    .after_send_failure = AfterSendFailure::no_answer,
-    .after_no_answer = AfterNoAnswer::leave_open,
-    .no_answer_result = request_no_answer,
-    .other_status_result = 0,
     .leftover = &leftover_socket,
 };
 

@@ -24,13 +24,8 @@ constexpr Request connectback_request = {
     .challenge_uri = "/connectbk.html",
     .send_len = 2048,
     .log = with_own_lines(log_of_reports),
-    .builder_trace = nullptr,
     .name = "srv_connectback",
     .after_send_failure = AfterSendFailure::send_result,
-    .after_no_answer = AfterNoAnswer::close,
-    .no_answer_result = request_no_answer,
-    .other_status_result = 0,
-    .leftover = nullptr,
 };
 
 constexpr std::size_t plain_len = 1024;

@@ -25,7 +25,6 @@ constexpr Request enable_request = {
     .builder_trace = "[%s:%d]\n",
     .name = "srv_enable_dev_account",
     .after_send_failure = AfterSendFailure::receive,
-    .after_no_answer = AfterNoAnswer::leave_open,
     .no_answer_result = request_failed,
     .other_status_result = request_failed,
     .leftover = &leftover_socket,

@@ -18,13 +18,7 @@ constexpr Request daip_request = {
     .challenge_uri = "/ext.html",  // the address query's, as the service's protocol has it
     .send_len = 1024,
     .log = with_ok(log_of_queries),
-    .builder_trace = nullptr,
     .name = "srv_get_daip",
-    .after_send_failure = AfterSendFailure::no_answer,
-    .after_no_answer = AfterNoAnswer::close,
-    .no_answer_result = request_no_answer,
-    .other_status_result = 0,
-    .leftover = nullptr,
 };
 
 void read_daip(DeviceContext& ctx, const char* plain, void* /*sink*/) {

@@ -19,13 +19,7 @@ constexpr Request eip_request = {
     .challenge_uri = "/ext.html",
     .send_len = 1024,
     .log = with_own_lines(log_of_queries),
-    .builder_trace = nullptr,
     .name = "srv_get_eip",
-    .after_send_failure = AfterSendFailure::no_answer,
-    .after_no_answer = AfterNoAnswer::close,
-    .no_answer_result = request_no_answer,
-    .other_status_result = 0,
-    .leftover = nullptr,
 };
 
 void read_eip(DeviceContext& ctx, const char* plain, void* /*sink*/) {

@@ -20,12 +20,8 @@ constexpr Request update_request = {
     .challenge_uri = "/iupd.html",
     .send_len = 2048,
     .log = log_of_reports,
-    .builder_trace = nullptr,
     .name = "srv_update",
     .after_send_failure = AfterSendFailure::receive,
-    .after_no_answer = AfterNoAnswer::leave_open,
-    .no_answer_result = request_no_answer,
-    .other_status_result = 0,
     .leftover = &leftover_socket,
 };
 

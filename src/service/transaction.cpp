@@ -230,7 +230,7 @@ void close_leftover(const Request& request) {
 /// Nothing usable came. Some requests leave the socket open here; what they leave is remembered.
 int give_up(const Request& request, ILibHCHTTPReaderObject& reader) {
   release_answer(reader);
-  if (request.after_no_answer == AfterNoAnswer::close) {
+  if (request.leftover == nullptr) {
     ILibForceClose(&reader);
   } else {
     remember(*request.leftover, reader.ClientSocket);

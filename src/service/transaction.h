@@ -20,32 +20,31 @@ constexpr unsigned exit_timeout_ms = 500;       // for an exchange, once the dae
 
 /// The texts that the log takes during an exchange; null where a request logs nothing.
 struct ExchangeLog {
-  LogFormat<'d'> auth_on;
-  LogFormat<'d'> buffer_length;
-  LogFormat<'s'> send_buffer;
-  LogFormat<'d'> portnum;
-  LogFormat<'s', 'd'> connect_to;
-  LogFormat<'d'> connected;
-  LogFormat<'d'> sent;
-  LogFormat<> no_answer;
-  LogFormat<'d'> body_read;
-  LogFormat<'s'> body;
-  bool body_read_first;  // the length before the body, not behind it
-  LogFormat<> challenge_taken;
-  LogFormat<'s'> algorithm;
-  LogFormat<'s'> nonce;
-  LogFormat<'s'> qop;
-  LogFormat<'s'> realm;
-  LogFormat<'s'> uri;
-  LogFormat<'s', 'd'> cnonce;
-  LogFormat<> ok;
-  LogFormat<> no_status;
-  LogFormat<'d'> not_found;  // 404
-  LogFormat<'d'> other_status;
+  LogFormat<'d'> auth_on = {};
+  LogFormat<'d'> buffer_length = {};
+  LogFormat<'s'> send_buffer = {};
+  LogFormat<'d'> portnum = {};
+  LogFormat<'s', 'd'> connect_to = {};
+  LogFormat<'d'> connected = {};
+  LogFormat<'d'> sent = {};
+  LogFormat<> no_answer = {};
+  LogFormat<'d'> body_read = {};
+  LogFormat<'s'> body = {};
+  bool body_read_first = false;  // the length before the body, not behind it
+  LogFormat<> challenge_taken = {};
+  LogFormat<'s'> algorithm = {};
+  LogFormat<'s'> nonce = {};
+  LogFormat<'s'> qop = {};
+  LogFormat<'s'> realm = {};
+  LogFormat<'s'> uri = {};
+  LogFormat<'s', 'd'> cnonce = {};
+  LogFormat<> ok = {};
+  LogFormat<> no_status = {};
+  LogFormat<'d'> not_found = {};  // 404
+  LogFormat<'d'> other_status = {};
 };
 
 enum class AfterSendFailure { receive, no_answer, send_result };
-enum class AfterNoAnswer { close, leave_open };
 
 /// A socket that a request left open. It is known by more than its number, which may serve somebody else by
 /// the time it is closed.
@@ -62,13 +61,14 @@ struct Request {
   const char* challenge_uri;  // stored when a challenge is taken; the next send replaces it
   std::size_t send_len;       // bytes of the send buffer
   ExchangeLog log;
-  LogFormat<'s', 'd'> builder_trace;  // logged before a packet with credentials
-  const char* name;                   // for builder_trace
-  AfterSendFailure after_send_failure;
-  AfterNoAnswer after_no_answer;
-  int no_answer_result;
-  int other_status_result;   // 0: the byte count of the send
-  LeftoverSocket* leftover;  // what a path left open; closed by the next exchange of the request
+  LogFormat<'s', 'd'> builder_trace = {};  // logged before a packet with credentials
+  const char* name;                        // for builder_trace
+  AfterSendFailure after_send_failure = AfterSendFailure::no_answer;
+  int no_answer_result = request_no_answer;
+  int other_status_result = 0;  // 0: the byte count of the send
+  // Where a request stores the socket that it leaves open without an answer; its next exchange closes it. Null
+  // for those that close it at once.
+  LeftoverSocket* leftover = nullptr;
 };
 
 /// Takes the plain text of a 200 answer that had a body. `sink` is the caller's own.
@@ -90,9 +90,7 @@ using AnswerReader = void (*)(DeviceContext& ctx, const char* plain, void* sink)
 constexpr ExchangeLog log_of_queries = {
     .auth_on = " auth_info->on=%d\n",
     .buffer_length = " BufferLength=(%d)\n",
-    .send_buffer = nullptr,
     .portnum = " portnum=(%d)\n",
-    .connect_to = nullptr,
     .connected = " connect=%d\n",
     .sent = " send=%d\n",
     .no_answer = " null\n",
@@ -106,24 +104,12 @@ constexpr ExchangeLog log_of_queries = {
     .realm = " realm=%s\n",
     .uri = " uri=%s\n",
     .cnonce = " cnonce=%s(%d)\n",
-    .ok = nullptr,
-    .no_status = nullptr,
-    .not_found = nullptr,
-    .other_status = nullptr,
 };
 
 constexpr ExchangeLog log_of_reports = {
-    .auth_on = nullptr,
-    .buffer_length = nullptr,
-    .send_buffer = nullptr,
-    .portnum = nullptr,
-    .connect_to = nullptr,
     .connected = "connect=%d\n",
-    .sent = nullptr,
     .no_answer = "null\n",
-    .body_read = nullptr,
     .body = "<--\n%s<--\n\n",
-    .body_read_first = false,
     .challenge_taken = "<-401 received!\n",
     .algorithm = "  algorithm=%s\n",
     .nonce = "  nonce=%s\n",
@@ -132,7 +118,6 @@ constexpr ExchangeLog log_of_reports = {
     .uri = "  uri=%s\n",
     .cnonce = "  cnonce=%s (%d)\n",
     .ok = "200 OK\n",
-    .no_status = nullptr,
     .not_found = "Error=(%d)\n",
     .other_status = "Error=(%d)\n",
 };
