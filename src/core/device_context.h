@@ -110,6 +110,11 @@ static_assert(std::is_trivially_copyable_v<DeviceContext>);
 extern DeviceContext current_record;
 extern DeviceContext last_record;
 
+/// True once SIGTERM or SIGINT came: nothing is begun any more that takes time.
+inline bool exit_requested(const DeviceContext& ctx = current_record) {
+  return load_word(ctx.run) == 0;
+}
+
 /// The main thread's writes of shared words.
 inline void set_state(DeviceContext& ctx, RegState state) {
   store_word(ctx.state, state);

@@ -74,7 +74,7 @@ void run_shell(const char* command) {
   const pid_t pid = spawn(command);
   for (int look = 0; pid > 0 && look < looks; ++look) {
     if (waitpid(pid, nullptr, WNOHANG) != 0) return;
-    if (load_word(current_record.run) == 0 && look >= exit_looks) break;
+    if (exit_requested() && look >= exit_looks) break;
     poll(nullptr, 0, look_ms);
   }
   if (pid > 0) leave(pid);

@@ -78,7 +78,7 @@ void start_finder(DeviceContext& current) {
 }
 
 void main_loop(DeviceContext& current) {
-  while (load_word(current.run) != 0) {
+  while (!exit_requested(current)) {
     // What the signals ask for is looked at here, so older ones need not end a wait any more.
     wait_arm();
     const auto reload = static_cast<int>(load_word(current.dev_reload));
@@ -88,7 +88,7 @@ void main_loop(DeviceContext& current) {
       debug_log("state_init()\n");
       state_init(current);
       // An exit request during the reload left its run of 0, and START is not to run once more.
-      if (load_word(current.run) == 0) return;
+      if (exit_requested(current)) return;
     }
     // An exit request may come at any moment, and its state has no handler.
     const auto state = static_cast<std::size_t>(load_word(current.state));

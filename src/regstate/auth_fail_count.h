@@ -26,6 +26,17 @@ extern AuthFailCounts auth_fail_count;
 constexpr std::uint32_t auth_fail_limit = 2;
 constexpr std::uint32_t auth_fail_limit_natm = 3;
 
+/// Counts a challenge that came where an answer was due. Returns true while `limit` is not exceeded; then the count
+/// begins anew.
+[[nodiscard]] inline bool tolerated(std::uint32_t& count, std::uint32_t limit) {
+  if (count < limit) {
+    ++count;
+    return true;
+  }
+  count = 0;
+  return false;
+}
+
 }  // namespace kestrel
 
 #endif

@@ -31,6 +31,7 @@ int connect_back_with_credentials(DeviceContext& ctx) {
   int result = srv_connectback(&ctx);
   for (int retry = 1; retry <= connect_back_retries; ++retry) {
     wait_while(ctx.run, connect_back_pause_s);
+    if (exit_requested(ctx)) break;
     if (result == request_no_answer && retry > connect_back_silent_retries) break;
     if (result != request_challenged && result != request_no_answer) {
       // Any other status ends the repeats with this line too, although only 1 counts as reached.
@@ -112,7 +113,7 @@ void go_LumenDevDone(DeviceContext* ctx) {
   // An exit request lets the turn end and does not begin another, whose waits would be skipped.
   do {
     turn = keep_alive_turn(*ctx);
-  } while (turn == KeepAlive::stay && load_word(ctx->run) != 0);
+  } while (turn == KeepAlive::stay && !exit_requested(*ctx));
   if (turn == KeepAlive::done) return;
   ctx->auth_info.on = 0;
   start_over(*ctx);

@@ -1,5 +1,4 @@
-// UPnP to UpnpPfReady: the router's address, a mapping, and the proof from outside that it works.
-#include <array>
+// UPnP to NAT1: the router's address, a mapping, and the proof from outside that it works.
 #include <cstdlib>
 #include <cstring>
 
@@ -7,10 +6,7 @@
 #include "core/wait.h"
 #include "net/address.h"
 #include "platform/upnpc.h"
-#include "regstate/auth_fail_count.h"
 #include "regstate/handlers.h"
-#include "regstate/need_update.h"
-#include "regstate/state_table.h"
 #include "regstate/steps.h"
 #include "service/requests.h"
 #include "upnp/port_mapping.h"
@@ -20,7 +16,6 @@ namespace kestrel {
 namespace {
 
 constexpr int address_attempts = 2;
-constexpr unsigned settle_s = 5;  // for the router to put a mapping into force
 
 int obtain_mapping(DeviceContext& ctx) {
   const auto internal_port = static_cast<std::uint16_t>(std::atoi(ctx.i.port));
@@ -35,44 +30,6 @@ RegState after_mapping(int result, RegState mapped) {
   return result == upf_stopped ? START : UpnpPfFailed;
 }
 
-/// Gives the mapping up after a failed connect-back and goes on to `again`, or to UpnpPfFailed.
-void try_again(DeviceContext& ctx, RegState again) {
-  set_state(ctx, give_up_mapping(ctx) ? UpnpPfFailed : again);
-}
-
-/// The mapped path's report.
-void report(DeviceContext& ctx) {
-  if (need_update(ctx) == 0) {
-    debug_log("==>!BYPASS update!\n");
-    set_update_result(ctx, update_bypassed);
-    set_state(ctx, LumenDevDone);
-    return;
-  }
-  debug_log(" ==>!Need update!\n");
-  std::uint32_t& count = auth_fail_count.upnp_pf_ready;
-  const int result = srv_update(&ctx, &ctx.update_word, &ctx.auth_info);
-  if (result == request_challenged && count != auth_fail_limit) {
-    ++count;
-    return;
-  }
-  count = 0;
-  if (result == request_ok) {
-    set_update_result(ctx, update_done);
-    set_state(ctx, LumenDevDone);
-    return;
-  }
-  const bool refused = result == request_challenged;
-  if (refused) {
-    debug_log("%s:%d UpnpPfReady: srv_update reach AUTH_FAIL_COUNT, delete pf port=%d\n", "go_UpnpPfReady", __LINE__,
-              mapped_port(ctx));
-  } else {
-    debug_log("%s:%d UpnpPfReady srv_update failed, delete pf port=%d\n", "go_UpnpPfReady", __LINE__, mapped_port(ctx));
-  }
-  delete_mapping(ctx);
-  set_update_result(ctx, refused ? update_auth_failed : update_failed);
-  set_state(ctx, LumenDevNotReady);
-}
-
 }  // namespace
 
 void go_UPnP(DeviceContext* ctx) {
@@ -81,7 +38,7 @@ void go_UPnP(DeviceContext* ctx) {
     const int result = get_router_address(ctx->ue.ip);
     debug_log("upnpcp_get_eip ret=%d\n", result);
     set_state(*ctx, result == 0 ? UPnP_A : UPnP_B);
-    if (result == 0 || result == MUPNP_NONE) return;
+    if (result == 0 || result == MUPNP_NONE || exit_requested(*ctx)) return;
   }
 }
 
@@ -119,7 +76,7 @@ void go_NATU(DeviceContext* ctx) {
     return;
   }
   debug_log("%s:%d connect back failed, delete pf\n", "go_NATU", __LINE__);
-  try_again(*ctx, UPnP_B);
+  set_state(*ctx, give_up_mapping(*ctx) ? UpnpPfFailed : UPnP_B);
 }
 
 void go_NAT1(DeviceContext* ctx) {
@@ -131,20 +88,6 @@ void go_NAT1(DeviceContext* ctx) {
   }
   // Without the test that NATU makes: UpnpPfReady makes it.
   set_state(*ctx, after_mapping(obtain_mapping(*ctx), UpnpPfReady));
-}
-
-void go_UpnpPfReady(DeviceContext* ctx) {
-  debug_log("***[UpnpPfReady]***\n");
-  fill_defaults(*ctx);
-  store_word(ctx->prefinal_state, UpnpPfReady);
-  wait_while(ctx->run, settle_s);
-  if (srv_connectback(ctx) != request_ok) {
-    debug_log("%s:%d connect back failed, delete pf\n", "go_UpnpPfReady", __LINE__);
-    try_again(*ctx, NAT1);
-    return;
-  }
-  debug_log(" connect back test ok\n");
-  report(*ctx);
 }
 
 }  // namespace kestrel

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "core/debug_log.h"
+#include "core/gateway_texts.h"
 #include "core/wait.h"
 #include "net/address.h"
 #include "platform/upnpc.h"
@@ -25,16 +26,6 @@ void give_up(DeviceContext& ctx) {
   set_state(ctx, LumenDevNotReady);
 }
 
-void log_gateway(const MupnpIgd& igd) {
-  debug_log("manufacturer=[%s]\n", igd.manufacturer);
-  debug_log("manufacturer=[%s]\n", igd.manufacturerURL);  // the label repeats; it is meant
-  debug_log("friendlyName=[%s]\n", igd.friendlyName);
-  debug_log("modelName=[%s]\n", igd.modelName);
-  debug_log("modelNumber=[%s]\n", igd.modelNumber);
-  debug_log("modelDescription=[%s]\n", igd.modelDescription);
-  debug_log("presentationURL=[%s]\n", igd.presentationURL);
-}
-
 }  // namespace
 
 void go_IpReady(DeviceContext* ctx) {
@@ -48,11 +39,11 @@ void go_IpReady(DeviceContext* ctx) {
       return;
     }
     if (result == request_challenged) {
-      if (auth_fail_count.ip_ready == auth_fail_limit) return give_up(*ctx);
-      ++auth_fail_count.ip_ready;
+      if (!tolerated(auth_fail_count.ip_ready, auth_fail_limit)) give_up(*ctx);
       return;
     }
     if (std::strlen(ctx->proxy.ip) < min_proxy_ip_len) return give_up(*ctx);
+    if (exit_requested(*ctx)) return;
     debug_log("[kestreld]: Test proxy srv.........\n");
     store_word(ctx->proxy_tested, 1);
   }
@@ -87,11 +78,12 @@ void go_NATMode(DeviceContext* ctx) {
       return;
     }
     if (find_gateway(&ctx->igd) == 0) {
-      log_gateway(ctx->igd);
+      for (const GatewayText& text : gateway_texts) log_if(text.found_line, gateway_text(ctx->igd, text));
       set_state(*ctx, UPnP);
       return;
     }
     set_state(*ctx, NoUPnP);
+    if (exit_requested(*ctx)) return;
   }
 }
 

@@ -93,6 +93,7 @@ bool find_access_server(DeviceContext& ctx) {
   if (ctx.IsNeedQueryDAIP == 0) return true;
   debug_log(" must Query DAIP\n");
   for (int attempt = 0; attempt < daip_attempts; ++attempt) {
+    if (attempt > 0 && exit_requested(ctx)) break;
     if (query_daip(ctx) == request_ok) {
       ctx.IsNeedQueryDAIP = 0;
       return true;
@@ -114,6 +115,7 @@ void go_START(DeviceContext* ctx) {
   const int enabled = read_enable_switch(*ctx);
   if (enabled < 0) {
     // A store that is not ready yet says nothing about what the user wants.
+    debug_log(" [kestreld]: *** get skyport enable state failed\n");
     wait_while(ctx->run, retry_s);
     return;
   }

@@ -35,15 +35,8 @@ void start_running(DeviceContext& current) {
 
 void reset(DeviceContext& current) {
   start_running(current);
-  current.pfok = 0;
-  set_update_result(current, update_failed);
-  current.upd.starttime = 0;
-  current.cb_fail_count = 0;
-  zero(current.igd);
-  zero(current.e);
-  zero(current.i);
-  zero(current.ue);
-  clear_proxy(current);
+  clear_cycle(current);
+  clear_results(current);
   zero(current.hid);
   zero(current.sname);
   zero(current.uid);
@@ -72,7 +65,7 @@ bool take_account(DeviceContext& current) {
 }
 
 void await_account(DeviceContext& current) {
-  while (load_word(current.run) != 0 && !take_account(current)) {
+  while (!exit_requested(current) && !take_account(current)) {
     debug_log("get_dev_sip_account fail, sleep 3 sec to try again..\n");
     wait_while(current.run, account_retry_s);
   }
@@ -97,7 +90,7 @@ void state_init(DeviceContext& current) {
   await_account(current);
   publish_identity(current);
   store_word(current.pid, getpid());
-  if (find_gateway(&current.igd) == 0) {
+  if (!exit_requested(current) && find_gateway(&current.igd) == 0) {
     remove_own_mappings(current.uid);
     upnp_found_at_init = 1;
   }

@@ -1,9 +1,8 @@
-// The state table and the record's defaults, see state_table.h.
+// The state table, see state_table.h.
 #include "regstate/state_table.h"
 
 #include <array>
 
-#include "core/text.h"
 #include "regstate/handlers.h"
 
 namespace kestrel {
@@ -44,11 +43,6 @@ constexpr bool rows_stand_at_their_numbers() {
 }
 static_assert(rows_stand_at_their_numbers());
 
-template <std::size_t N>
-void fill_empty(char (&text)[N], const char* value) {
-  if (text[0] == '\0') copy_text(text, value);
-}
-
 }  // namespace
 
 const char* state_name(RegState state) {
@@ -58,18 +52,6 @@ const char* state_name(RegState state) {
 
 void install_handlers(DeviceContext& ctx) {
   for (std::size_t i = 0; i < states.size(); ++i) ctx.handlers[i] = states[i].handler;
-}
-
-void fill_defaults(DeviceContext& ctx) {
-  fill_empty(ctx.ue.ip, "null");
-  fill_empty(ctx.ue.port, "0");
-  fill_empty(ctx.igd.manufacturer, "n/a");
-  fill_empty(ctx.igd.friendlyName, "n/a");
-  fill_empty(ctx.igd.modelName, "n/a");
-  fill_empty(ctx.igd.modelNumber, "n/a");
-  fill_empty(ctx.igd.modelDescription, "n/a");
-  fill_empty(ctx.igd.manufacturerURL, "n/a");
-  fill_empty(ctx.igd.presentationURL, "n/a");
 }
 
 }  // namespace kestrel

@@ -1,4 +1,4 @@
-// The state table: names and handlers of the states, and the record's defaults.
+// The state table: names and handlers of the states.
 #ifndef KESTREL_REGSTATE_STATE_TABLE_H
 #define KESTREL_REGSTATE_STATE_TABLE_H
 
@@ -11,9 +11,6 @@ const char* state_name(RegState state);
 
 /// Writes the 17 handlers into the record, indexed by state.
 void install_handlers(DeviceContext& ctx);
-
-/// Fills what the service must not see empty: `ue.ip` "null", `ue.port` "0", the gateway's texts "n/a".
-void fill_defaults(DeviceContext& ctx);
 
 }  // namespace kestrel
 

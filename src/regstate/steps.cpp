@@ -28,9 +28,7 @@ int guard(DeviceContext& ctx, int result, std::uint32_t& count) {
   debug_log(" >>ret=%d auth_fail_count=%d\n", result, static_cast<int>(count));
   if (result == request_ok) {
     count = 0;
-  } else if (result == request_challenged && count < auth_fail_limit) {
-    ++count;
-  } else {
+  } else if (result != request_challenged || !tolerated(count, auth_fail_limit)) {
     count = 0;
     set_update_result(ctx, update_auth_failed);
     set_state(ctx, LumenDevNotReady);
@@ -64,6 +62,7 @@ int query_daip(DeviceContext& ctx) {
 bool report_enable_up_to_3(DeviceContext& ctx, int enabled) {
   debug_log(" must update Enable state(%d)\n", enabled);
   for (int attempt = 0; attempt < enable_attempts; ++attempt) {
+    if (attempt > 0 && exit_requested(ctx)) break;
     if (report_enable(ctx, enabled) == request_ok) {
       ctx.Last_Spt_Enabled = static_cast<std::int8_t>(enabled);
       return true;
@@ -95,27 +94,32 @@ bool give_up_mapping(DeviceContext& ctx) {
   return true;
 }
 
-void clear_proxy(DeviceContext& current) {
+void clear_cycle(DeviceContext& current) {
+  current.pfok = 0;
+  zero(current.igd);
+  zero(current.e);
+  zero(current.i);
+  zero(current.ue);
   // The flag first: the finder's report takes its route from both.
   store_word(current.proxy_tested, 0);
   store_text(current.proxy.ip, "");
   store_text(current.proxy.port, "");
 }
 
-void start_over(DeviceContext& current) {
-  *current.last = current;
-  current.last->last = nullptr;
-  current.pfok = 0;
-  zero(current.igd);
-  zero(current.e);
-  zero(current.i);
-  zero(current.ue);
-  clear_proxy(current);
-  hold_for_configuration(current);
-  set_state(current, START);
+void clear_results(DeviceContext& current) {
   current.cb_fail_count = 0;
   set_update_result(current, update_failed);
   current.upd.starttime = 0;
+}
+
+void start_over(DeviceContext& current) {
+  *current.last = current;
+  current.last->last = nullptr;
+  clear_cycle(current);
+  // State and result still tell of the old cycle meanwhile.
+  hold_for_configuration(current);
+  set_state(current, START);
+  clear_results(current);
 }
 
 }  // namespace kestrel

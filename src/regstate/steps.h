@@ -9,8 +9,8 @@ namespace kestrel {
 /// The enable report and the DAIP query, guarded by their counters of authentication failures. Return
 /// the request's result. Where it is neither 1 nor a tolerated 2, `upd.resut` says "authentication
 /// failed" and the state is LumenDevNotReady, which a later success of the caller overwrites.
-int report_enable(DeviceContext& ctx, int enabled);
-int query_daip(DeviceContext& ctx);
+[[nodiscard]] int report_enable(DeviceContext& ctx, int enabled);
+[[nodiscard]] int query_daip(DeviceContext& ctx);
 
 /// Reports the switch up to three times without a pause, until the service takes it, which sets
 /// `Last_Spt_Enabled`. Returns true when it did.
@@ -26,12 +26,21 @@ void delete_mapping(DeviceContext& ctx);
 /// `ue.port` as a number of 16 bits.
 std::uint16_t mapped_port(const DeviceContext& ctx);
 
+/// Seconds that a router has to put a mapping into force before it is tested.
+constexpr unsigned settle_s = 5;
+
 /// Counts a failed connect-back and gives the mapping up. Returns true when the port is to be tried no
 /// more: `ue.port` is then "0".
-bool give_up_mapping(DeviceContext& ctx);
+[[nodiscard]] bool give_up_mapping(DeviceContext& ctx);
 
-/// Forgets the relay.
-void clear_proxy(DeviceContext& current);
+/// Fills what the service must not see empty: `ue.ip` "null", `ue.port` "0", the gateway's texts "n/a".
+void fill_defaults(DeviceContext& ctx);
+
+/// Forgets what a cycle has learned: the mapping, the gateway, the addresses, the relay.
+void clear_cycle(DeviceContext& current);
+
+/// Forgets how it ended: the failed tests and the update's result.
+void clear_results(DeviceContext& current);
 
 /// Ends the cycle: keeps it as the last record and begins anew at START, after the configuration hold
 /// when one was asked for.

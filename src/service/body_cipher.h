@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "service/log_format.h"
+#include "core/log_format.h"
 
 namespace kestrel {
 

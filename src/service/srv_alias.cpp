@@ -107,7 +107,7 @@ int alias_follow_up() {
   char verdict[verdict_len] = "";
   int result = request_no_answer;
   for (int i = 0; i < follow_up_attempts && result != request_ok; ++i) {
-    if (i > 0 && load_word(current_record.run) == 0) break;
+    if (i > 0 && exit_requested()) break;
     result = srv_alias(&current_record, alias, verdict);
     if (result != request_ok) debug_log("server alias return fail.\n");
   }

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "core/debug_log.h"
+#include "core/gateway_texts.h"
 #include "core/text.h"
 #include "platform/tesselcfg.h"
 #include "service/body_cipher.h"
@@ -75,13 +76,7 @@ void log_values(const DeviceContext& dev, const Particulars& p) {
   debug_log("  ueport=%s\n", dev.ue.port);
   debug_log("  iip=%s\n", dev.i.ip);
   debug_log("  iport=%s\n", dev.i.port);
-  debug_log("  manufacturer=%s\n", dev.igd.manufacturer);
-  debug_log("  manufacturerURL=%s\n", dev.igd.manufacturerURL);
-  debug_log("  friendlyName=%s\n", dev.igd.friendlyName);
-  debug_log("  modelName=%s\n", dev.igd.modelName);
-  debug_log("  modelNumber=%s\n", dev.igd.modelNumber);
-  debug_log("  modelDescription=%s\n", dev.igd.modelDescription);
-  debug_log("  presentationURL=%s\n", dev.igd.presentationURL);
+  for (const GatewayText& text : gateway_texts) log_if(text.update_line, gateway_text(dev.igd, text));
   debug_log("  tstamp=%s\n", dev.Timestamp);
 }
 

@@ -246,7 +246,7 @@ int exchange(DeviceContext& ctx, const Request& request, const Route& route, con
   open_socket(request, reader);
   const ExchangeWatch watch(reader.ClientSocket);
   // Behind the watch's beginning: an exit request comes either before this look or upon a watched exchange.
-  const bool exiting = load_word(ctx.run) == 0;
+  const bool exiting = exit_requested(ctx);
   if (exiting) watch.limit(exit_timeout_ms);
   if (connect_socket(request, route, reader.ClientSocket) != 0) {
     ILibForceClose(&reader);

@@ -8,7 +8,7 @@
 #include <cstddef>
 
 #include "core/device_context.h"
-#include "service/log_format.h"
+#include "core/log_format.h"
 #include "service/requests.h"
 
 namespace kestrel {

@@ -177,7 +177,7 @@ int UPF(const char* uid, std::uint16_t internal_port, char* external_port, const
   at.service_name = service_name;
   for (int pass = 0; pass < max_passes; ++pass, at.port = next_port(at.port)) {
     debug_log("Querying eport:(%d)\n", at.port);
-    if (load_word(*reload) == 1) return upf_failed;
+    if (load_word(*reload) == 1 || exit_requested()) return upf_failed;
     const int result = query(at, reload);
     if (result == upf_stopped) return upf_stopped;
     const ResultRow* row = nullptr;

@@ -23,8 +23,9 @@ constexpr int mapping_attempts = 2;
 /// bytes): read for the first candidate, and written with the port that was obtained. `reload` is the
 /// reload flag, which a signal handler may set meanwhile. At most 50 candidates are tried, each for at
 /// most two queries, two deletes and two adds. Returns upf_mapped, upf_failed or upf_stopped; a
-/// mapping of another device is never touched. Main thread only, like all of this room.
-int UPF(const char* uid, std::uint16_t internal_port, char* external_port, const std::uint32_t* reload);
+/// mapping of another device is never touched. An exit request ends the search and every repetition of this
+/// room's functions; a call under way is let finish. Main thread only, like all of this room.
+[[nodiscard]] int UPF(const char* uid, std::uint16_t internal_port, char* external_port, const std::uint32_t* reload);
 
 /// The candidate after `port`: 80, 443, 8081, 8082, ... 65535, 0, 80. A number from 1 to 8080 that is
 /// neither 80 nor 443 stays as it is.
@@ -32,23 +33,23 @@ std::uint16_t next_port(std::uint16_t port);
 
 /// Looks a mapping up, again after a time-out. Texts of 64 bytes each. Returns the library's result
 /// (MUPNP_MAPPED_HERE and so on), or upf_stopped when a reload was requested.
-int query_eport_retry(char* description, char* internal_client, int* internal_port, int* lease_s, int external_port,
-                      int protocol, int attempts, const std::uint32_t* reload);
+[[nodiscard]] int query_eport_retry(char* description, char* internal_client, int* internal_port, int* lease_s,
+                                    int external_port, int protocol, int attempts, const std::uint32_t* reload);
 
 /// Adds a mapping. Returns 1 when it was added, 0 when all attempts failed.
-int add_eport_retry(const char* description, std::uint16_t external_port, std::uint16_t internal_port, int protocol,
-                    int attempts);
+[[nodiscard]] int add_eport_retry(const char* description, std::uint16_t external_port, std::uint16_t internal_port,
+                                  int protocol, int attempts);
 
 /// Deletes a mapping. Returns 1 when it was deleted, 0 when the router has none (or at the fourth
 /// failed attempt), and the library's last result, which is not 0, when fewer attempts have run out.
-int delete_port(std::uint16_t external_port, int attempts);
+[[nodiscard]] int delete_port(std::uint16_t external_port, int attempts);
 
 /// Searches for the gateway and fills its description, every text of it terminated. 0 when one was found.
-int find_gateway(MupnpIgd* igd);
+[[nodiscard]] int find_gateway(MupnpIgd* igd);
 
 /// Asks the gateway for its external address (`ip`, ip_len bytes, terminated). 0 on success; MUPNP_NONE
 /// or another value on failure.
-int get_router_address(char* ip);
+[[nodiscard]] int get_router_address(char* ip);
 
 /// Deletes every mapping that this device left behind in any earlier run, known by its description.
 /// Stops at the first index that the router does not answer for. Returns 0 always.

@@ -3,6 +3,7 @@
 
 #include "core/debug_log.h"
 #include "core/device_context.h"
+#include "core/gateway_texts.h"
 #include "core/text.h"
 #include "platform/upnpc.h"
 #include "upnp/port_mapping.h"
@@ -24,7 +25,7 @@ int query_eport_retry(char* description, char* internal_client, int* internal_po
                       int protocol, int attempts, const std::uint32_t* reload) {
   int result = MUPNP_NO_ANSWER;
   for (int attempt = 0; attempt < attempts; ++attempt) {
-    if (load_word(*reload) == 1) return upf_stopped;
+    if (load_word(*reload) == 1 || exit_requested()) return upf_stopped;
     print_console(
         "before Mupnpcp_query_eport_ex,sname=%s,newInternalClient=%s,newInternalPort=%d\nnewLeaseDuration=%d,ueport=%d,"
         "type=%d,UPNP_DEF_TIMEOUT=%d\n\n",
@@ -44,7 +45,7 @@ int query_eport_retry(char* description, char* internal_client, int* internal_po
 
 int add_eport_retry(const char* description, std::uint16_t external_port, std::uint16_t internal_port, int protocol,
                     int attempts) {
-  for (int attempt = 0; attempt < attempts; ++attempt) {
+  for (int attempt = 0; attempt < attempts && !exit_requested(); ++attempt) {
     if (Mupnp_add_eport(description, external_port, internal_port, protocol, UPNP_DEF_TIMEOUT) == 0) {
       debug_log("Port mapping i(%d)-e(%d) ok!\n", internal_port, external_port);
       return 1;
@@ -67,6 +68,7 @@ int delete_port(std::uint16_t external_port, int attempts) {
       return 1;
     }
     if (result == MUPNP_NONE) return 0;
+    if (exit_requested()) break;
     if (attempt == reported_attempt) {
       debug_log("*** Port mapping delete port (%d) failed\n", external_port);
       return 0;
@@ -77,13 +79,7 @@ int delete_port(std::uint16_t external_port, int attempts) {
 
 int find_gateway(MupnpIgd* igd) {
   const int result = Mupnpcp_discover(igd, UPNP_DEF_TIMEOUT);
-  terminate(igd->friendlyName);
-  terminate(igd->manufacturer);
-  terminate(igd->manufacturerURL);
-  terminate(igd->modelName);
-  terminate(igd->modelNumber);
-  terminate(igd->modelDescription);
-  terminate(igd->presentationURL);
+  for (const GatewayText& text : gateway_texts) gateway_text(*igd, text)[text.size - 1] = '\0';
   return result;
 }
 
@@ -102,7 +98,7 @@ int remove_own_mappings(const char* uid) {
   debug_log("======== uid_info : %s ========\n", prefix);
   const std::size_t prefix_len = std::strlen(prefix);
   int index = 0;
-  for (int turn = 0; turn < max_clean_up_turns; ++turn) {
+  for (int turn = 0; turn < max_clean_up_turns && !exit_requested(); ++turn) {
     char description[MUPNP_DESCRIPTION_LEN] = "";
     char protocol_name[MUPNP_SHORT_LEN] = "";
     int external_port = 0;

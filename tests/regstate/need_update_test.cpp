@@ -71,6 +71,31 @@ TEST_F(UpdateDecision, UpdateWhenAComparedFieldChanged) {
   }
 }
 
+TEST_F(UpdateDecision, BothRecordsAreLogged) {
+  begin(NATM);
+  std::strcpy(now.sname, "s");
+  last.state = LumenDevDone;
+  last.prefinal_state = PublicMode;
+  last.upd = {3, 4};
+  last.e = {"1", "2"};
+  last.ue = {"3", "4"};
+  last.i = {"5", "6"};
+  std::strcpy(last.hid, "H");
+  std::strcpy(last.uid, "U");
+  std::strcpy(last.sname, "S");
+  static_cast<void>(need_update(now));
+  const std::string dashes = "-------------------------------------------------------------\n";
+  EXPECT_EQ(std::accumulate(fake.log.begin(), fake.log.begin() + 16, std::string()),
+            dashes +
+                "hid: c(HID00001)-l(H)\nsname : c(s)-l(S)\nuid   : c(LC_0A0B0C)-l(U)\npfok  : c(1)-l(0)\n"
+                "dev->upd.resut     : c(7)-l(3)\npdev->upd.starttime: c(99)-l(4)\n"
+                "state Current: CF(NATM)-LF(LumenDevDone)\nstate CPF(NoUPnP)-LPF(PublicMode)\n"
+                "pdev->e.ip   : c(203.0.113.5)-l(1)\npdev->e.port : c(4711)-l(2)\n"
+                "pdev->ue.ip  : c(10.1.2.3)-l(3)\npdev->ue.port: c(58081)-l(4)\n"
+                "pdev->i.ip   : c(192.168.1.20)-l(5)\npdev->i.port : c(50080)-l(6)\n" +
+                dashes);
+}
+
 TEST_F(UpdateDecision, UpdateWhenTheLastCycleDoesNotCompare) {
   const struct {
     RegState last, last_prefinal;

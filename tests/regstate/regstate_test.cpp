@@ -18,67 +18,6 @@ namespace {
 
 using Counter = std::uint32_t AuthFailCounts::*;
 
-const std::map<RegState, Counter> own_counters = {{IpReady, &AuthFailCounts::ip_ready},
-                                                  {PublicMode, &AuthFailCounts::public_mode},
-                                                  {NoUPnP, &AuthFailCounts::no_upnp},
-                                                  {NATM, &AuthFailCounts::natm},
-                                                  {UpnpPfReady, &AuthFailCounts::upnp_pf_ready},
-                                                  {UpnpPfFailed, &AuthFailCounts::upnp_pf_failed}};
-
-/// What the code works on, or is expected to leave.
-struct World {
-  DeviceContext& now;
-  DeviceContext& last;
-  AuthFailCounts& counts;
-};
-
-/// Carries out a word of `given` or `then`: "name", "name=value" or "name+1".
-void carry_out(World w, const std::string& what) {
-  const std::size_t end = what.find_first_of("=+");
-  const std::string name = what.substr(0, end);
-  const int value = end == what.npos ? 1 : std::atoi(what.c_str() + end + 1);
-  const bool more = end != what.npos && what[end] == '+';
-  const auto word = static_cast<std::uint32_t>(value);
-  if (name == "run") w.now.run = word;
-  if (name == "auth") w.counts.*own_counters.at(w.now.state) = more ? w.counts.*own_counters.at(w.now.state) + 1 : word;
-  if (name == "fails") w.now.cb_fail_count = more ? w.now.cb_fail_count + 1 : word;
-  if (name == "pfok") w.now.pfok = word;
-  if (name == "reload") w.now.dev_reload = word;
-  if (name == "resut") w.now.upd.resut = word;
-  if (name == "askdaip") w.now.IsNeedQueryDAIP = word;
-  if (name == "count") w.counts.enable_report = w.counts.daip_query = word;
-  if (name == "enabled") w.now.Last_Spt_Enabled = static_cast<std::int8_t>(value);
-  if (name == "tested") w.now.proxy_tested = 1;
-  if (name == "prefinal") w.now.prefinal_state = end != what.npos ? static_cast<RegState>(value) : w.now.state;
-  if (name == "ue") w.now.ue = w.now.i;
-  if (name == "ue.ip") std::memcpy(w.now.ue.ip, w.now.e.ip, ip_len);
-  if (name == "ue.port") std::strncpy(w.now.ue.port, "0", port_len);
-  if (name == "defaults") std::strcpy(w.now.igd.modelName, "n/a");
-  if (name == "relay") w.now.proxy = relay;
-  if (name == "redir") std::strncpy(w.now.redir_ip, value != 0 ? redirect_server : "", ip_len);
-  if (name == "active") w.now.active_if = fake.interfaces.front();
-  if (name == "i.ip") std::strcpy(w.now.i.ip, "192.168.1.30");
-  if (name == "i.port") std::strcpy(w.now.i.port, "80");
-  if (name == "proxylen") std::strncpy(w.now.proxy.ip, std::string("10.0.0.1", word).c_str(), ip_len);
-  if (name == "switch") fake.enabled = static_cast<char>(value);
-  if (name == "iface") fake.interface_index = value;
-  if (name == "over" || what == "changed=0") {
-    w.last = w.now;
-    w.last.last = nullptr;
-  }
-  if (what == "changed=0") {
-    w.last.state = LumenDevDone;
-    w.last.prefinal_state = w.now.state;
-  }
-  if (name == "over") {
-    w.now.pfok = w.now.cb_fail_count = 0;
-    w.now.upd = {0, 0};
-    w.now.igd = {};
-    w.now.e = w.now.i = w.now.ue = w.now.proxy = {};
-    w.now.proxy_tested = 0;
-  }
-}
-
 /// Where two records differ; nothing when they do not.
 std::string difference(const DeviceContext& one, const DeviceContext& other) {
   const auto* bytes = reinterpret_cast<const char*>(&one);
@@ -92,10 +31,10 @@ std::string replaced(std::string text, const std::string& part, const std::strin
   return at == text.npos ? text : text.replace(at, part.size(), by);
 }
 
-class Exploration : public RegstateTest {
+class StateTable : public RegstateTest {
  protected:
   Choices choices;
-  std::map<std::string, int> given;
+  std::map<Variable, int> given;
   std::map<std::string, std::string> results;  // so far, by callee
 
   /// Has the callees choose their results, and the trace show them.
@@ -114,26 +53,18 @@ class Exploration : public RegstateTest {
     };
   }
 
-  /// Takes a value of each range: "auth=0,1,2 changed=0,1".
-  void choose_givens(const std::string& ranges) {
-    given = {{"found", 0}};
-    for (const std::string& range : split(ranges)) {
-      const std::string name = split(range, '=')[0];
-      const Texts values = split(split(range, '=')[1], ',');
-      const std::string& value = values[choices.choose(values.size())];
-      given[name] = std::stoi(value);
-      carry_out({now, last, auth_fail_count}, name + "=" + value);
+  void choose_givens(const Exploration& exploration) {
+    given = {{found, 0}, {run, 1}};
+    for (const auto& [variable, values] : exploration.given) {
+      given[variable] = values[choices.choose(values.size())];
+      set({now, last, auth_fail_count, upnp_found_at_init}, variable, given[variable]);
     }
-    upnp_found_at_init = static_cast<std::uint32_t>(given["found"]);
   }
 
-  bool holds(const std::string& ranges) const {
-    return std::ranges::all_of(split(ranges), [&](const std::string& range) {
-      const std::size_t equals = range.find('=');
-      const std::size_t dash = range.find('-', equals + 2);
-      const int from = std::stoi(range.substr(equals + 1));
-      const int value = given.at(range.substr(0, equals));
-      return from <= value && value <= (dash == range.npos ? from : std::stoi(range.substr(dash + 1)));
+  bool holds(const Ranges& ranges) const {
+    return std::ranges::all_of(ranges, [&](const Range& range) {
+      const int value = given.at(range.variable);
+      return range.from <= value && value <= range.to;
     });
   }
 
@@ -158,7 +89,7 @@ class Exploration : public RegstateTest {
   }
 };
 
-TEST_F(Exploration, EveryPathIsATransition) {
+TEST_F(StateTable, EveryPathIsATransition) {
   std::vector<Row> rows = plain_rows;
   std::ranges::copy(update_rows(), std::back_inserter(rows));
   std::ranges::copy(start_rows(), std::back_inserter(rows));
@@ -166,22 +97,24 @@ TEST_F(Exploration, EveryPathIsATransition) {
   // Without `run` nothing waits.
   Texts hurried;
   for (const Row& row : rows) hurried.push_back(std::regex_replace(row.trace, std::regex("wait [0-9]+/"), ""));
-  for (const auto& exploration : explorations) {
+  for (const Exploration& exploration : explorations) {
     do {
       begin(exploration.state);
-      choose_givens(exploration.given);
+      choose_givens(exploration);
       explore_results();
       DeviceContext then = now;
       DeviceContext then_last = last;
       AuthFailCounts counts = auth_fail_count;
-      const World expected{then, then_last, counts};
+      std::uint32_t found_then = upnp_found_at_init;
+      const World expected{then, then_last, counts, found_then};
       turn();
       std::string path = replaced(trace.take(), "delete 58081 2=1/reload/", "dropped/");
       path = replaced(path, "delete 58081 2=x/", "dropped/");
       path = without_attempts(path, "enable " + std::to_string(fake.enabled), &AuthFailCounts::enable_report, expected);
       path = without_attempts(path, "daip", &AuthFailCounts::daip_query, expected);
       std::string message = path;
-      for (const auto& [name, value] : given) message += " " + name + "=" + std::to_string(value);
+      for (const auto& [variable, value] : given)
+        message += " " + std::to_string(variable) + "=" + std::to_string(value);
       SCOPED_TRACE(message);
 
       std::vector<std::size_t> matches;
@@ -192,19 +125,19 @@ TEST_F(Exploration, EveryPathIsATransition) {
       ASSERT_EQ(matches.size(), 1U) << state_name(exploration.state);
       const Row& row = rows[matches.front()];
       taken[matches.front()] = true;
-      for (const std::string& effect : split(row.then)) carry_out(expected, effect);
+      for (const Effect& effect : row.then) effect.apply(expected, effect.variable, effect.value);
       then.state = row.next;
       EXPECT_STREQ(state_name(now.state), state_name(then.state));
-      EXPECT_EQ(std::memcmp(&auth_fail_count, &counts, sizeof(counts)), 0) << row.then;
+      EXPECT_EQ(std::memcmp(&auth_fail_count, &counts, sizeof(counts)), 0);
       std::strncpy(now.ue.port, std::string(now.ue.port).c_str(), port_len);  // what is behind the text does not matter
-      EXPECT_EQ(difference(now, then), "") << row.then;
-      EXPECT_EQ(difference(last, then_last), "") << "last: " << row.then;
-      EXPECT_EQ(upnp_found_at_init, row.then == "found=0" ? 0U : static_cast<std::uint32_t>(given["found"]));
+      EXPECT_EQ(difference(now, then), "");
+      EXPECT_EQ(difference(last, then_last), "") << "last: ";
+      EXPECT_EQ(upnp_found_at_init, found_then);
       ASSERT_FALSE(HasFailure());
     } while (choices.next());
   }
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    EXPECT_TRUE(taken[i]) << "no path: " << state_name(rows[i].state) << " " << rows[i].given << " " << rows[i].trace;
+    EXPECT_TRUE(taken[i]) << "no path: " << state_name(rows[i].state) << " " << rows[i].trace;
   }
 }
 

@@ -73,6 +73,7 @@ class UpnpTest : public FakeTest {
     trace.listen(results);
     fake.mappings = router_table(table);
     reload = 0;
+    current_record.run = 1;
     std::snprintf(port, sizeof(port), "%s", stored);
   }
   /// The whole dialogue of a search, its result and the port text after it.
@@ -184,6 +185,34 @@ TEST_F(UpnpTest, FiftyCandidatesFollowTheStoredPort) {
     for (std::size_t i = 0; i < 3; ++i) first += split(asked[i])[1] + " ";
     EXPECT_EQ(first, candidates);
   }
+}
+
+TEST_F(UpnpTest, AnExitRequestEndsWithTheCallUnderWay) {
+  const struct {
+    const char *table, *results, *call;  // during which the request comes
+    std::string calls;
+  } rows[] = {
+      {"80|away|Game|1", "", "Mupnpcp_query", "query 80 1 8/"},
+      {"", "query=-1,-1", "Mupnpcp_query", "query 80 1 8/"},
+      {"80|here|LC_0A0B0C-1.2-80|81", "del=7,7", "Mupnp_del", "query 80 1 8/del 80 1 8/"},
+      {"", "add=1,1", "Mupnp_add", "query 80 1 8/add LC_0A0B0C-1.2-80 80 8000 1 8/"},
+  };
+  for (const auto& row : rows) {
+    begin("", row.table, row.results);
+    std::string calls;
+    trace.on_call = [&](const std::string& call) {
+      for (const auto& [beginning, name] : router_calls) {
+        if (call.starts_with(beginning)) calls += name + call.substr(beginning.size()) + "/";
+      }
+      if (call.starts_with(row.call)) current_record.run = 0;
+    };
+    EXPECT_NE(UPF(uid, http_port, port, &reload), upf_mapped);
+    EXPECT_EQ(calls, row.calls) << row.results;
+  }
+  begin("", "80|here|LC_0A0B0C-1.2-80|80 443|here|LC_0A0B0C-1.2-80|80");
+  trace.on_call = [&](const std::string&) { current_record.run = 0; };
+  EXPECT_EQ(remove_own_mappings(uid), 0);
+  EXPECT_EQ(left(), "443 ");
 }
 
 // A library that fills the whole buffer is cut, and its text never equals ours.

@@ -1,6 +1,6 @@
 // Log texts that stand in tables: the compiler counts their conversions where the table is written.
-#ifndef KESTREL_SERVICE_LOG_FORMAT_H
-#define KESTREL_SERVICE_LOG_FORMAT_H
+#ifndef KESTREL_CORE_LOG_FORMAT_H
+#define KESTREL_CORE_LOG_FORMAT_H
 
 #include <cstddef>
 
