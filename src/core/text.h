@@ -31,6 +31,9 @@ bool copy_text(char (&to)[N], const char* from) {
   return copy_text(to, N, from);
 }
 
+/// What stands in a byte before a getter fills it, to tell whether it did: no platform's getter gives it.
+constexpr char unfilled_byte = 0x5A;
+
 /// Forces a terminator into a buffer that foreign code filled. `text` is the whole array.
 template <std::size_t N>
 void terminate(char (&text)[N]) {

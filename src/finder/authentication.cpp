@@ -2,9 +2,9 @@
 #include <cstring>
 
 #include "core/debug_log.h"
+#include "core/log_format.h"
 #include "core/text.h"
-#include "finder/packet.h"
-#include "finder/record.h"
+#include "finder/operations.h"
 #include "platform/tesselcfg.h"
 
 namespace kestrel {
@@ -21,13 +21,30 @@ void decode(const char* b64, char (&out)[decoded_len]) {
   terminate(out);
 }
 
+/// Logs a text that came with a datagram: with '?' for what would begin a line of its own or move a terminal.
+void log_foreign(LogFormat<'s'> format, const char* text) {
+  char shown[decoded_len];
+  copy_text(shown, text);
+  for (char& c : shown) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool control = byte < 0x20 || (byte >= 0x7F && byte < 0xA0);
+    if (control && c != '\0') c = '?';
+  }
+  log_if(format, shown);
+}
+
+/// True when a getter failed: it says so, and has filled nothing in. None promises that its result alone says it.
+bool is_missing(int result, const char* text) {
+  return result == 0 && text[0] == '\0';
+}
+
 /// The user's place in the table, counted from 1; 0 when no entry has the name.
 std::uint32_t find_user(const char* name, std::size_t len) {
   char count = 0;
   cre_get_max_user_count(&count);
   for (std::uint32_t n = 1; n <= static_cast<unsigned char>(count); ++n) {
     char entry[decoded_len] = "";
-    if (cre_get_user_name_by_count(n, entry, table_name_len) == 0) continue;
+    if (is_missing(cre_get_user_name_by_count(n, entry, table_name_len), entry)) continue;
     terminate(entry);
     if (std::strncmp(entry, name, len) == 0) return n;
   }
@@ -39,9 +56,9 @@ std::uint32_t find_user(const char* name, std::size_t len) {
 bool password_matches(const char* pass_b64) {
   char given[decoded_len];
   decode(pass_b64, given);
-  debug_log("password '%s'\n", given);
+  log_foreign("password '%s'\n", given);
   char wanted[decoded_len] = "";
-  if (cre_get_power_user_passwd(wanted, password_len) == 0) return false;
+  if (is_missing(cre_get_power_user_passwd(wanted, password_len), wanted)) return false;
   terminate(wanted);
   return std::strcmp(given, wanted) == 0;
 }
@@ -50,16 +67,16 @@ bool password_matches(const char* pass_b64) {
 
 std::uint32_t Finderd_check_user(const char* user_b64, std::uint32_t* index) {
   debug_log("%s() >>>\n", "Finderd_check_user");
-  debug_log("  b64_username %s\n", user_b64 != nullptr ? user_b64 : "");
+  log_foreign("  b64_username %s\n", user_b64 != nullptr ? user_b64 : "");
   if (user_b64 == nullptr) return authority_none;
   const std::size_t len = std::strlen(user_b64);
   char name[decoded_len];
   decode(user_b64, name);
-  debug_log("  username %s\n", name);
+  log_foreign("  username %s\n", name);
   // A text that decodes to nothing is an empty name, and must not match an account without one.
   if (name[0] == '\0') return authority_none;
   char administrator[decoded_len] = "";
-  if (cre_get_power_username(administrator, sizeof(administrator)) != 0) {
+  if (!is_missing(cre_get_power_username(administrator, sizeof(administrator)), administrator)) {
     terminate(administrator);
     if (std::strncmp(administrator, name, len) == 0) return authority_administrator;
   }
@@ -69,13 +86,13 @@ std::uint32_t Finderd_check_user(const char* user_b64, std::uint32_t* index) {
   return authority_user;
 }
 
-std::uint32_t Finderd_check_authentication() {
+std::uint32_t Finderd_check_authentication(const FinderRequest& request) {
   char user_b64[finder_credential_len + 1];
   char pass_b64[finder_credential_len + 1];
-  request_text(at_user, finder_credential_len, user_b64, sizeof(user_b64));
-  request_text(at_password, finder_credential_len, pass_b64, sizeof(pass_b64));
+  request_text(request, at_user, finder_credential_len, user_b64, sizeof(user_b64));
+  request_text(request, at_password, finder_credential_len, pass_b64, sizeof(pass_b64));
   debug_log("%s() >>>\n", "Finderd_check_authentication");
-  debug_log("username %s\n", user_b64);
+  log_foreign("username %s\n", user_b64);
   if (user_b64[0] == '\0') return authority_none;
   std::uint32_t index = 0;
   // Twice on purpose; only the second result counts.

@@ -1,4 +1,4 @@
-// The finder's settings: the service switch, the alias and its status, the service domain. Changes go to
+// The finder's changes of settings: the service switch, the alias and its status, the service domain. Changes go to
 // the platform's store and are announced to the main thread by a signal.
 #include <signal.h>
 #include <sys/types.h>
@@ -9,8 +9,7 @@
 #include "core/debug_log.h"
 #include "core/shell.h"
 #include "core/text.h"
-#include "finder/packet.h"
-#include "finder/record.h"
+#include "finder/operations.h"
 #include "platform/tesselcfg.h"
 
 namespace kestrel {
@@ -20,21 +19,20 @@ namespace {
 constexpr std::uint32_t max_alias_handle = 1024;
 constexpr std::uint32_t domain_reply_word = 30000;
 constexpr std::uint32_t change_pending = 2;
+constexpr unsigned stored_alias_len = 32;  // of the store's alias
 
 /// The alias status that stands for "the store's alias is not the one that was set here".
 constexpr char alias_mismatch = 3;
 
-void interrupt_main_thread(int signal_number) {
+void interrupt_main_thread(const DeviceContext& ctx, int signal_number) {
   debug_log("[kestreld_finder]: sending interrupt!!\n");
-  kill(load_word(finder.ctx->pid), signal_number);
+  kill(load_word(ctx.pid), signal_number);
 }
 
-FinderReply begin_words(std::uint32_t first, std::uint32_t second, std::uint32_t third) {
-  FinderReply reply = begin_reply(finder_words_len);
+void put_words(FinderReply& reply, std::uint32_t first, std::uint32_t second, std::uint32_t third) {
   put_u32(reply, 0, first);
   put_u32(reply, 4, second);
   put_u32(reply, 8, third);
-  return reply;
 }
 
 void log_error_number(std::uint32_t error_number) {
@@ -49,12 +47,13 @@ char read_alias_status() {
 }
 
 /// Stores a requested alias. A text that no alias field could hold is refused like any failed store.
-bool request_alias() {
+bool request_alias(const FinderRequest& request) {
+  FinderAlias& memory = *request.alias;
   char alias[finder_alias_len];
-  const bool fits = request_text(at_arg, finder_arg_len, alias, sizeof(alias));
-  if (alias[0] != '\0' && ++finder.alias_handle > max_alias_handle) finder.alias_handle = 1;
+  const bool fits = request_text(request, at_arg, finder_arg_len, alias, sizeof(alias));
+  if (alias[0] != '\0' && ++memory.alias_handle > max_alias_handle) memory.alias_handle = 1;
   if (!fits || srv_update_aliasname_status(alias, ALIAS_REQUESTED) == 0) return false;
-  copy_text(finder.last_alias, alias);
+  copy_text(memory.last_alias, alias);
   return true;
 }
 
@@ -81,98 +80,107 @@ AliasStatusRow alias_status_of(char state) {
   return {state, 0, 0, in_progress};
 }
 
-/// Stores the domain when it differs. Returns whether it was changed.
-bool change_domain(char* domain) {
-  char stored[64] = "";
-  char ip[64] = "";
-  cre_get_skyport_domain_ip(stored, ip);
-  terminate(stored);
-  if (std::strcmp(stored, domain) == 0) return false;
-  cre_set_skyport_domain(domain);
-  return true;
+enum class Stored { unchanged, changed, refused };
+
+constexpr std::size_t domain_len = 64;
+
+void read_domain(char (&domain)[domain_len]) {
+  char ip[domain_len] = "";
+  zero(domain);
+  cre_get_skyport_domain_ip(domain, ip);
+  terminate(domain);
+}
+
+/// Stores the domain when it differs. No platform promises what the setter's result says, so it is refused only
+/// when the store gives the old one still.
+Stored change_domain(char* domain) {
+  char stored[domain_len];
+  read_domain(stored);
+  if (std::strcmp(stored, domain) == 0) return Stored::unchanged;
+  if (cre_set_skyport_domain(domain) != 0) return Stored::changed;
+  char now[domain_len];
+  read_domain(now);
+  return std::strcmp(stored, now) == 0 ? Stored::refused : Stored::changed;
+}
+
+/// As change_domain, for the service's switch.
+Stored change_switch(std::uint8_t wanted) {
+  constexpr std::uint8_t unknown = 0xFF;
+  const std::uint8_t stored = byte_setting(cre_get_skyport_enable_state, unknown);
+  if (stored == wanted) return Stored::unchanged;
+  if (cre_set_skyport_enable_state(static_cast<char>(wanted)) != 0) return Stored::changed;
+  return byte_setting(cre_get_skyport_enable_state, unknown) == stored ? Stored::refused : Stored::changed;
 }
 
 }  // namespace
 
-void Finderd_set_lumen_device_1_2() {
+FinderResult Finderd_set_lumen_device_1_2(const FinderRequest& request, FinderReply& reply) {
   debug_log("%s() >>>\n", "Finderd_set_lumen_device_1_2");
-  const std::uint8_t wanted = finder.req[at_arg];
+  const std::uint8_t wanted = request.bytes[at_arg];
   // A request that ends before its argument must not read as "off".
-  const bool has_arg = request_u16(at_length) + finder_header_len > at_arg;
+  const bool has_arg = request_u16(request, at_length) + finder_header_len > at_arg;
   const bool valid = has_arg && wanted <= 1;
   const std::uint32_t error_number = valid ? 0 : 1;
   log_error_number(error_number);
-  int is_changed = 0;
-  if (valid) {
-    char stored[8] = "";
-    cre_get_skyport_enable_state(stored);
-    if (stored[0] != static_cast<char>(wanted)) {
-      cre_set_skyport_enable_state(static_cast<char>(wanted));
-      is_changed = 1;
-    }
-    // Also when nothing changed: the tool's way to have the camera register anew.
-    interrupt_main_thread(SIGUSR1);
-  }
-  FinderReply reply = begin_words(error_number, 0, 0);
-  send_reply(reply, valid ? 0 : 1);
-  debug_log("%s(), is_changed %d\n", "Finderd_set_lumen_device_1_2", is_changed);
+  put_words(reply, error_number, 0, 0);
+  const Stored stored = valid ? change_switch(wanted) : Stored::refused;
+  if (stored == Stored::refused) return {1};
+  // Also when nothing changed: the tool's way to have the camera register anew.
+  interrupt_main_thread(*request.ctx, SIGUSR1);
+  return {0, stored == Stored::changed};
 }
 
-void Finderd_set_lumen_device_1_2_alias() {
+FinderResult Finderd_set_lumen_device_1_2_alias(const FinderRequest& request, FinderReply& reply) {
   debug_log("%s() >>>\n", "Finderd_set_lumen_device_1_2_alias");
+  FinderResult result{1};
   std::uint32_t error_number = 0;
-  int is_changed = 0;
   if (read_alias_status() == ALIAS_REQUESTED) {
     error_number = change_pending;
-  } else if (request_alias()) {
-    is_changed = 1;
-    interrupt_main_thread(SIGUSR2);
+  } else if (request_alias(request)) {
+    result = {0, true};
+    interrupt_main_thread(*request.ctx, SIGUSR2);
   }
-  FinderReply reply = begin_words(error_number, finder.alias_handle, 0);
+  const std::uint32_t handle = request.alias->alias_handle;
+  put_words(reply, error_number, handle, 0);
   log_error_number(error_number);
-  debug_log("  handle %lu\n", static_cast<unsigned long>(finder.alias_handle));
-  send_reply(reply, is_changed != 0 ? 0 : 1);
-  debug_log("%s(), is_changed %d\n", "Finderd_set_lumen_device_1_2_alias", is_changed);
+  debug_log("  handle %lu\n", static_cast<unsigned long>(handle));
+  return result;
 }
 
-void Finderd_query_alias_status() {
+FinderResult Finderd_query_alias_status(const FinderRequest& request, FinderReply& reply) {
   debug_log("[kestreld_finder]: %s() >>>\n", "Finderd_query_alias_status");
   char state = read_alias_status();
-  char name[64] = "";  // 32 bytes are meant
-  if (srv_get_skyport_alias_name(name, 32) == 0) debug_log("[kestreld] *** srv_get_skyport_alias_name error\n");
+  char name[getter_len] = "";
+  if (srv_get_skyport_alias_name(name, stored_alias_len) == 0) {
+    debug_log("[kestreld] *** srv_get_skyport_alias_name error\n");
+  }
   terminate(name);
-  if (std::strcmp(name, finder.last_alias) != 0) state = alias_mismatch;
+  if (std::strcmp(name, request.alias->last_alias) != 0) state = alias_mismatch;
   const AliasStatusRow row = alias_status_of(state);
   debug_log("  ret %d\n", row.result);
   log_error_number(row.error_number);
   debug_log("  status %lu\n", static_cast<unsigned long>(row.status));
-  FinderReply reply = begin_words(row.error_number, row.status, 0);
-  send_reply(reply, row.result);
+  put_words(reply, row.error_number, row.status, 0);
+  return {row.result};
 }
 
-void Finderd_set_spt_domain() {
+FinderResult Finderd_set_spt_domain(const FinderRequest& request, FinderReply& reply) {
   debug_log(" %s() >>>\n", "Finderd_set_spt_domain");
-  char domain[64];
-  const bool fits = request_text(at_arg, finder_arg_len, domain, sizeof(domain));
+  char domain[domain_len];
   // A domain that the store cannot hold whole is refused like an empty one, never cut.
-  const bool valid = fits && domain[0] != '\0';
-  const std::uint32_t error_number = valid ? 0 : 1;
-  bool is_changed = false;
-  if (valid) {
-    is_changed = change_domain(domain);
-  } else {
-    debug_log(" error_number: %d\n", static_cast<int>(error_number));
-  }
-  FinderReply reply = begin_words(error_number, 0, domain_reply_word);
-  send_reply(reply, valid ? 0 : 1);
-  debug_log(" %s(), is_changed: %d, SendTotalSize=%d, PayloadSize=%d\n", "Finderd_set_spt_domain", is_changed ? 1 : 0,
-            static_cast<int>(finder_header_len + finder_words_len), static_cast<int>(finder_words_len));
-  if (is_changed) {
-    debug_log(" [kestreld_finder]: go to stop relayd and kestreld!!\n");
-    run_shell("killall -9 relayd");
-    // Ends this daemon too; who supervises it starts it with the new domain.
-    run_shell("killall -9 kestreld");
-  }
+  const bool fits = request_text(request, at_arg, finder_arg_len, domain, sizeof(domain));
+  const Stored stored = fits && domain[0] != '\0' ? change_domain(domain) : Stored::refused;
+  const std::uint32_t error_number = stored == Stored::refused ? 1 : 0;
+  put_words(reply, error_number, 0, domain_reply_word);
+  if (stored != Stored::refused) return {0, stored == Stored::changed};
+  debug_log(" error_number: %d\n", static_cast<int>(error_number));
+  return {1};
+}
+
+void stop_daemons() {
+  debug_log(" [kestreld_finder]: go to stop relayd and kestreld!!\n");
+  run_shell("killall -9 relayd");
+  run_shell("killall -9 kestreld");
 }
 
 }  // namespace kestrel

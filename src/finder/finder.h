@@ -22,8 +22,8 @@ int Finderd_init();
 /// Hands the current record over.
 void Finderd_set_context(DeviceContext* context);
 
-/// Serves requests, and sends the connection report whenever 15 seconds pass without one, until the
-/// record's `run` is 0.
+/// Serves requests, sends the connection report whenever 15 seconds pass without one, and at the latest after 60,
+/// and looks then for changed interfaces, until the record's `run` is 0.
 void Finderd_loop();
 
 /// Closes the sockets.

@@ -1,7 +1,9 @@
 // The finder's receive loop and the connection report that its time-out drives.
+#include <poll.h>
 #include <sys/select.h>
 
-#include <cstring>
+#include <cerrno>
+#include <ctime>
 
 #include "core/debug_log.h"
 #include "core/text.h"
@@ -13,8 +15,10 @@ namespace kestrel {
 
 namespace {
 
-constexpr time_t report_period_s = 15;
-constexpr int report_repeats = 3;  // after challenges
+constexpr time_t report_period_s = 15;             // without a datagram
+constexpr std::uint64_t report_limit_ms = 60'000;  // with datagrams
+constexpr int error_pause_ms = 1000;               // for a select that fails at once, and would again
+constexpr int report_repeats = 3;                  // after challenges
 
 /// The Digest state as it was when the thread was started.
 AuthenticateInfo auth_at_start{};
@@ -37,7 +41,7 @@ void report_connection(Reports& reports) {
 int fill_read_set(fd_set& reads) {
   int highest = 0;
   FD_ZERO(&reads);
-  for (int i = 0; i < finder.iIfNum; ++i) {
+  for (int i = 0; i < finder.served.iIfNum; ++i) {
     if (finder.fd[i] < 0) continue;
     FD_SET(finder.fd[i], &reads);
     if (finder.fd[i] > highest) highest = finder.fd[i];
@@ -46,11 +50,11 @@ int fill_read_set(fd_set& reads) {
 }
 
 void serve(const fd_set& reads) {
-  for (int i = 0; i < finder.iIfNum; ++i) {
+  for (int i = 0; i < finder.served.iIfNum; ++i) {
     if (finder.fd[i] < 0 || !FD_ISSET(finder.fd[i], &reads)) continue;
     finder.iReportSocketIndex = i;
     debug_log(" broadcast detected, socket=%d, iReportSocketIndex=%d, interface=%s\n", finder.fd[i], i,
-              finder.act_if[i].name);
+              finder.served.act_if[i].name);
     Finderd_handle_request();
   }
 }
@@ -61,19 +65,29 @@ void Finderd_take_auth(const AuthenticateInfo& auth) {
   auth_at_start = auth;
 }
 
+std::uint64_t finder_now_ms() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
 void Finderd_loop() {
   Reports reports{};
   copy_text(reports.last, "init");
   reports.auth = auth_at_start;
-  while (load_word(finder.ctx->run) != 0) {
+  std::uint64_t reported_ms = finder_now_ms();
+  while (!exit_requested(*finder.ctx)) {
     fd_set reads;
     const int highest = fill_read_set(reads);
     timeval limit{report_period_s, 0};
-    if (select(highest + 1, &reads, nullptr, nullptr, &limit) <= 0) {
-      report_connection(reports);
-    } else {
-      serve(reads);
-    }
+    const int ready = select(highest + 1, &reads, nullptr, nullptr, &limit);
+    if (ready > 0) serve(reads);
+    // Whoever keeps datagrams coming must not keep the reports back.
+    if (ready > 0 && finder_now_ms() - reported_ms < report_limit_ms) continue;
+    if (ready < 0 && errno != EINTR) poll(nullptr, 0, error_pause_ms);
+    report_connection(reports);
+    refresh_sockets();
+    reported_ms = finder_now_ms();
   }
 }
 

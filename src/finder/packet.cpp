@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "core/text.h"
-#include "finder/record.h"
 
 namespace kestrel {
 
@@ -19,20 +18,12 @@ void store_u16(std::uint8_t* at, std::uint16_t value) {
 
 }  // namespace
 
-static_assert(finder_arg_len + at_arg == finder_request_len);
-
-std::uint16_t request_u16(std::size_t offset) {
-  return static_cast<std::uint16_t>(finder.req[offset] | finder.req[offset + 1] << 8);
+std::uint16_t request_u16(const FinderRequest& request, std::size_t offset) {
+  return static_cast<std::uint16_t>(request.bytes[offset] | request.bytes[offset + 1] << 8);
 }
 
-bool request_text(std::size_t offset, std::size_t len, char* out, std::size_t size) {
-  return copy_bytes(out, size, reinterpret_cast<const char*>(finder.req) + offset, len);
-}
-
-FinderReply begin_reply(std::size_t payload_len) {
-  FinderReply reply{};
-  reply.payload_len = payload_len < finder_survey_len ? payload_len : finder_survey_len;
-  return reply;
+bool request_text(const FinderRequest& request, std::size_t offset, std::size_t len, char* out, std::size_t size) {
+  return copy_bytes(out, size, reinterpret_cast<const char*>(request.bytes) + offset, len);
 }
 
 void put_bytes(FinderReply& reply, std::size_t offset, const void* bytes, std::size_t len) {
@@ -59,30 +50,24 @@ void put_text(FinderReply& reply, std::size_t offset, std::size_t size, const ch
   put_bytes(reply, offset, text, strnlen(text, size - 1));
 }
 
-void own_mac(std::uint8_t (&mac)[finder_mac_len]) {
-  const char* at = finder.present_if.mac;
+void parse_mac(const char* text, std::uint8_t (&mac)[finder_mac_len]) {
   for (std::uint8_t& byte : mac) {
     char* end = nullptr;
-    byte = static_cast<std::uint8_t>(std::strtoul(at, &end, 16));
-    at = *end == ':' ? end + 1 : end;
+    byte = static_cast<std::uint8_t>(std::strtoul(text, &end, 16));
+    text = *end == ':' ? end + 1 : end;
   }
 }
 
-void Finderd_build_header(std::uint8_t* buf, std::uint16_t result, std::uint16_t length) {
+void Finderd_build_header(std::uint8_t* buf, const FinderRequest& request, std::uint16_t result, std::uint16_t length) {
   store_u16(buf + at_magic, finder_reply_magic);
-  std::memcpy(buf + at_tag, finder.req + at_tag, at_mac - at_tag);
+  std::memcpy(buf + at_tag, request.bytes + at_tag, at_mac - at_tag);
   std::uint8_t mac[finder_mac_len];
-  own_mac(mac);
+  parse_mac(request.my_mac, mac);
   std::memcpy(buf + at_mac, mac, sizeof(mac));
-  std::memcpy(buf + at_ip, &finder.ifinfo[finder.iReportSocketIndex].ip, at_result - at_ip);
+  std::memcpy(buf + at_ip, &request.iface->ip, at_result - at_ip);
   store_u16(buf + at_result, result);
   store_u16(buf + at_flag, finder_reply_flag);
   store_u16(buf + at_length, length);
-}
-
-void send_reply(FinderReply& reply, std::uint16_t result) {
-  Finderd_build_header(reply.bytes, result, static_cast<std::uint16_t>(reply.payload_len));
-  Finderd_send(reply.bytes, static_cast<std::uint32_t>(finder_header_len + reply.payload_len));
 }
 
 }  // namespace kestrel

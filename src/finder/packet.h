@@ -18,6 +18,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/device_context.h"
+#include "platform/tessel.h"
+
 namespace kestrel {
 
 constexpr std::size_t finder_header_len = 22;
@@ -66,15 +69,32 @@ constexpr std::size_t finder_op_list_len = 34;
 constexpr std::size_t finder_words_len = 16;
 constexpr std::size_t finder_text_len = 64;
 
-/// Reads a field of the current request. The request buffer holds every offset.
-std::uint16_t request_u16(std::size_t offset);
+/// The buffer of one request, and the longest argument, up to its end.
+constexpr std::size_t finder_request_len = 1024;
+constexpr std::size_t finder_arg_len = finder_request_len - at_arg;
+constexpr std::size_t finder_alias_len = 64;
 
-/// Copies a text field of the current request that reaches from `offset` over `len` bytes at most:
-/// terminated, cut to `size`. Returns true when all of it fitted.
-bool request_text(std::size_t offset, std::size_t len, char* out, std::size_t size);
+/// What the finder remembers of the aliases that were set through it.
+struct FinderAlias {
+  std::uint32_t alias_handle;         // 1 to 1024
+  char last_alias[finder_alias_len];  // the last one that was accepted
+};
 
-/// The longest argument, up to the end of the request buffer.
-constexpr std::size_t finder_arg_len = 1024 - at_arg;
+/// A request, and all that an operation works on.
+struct FinderRequest {
+  const std::uint8_t* bytes;  // finder_request_len of them, zero behind the datagram
+  const IFINFO* iface;        // by which it came
+  const char* my_mac;         // MyMAC, the camera's own address as text
+  const DeviceContext* ctx;   // the current record: shared words only
+  FinderAlias* alias;
+};
+
+/// Reads a field of a request, whose buffer holds every offset.
+std::uint16_t request_u16(const FinderRequest& request, std::size_t offset);
+
+/// Copies a text field of a request that reaches from `offset` over `len` bytes at most: terminated, cut to
+/// `size`. Returns true when all of it fitted.
+bool request_text(const FinderRequest& request, std::size_t offset, std::size_t len, char* out, std::size_t size);
 
 /// A reply being written: zero wherever nothing is put. Offsets are payload offsets; what would lie
 /// outside the payload is not written.
@@ -82,9 +102,6 @@ struct FinderReply {
   std::uint8_t bytes[finder_header_len + finder_survey_len];
   std::size_t payload_len;
 };
-
-/// Starts a reply of `payload_len` bytes of payload.
-FinderReply begin_reply(std::size_t payload_len);
 
 void put_u8(FinderReply& reply, std::size_t offset, std::uint8_t value);
 void put_u16(FinderReply& reply, std::size_t offset, std::uint16_t value);
@@ -94,13 +111,10 @@ void put_bytes(FinderReply& reply, std::size_t offset, const void* bytes, std::s
 void put_text(FinderReply& reply, std::size_t offset, std::size_t size, const char* text);
 
 /// The camera's own MAC address, parsed from MyMAC.
-void own_mac(std::uint8_t (&mac)[finder_mac_len]);
+void parse_mac(const char* text, std::uint8_t (&mac)[finder_mac_len]);
 
-/// Writes the 22-byte reply header to `buf` from the current request and the receiving interface.
-void Finderd_build_header(std::uint8_t* buf, std::uint16_t result, std::uint16_t length);
-
-/// Builds the header and sends header and payload.
-void send_reply(FinderReply& reply, std::uint16_t result);
+/// Writes the 22-byte reply header to `buf` for a request.
+void Finderd_build_header(std::uint8_t* buf, const FinderRequest& request, std::uint16_t result, std::uint16_t length);
 
 }  // namespace kestrel
 

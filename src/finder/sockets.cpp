@@ -1,11 +1,10 @@
 // The finder's interfaces and sockets: its beginning, its end, and the way of a reply.
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
 #include <cstring>
 
 #include "core/debug_log.h"
@@ -38,17 +37,49 @@ int first_iface(int (*get)(ACT_IF_INFO*, int*), ACT_IF_INFO& out) {
 }
 
 /// Fills slot k when the named interface is usable.
-bool take_interface(int k, const IF_METRIC& entry) {
+bool take_interface(FinderInterfaces& into, int k, const IF_METRIC& entry) {
   char name[sizeof(entry.name)];
   copy_bytes(name, sizeof(name), entry.name, sizeof(entry.name));
-  IFINFO& info = finder.ifinfo[k];
+  IFINFO& info = into.ifinfo[k];
   zero(info);
   if (get_active_interface(name, &info) == 0 || info.ip == 0) return false;
-  ACT_IF_INFO& text = finder.act_if[k];
+  ACT_IF_INFO& text = into.act_if[k];
   zero(text);
   fillActIfInfo(&text, &info);
   terminate_texts(text);
   copy_text(text.name, name);
+  return true;
+}
+
+void find_usable(FinderInterfaces& into) {
+  int entries = 0;
+  const IF_METRIC* list = dev_get_if_metric(&entries);
+  into.iIfNum = 0;
+  for (int i = 0; list != nullptr && i < entries && into.iIfNum < finder_max_if; ++i) {
+    if (take_interface(into, into.iIfNum, list[i])) ++into.iIfNum;
+  }
+}
+
+void find_present(FinderInterfaces& into) {
+  into.present_index = first_iface(tessel_get_present_iface, into.present_if);
+  into.active_index = first_iface(tessel_get_active_iface, into.active_if);
+}
+
+/// Whether both serve the same requests in the same way.
+bool is_same(const FinderInterfaces& one, const FinderInterfaces& other) {
+  if (one.iIfNum != other.iIfNum || (one.present_index == 0) != (other.present_index == 0) ||
+      (one.active_index == 0) != (other.active_index == 0) ||
+      std::strcmp(one.present_if.mac, other.present_if.mac) != 0) {
+    return false;
+  }
+  for (int i = 0; i < one.iIfNum; ++i) {
+    const IFINFO& a = one.ifinfo[i];
+    const IFINFO& b = other.ifinfo[i];
+    const bool same = std::strcmp(one.act_if[i].name, other.act_if[i].name) == 0 &&
+                      std::memcmp(a.mac, b.mac, sizeof(a.mac)) == 0 && a.ip == b.ip && a.mask == b.mask &&
+                      a.gateway == b.gateway;
+    if (!same) return false;
+  }
   return true;
 }
 
@@ -69,12 +100,21 @@ bool bind_to_port(int fd) {
   return bind(fd, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) == 0;
 }
 
+/// Room for the replies that wait in the kernel for neighbours that do not exist: whoever forges senders has it
+/// keep each for some seconds. Without the right to more, what the system allows.
+void widen(int fd) {
+  constexpr int room = 4 * 1024 * 1024;  // bytes
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) == 0) return;
+  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+}
+
 /// Prepares one interface's socket. Returns what failed; null for success.
 const char* prepare_socket(int fd, const char* name) {
   if (!bind_to_device(fd, name)) return "SO_BINDTODEVICE:ERROR";
   if (!switch_on(fd, SO_REUSEADDR)) return "SO_REUSEADDR:ERROR";
   if (!switch_on(fd, SO_BROADCAST)) return "SO_BROADCAST:ERROR";
   if (!bind_to_port(fd)) return "bind error";
+  widen(fd);
   return nullptr;
 }
 
@@ -86,6 +126,62 @@ int open_socket() {
   return -1;
 }
 
+void close_sockets() {
+  for (std::int32_t& fd : finder.fd) {
+    if (fd >= 0) close(fd);
+    fd = -1;
+  }
+}
+
+/// Opens a socket for each interface, up to the first that cannot be prepared. Returns what failed; null for nothing.
+const char* open_sockets() {
+  finder.complete = false;
+  bool all = true;
+  for (int i = 0; i < finder.served.iIfNum; ++i) {
+    finder.fd[i] = open_socket();
+    all = all && finder.fd[i] >= 0;
+    const char* failure = finder.fd[i] >= 0 ? prepare_socket(finder.fd[i], finder.served.act_if[i].name) : nullptr;
+    if (failure != nullptr) return failure;
+  }
+  finder.complete = all;
+  return nullptr;
+}
+
+void log_sockets() {
+  for (int i = 0; i < finder.served.iIfNum; ++i) debug_log(" Finderd_init: fd[%d]=%d\n", i, finder.fd[i]);
+}
+
+bool has_interfaces() {
+  return finder.served.iIfNum >= 1 && finder.served.present_index != 0 && finder.served.active_index != 0;
+}
+
+/// Finds the interfaces and opens their sockets, and says what comes of it.
+int set_up() {
+  finder.complete = false;
+  get_ifinfo();
+  find_present(finder.served);
+  debug_log(" iIfPresentIndex=%d, iIfActivetIndex=%d\n", finder.served.present_index, finder.served.active_index);
+  const char* failure = has_interfaces() ? open_sockets() : "Interface incorrect";
+  if (failure != nullptr) {
+    print_console("%s\n", failure);
+    return 0;
+  }
+  log_sockets();
+  return 1;
+}
+
+/// Whether an open socket has lost its interface, which may have been made anew under the same name.
+bool lost_device() {
+  for (int i = 0; i < finder.served.iIfNum; ++i) {
+    char name[IFNAMSIZ + 1] = "";
+    socklen_t len = IFNAMSIZ;
+    if (finder.fd[i] < 0) continue;
+    if (getsockopt(finder.fd[i], SOL_SOCKET, SO_BINDTODEVICE, name, &len) != 0) return true;
+    if (std::strcmp(name, finder.served.act_if[i].name) != 0) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 void Finderd_CST() {
@@ -94,47 +190,39 @@ void Finderd_CST() {
   finder.reserved = 0;
   for (std::int32_t& fd : finder.fd) fd = -1;
   zero(finder.request);
-  finder.req = finder.request;
   debug_log("%s()\n", "Finderd_CST");
 }
 
 int get_ifinfo() {
-  int count = 0;
-  int entries = 0;
-  const IF_METRIC* list = dev_get_if_metric(&entries);
-  for (int i = 0; list != nullptr && i < entries && count < finder_max_if; ++i) {
-    if (take_interface(count, list[i])) ++count;
-  }
-  debug_log(" In get_ifinfo: iIfNum=%d\n", count);
-  for (int k = 0; k < count; ++k) {
-    const ACT_IF_INFO& at = finder.act_if[k];
+  FinderInterfaces& found = finder.served;
+  find_usable(found);
+  debug_log(" In get_ifinfo: iIfNum=%d\n", found.iIfNum);
+  for (int k = 0; k < found.iIfNum; ++k) {
+    const ACT_IF_INFO& at = found.act_if[k];
     debug_log(" In get_ifinfo, ACT_IF_INFO_%d:\n[%s]\n[%s]\n[%s]\n[%s]\n[%s]\n\n", k, at.ip, at.mac, at.mask, at.gw,
               at.name);
   }
-  return count;
+  return found.iIfNum;
 }
 
 int Finderd_init() {
-  finder.alias_handle = 1;
-  finder.iIfNum = get_ifinfo();
-  const int present = first_iface(tessel_get_present_iface, finder.present_if);
-  const int active = first_iface(tessel_get_active_iface, finder.active_if);
-  debug_log(" iIfPresentIndex=%d, iIfActivetIndex=%d\n", present, active);
-  if (finder.iIfNum < 1 || present == 0 || active == 0) {
-    print_console("Interface incorrect\n");
-    return 0;
+  finder.alias.alias_handle = 1;
+  return set_up();
+}
+
+void refresh_sockets() {
+  FinderInterfaces now{};
+  find_usable(now);
+  find_present(now);
+  if (!is_same(now, finder.served) || lost_device()) {
+    close_sockets();
+    set_up();
+    return;
   }
-  for (int i = 0; i < finder.iIfNum; ++i) {
-    finder.fd[i] = open_socket();
-    if (finder.fd[i] < 0) continue;
-    const char* failure = prepare_socket(finder.fd[i], finder.act_if[i].name);
-    if (failure != nullptr) {
-      print_console("%s\n", failure);
-      return 0;
-    }
-  }
-  for (int i = 0; i < finder.iIfNum; ++i) debug_log(" Finderd_init: fd[%d]=%d\n", i, finder.fd[i]);
-  return 1;
+  if (finder.complete || !has_interfaces()) return;
+  // What failed may work by now. Nothing is said until it does: it was said when it failed.
+  close_sockets();
+  if (open_sockets() == nullptr && finder.complete) log_sockets();
 }
 
 void Finderd_set_context(DeviceContext* context) {
@@ -143,10 +231,7 @@ void Finderd_set_context(DeviceContext* context) {
 
 void Finderd_DST() {
   debug_log("~%s()\n", "Finderd_DST");
-  for (std::int32_t& fd : finder.fd) {
-    if (fd >= 0) close(fd);
-    fd = -1;
-  }
+  close_sockets();
 }
 
 int Finderd_send(const std::uint8_t* buf, std::uint32_t len) {
@@ -155,7 +240,8 @@ int Finderd_send(const std::uint8_t* buf, std::uint32_t len) {
   inet_ntop(AF_INET, &finder.peer.sin_addr, to, sizeof(to));
   debug_log("%s(), sendto: socket=%d, iReportSocketIndex=%d, len=%d, send_addr=%s\n", "Finderd_send", fd,
             finder.iReportSocketIndex, static_cast<int>(len), to);
-  const ssize_t sent = sendto(fd, buf, len, 0, reinterpret_cast<const sockaddr*>(&finder.peer), sizeof(finder.peer));
+  const ssize_t sent =
+      sendto(fd, buf, len, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&finder.peer), sizeof(finder.peer));
   if (sent < 0) {
     print_error("sendto");
     return 0;

@@ -73,8 +73,9 @@ bool report_enable_up_to_3(DeviceContext& ctx, int enabled) {
 }
 
 int read_enable_switch(const DeviceContext& ctx) {
-  char enabled = 0;
-  return cre_get_skyport_enable_state(&enabled) != 0 ? enabled : ctx.Last_Spt_Enabled;
+  char enabled = unfilled_byte;
+  const bool failed = cre_get_skyport_enable_state(&enabled) == 0 && enabled == unfilled_byte;
+  return failed ? ctx.Last_Spt_Enabled : enabled;
 }
 
 std::uint16_t mapped_port(const DeviceContext& ctx) {

@@ -35,12 +35,16 @@ int answer(const char* function, int natural, const Args&... args) {
   return fake_result(function, natural);
 }
 
+int told(int result) {
+  return result == silent_success ? 0 : result;
+}
+
 /// A getter of a text.
 template <typename Size>
 int text(const char* function, char* out, Size size, const std::string& stored, int natural = 1) {
   const int result = answer(function, natural);
   if (result != 0) fake_fill(out, static_cast<std::size_t>(size), stored);
-  return result;
+  return told(result);
 }
 
 /// A getter of one value.
@@ -48,7 +52,7 @@ template <typename T>
 int value(const char* function, T* out, const T& stored) {
   const int result = answer(function, 1);
   if (result != 0) *out = stored;
-  return result;
+  return told(result);
 }
 
 /// A setter.
@@ -56,7 +60,7 @@ template <typename T, typename V>
 int keep(const char* function, T& stored, V wanted) {
   const int result = answer(function, 1, wanted);
   if (result != 0) stored = wanted;
-  return result;
+  return told(result);
 }
 
 }  // namespace

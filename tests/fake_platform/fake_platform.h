@@ -20,6 +20,9 @@
 
 using Texts = std::vector<std::string>;
 
+/// A scripted result of a getter or setter that does its work and returns 0 all the same.
+constexpr int silent_success = -1000;
+
 /// An entry of the router's table.
 struct FakeMapping {
   std::string description;

@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
 #include <chrono>
 #include <csignal>
@@ -24,10 +25,17 @@
 // ---- What the finder calls outside of the platform ----
 
 static std::function<int(int nfds, const timeval& limit)> on_select;
+static std::function<std::uint64_t()> finder_clock;  // ms, in the place of the monotonic clock
 static std::function<int(const kestrel::DeviceContext*, AuthenticateInfo& auth, char* last_report)> on_report;
 
 extern "C" int kill(pid_t pid, int number) noexcept {
   fake_record("kill " + std::to_string(pid) + (number == SIGUSR1 ? " USR1" : number == SIGUSR2 ? " USR2" : " other"));
+  return 0;
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  if (!finder_clock || clock != CLOCK_MONOTONIC) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+  *now = {static_cast<time_t>(finder_clock() / 1000), static_cast<long>(finder_clock() % 1000 * 1'000'000)};
   return 0;
 }
 
@@ -133,6 +141,18 @@ struct Case {
   Texts changes{};
 };
 
+/// Takes the finder's port, or lets it go.
+void hold_port(bool hold) {
+  static int fd = -1;
+  const sockaddr_in port{AF_INET, htons(finder_port), {}, {}};
+  if (!hold) {
+    close(fd);
+    return;
+  }
+  fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  bind(fd, reinterpret_cast<const sockaddr*>(&port), sizeof(port));
+}
+
 class FinderTest : public FakeTest {
  protected:
   void SetUp() override {
@@ -176,6 +196,7 @@ class FinderTest : public FakeTest {
   Bytes exchange(const Bytes& datagram) const {
     fake.calls.clear();
     fake.log.clear();
+    finder.checks = {};
     EXPECT_EQ(send(client, datagram.data(), datagram.size(), 0), static_cast<ssize_t>(datagram.size()));
     Finderd_handle_request();
     const Bytes reply = receive();
@@ -297,6 +318,11 @@ TEST_F(FinderTest, OnlyTheAdministratorWithHisPasswordIsServed) {
     return [=] { fake.admin = admin, fake.admin_password = password; };
   };
   const auto unknown = [](const char* getter) { return [=] { fake.admin_password = "", fake.always[getter] = 0; }; };
+  const auto silent = [] {
+    for (const char* getter : {"cre_get_power_user_passwd", "cre_get_power_username", "cre_get_max_user_count"}) {
+      fake.always[getter] = silent_success;
+    }
+  };
   const Bytes n48(48, 'n');  // fill their fields to the last byte
   const Bytes p48(48, 'p');
   const Case rows[] = {
@@ -308,6 +334,8 @@ TEST_F(FinderTest, OnlyTheAdministratorWithHisPasswordIsServed) {
       {"which is right", named("admin", ""), as_user(op_list, "admin", ""), op_list_answer},
       {"or not known", unknown("cre_get_power_user_passwd"), as_user(op_list, "admin", ""), refused},
       {"name not known", unknown("cre_get_power_username"), as_user(op_list, "admin", ""), refused},
+      {"known to getters that say nothing", silent, as_admin(op_list), op_list_answer},
+      {"to the table's too", silent, as_user(op_user_probe, "bob", "pw"), silence},
       {"name's beginning", nullptr, as_user(op_list, "adm", "pw"), refused},
       {"longer name", nullptr, as_user(op_list, "admin1", "pw"), refused},
       {"other case", nullptr, as_user(op_list, "Admin", "pw"), refused},
@@ -447,18 +475,28 @@ TEST_F(FinderTest, SelfConfigurationOfEveryStateAndResult) {
 TEST_F(FinderTest, ServiceSwitch) {
   const auto off = [] { fake.enabled = 0; };
   const auto to = [](const char* arg) { return as_admin(op_set_enable, hex(arg)); };
+  const auto failing = [](const char* function, int result) { return [=] { fake.always[function] = result; }; };
   const Texts signal{"kill 4711 USR1"};
   const Texts turned_off{"cre_set_skyport_enable_state 0", "kill 4711 USR1"};
-  const Case rows[] = {{"off", nullptr, to("00"), words(0, 0), turned_off},
-                       {"on", off, to("01"), words(0, 0), {"cre_set_skyport_enable_state 1", "kill 4711 USR1"}},
-                       {"on already, and signalled all the same", nullptr, to("01"), words(0, 0), signal},
-                       {"off already", off, to("00"), words(0, 0), signal},
-                       {"only one byte is read", nullptr, to("00ff"), words(0, 0), turned_off},
-                       {"no argument is no off", nullptr, to(""), words(1, 1)},
-                       {"neither on nor off", nullptr, to("02"), words(1, 1)},
-                       {"the digit", off, to("31"), words(1, 1)},
-                       {"query: off", off, request(op_get_enable), words(0, 0)},
-                       {"query: anything else is on", [] { fake.enabled = 7; }, request(op_get_enable), words(0, 1)}};
+  const Case rows[] = {
+      {"off", nullptr, to("00"), words(0, 0), turned_off},
+      {"on", off, to("01"), words(0, 0), {"cre_set_skyport_enable_state 1", "kill 4711 USR1"}},
+      {"on already, and signalled all the same", nullptr, to("01"), words(0, 0), signal},
+      {"off already", off, to("00"), words(0, 0), signal},
+      {"only one byte is read", nullptr, to("00ff"), words(0, 0), turned_off},
+      {"refused by the store", failing("cre_set_skyport_enable_state", 0), to("00"), words(1, 0), {turned_off[0]}},
+      {"stored, though it says not", failing("cre_set_skyport_enable_state", silent_success), to("00"), words(0, 0),
+       turned_off},
+      {"not known",
+       failing("cre_get_skyport_enable_state", 0),
+       to("01"),
+       words(0, 0),
+       {"cre_set_skyport_enable_state 1", "kill 4711 USR1"}},
+      {"no argument is no off", nullptr, to(""), words(1, 1)},
+      {"neither on nor off", nullptr, to("02"), words(1, 1)},
+      {"the digit", off, to("31"), words(1, 1)},
+      {"query: off", off, request(op_get_enable), words(0, 0)},
+      {"query: anything else is on", [] { fake.enabled = 7; }, request(op_get_enable), words(0, 1)}};
   for (const Case& row : rows) expect(row);
 }
 
@@ -483,7 +521,7 @@ TEST_F(FinderTest, AliasChange) {
       {"not stored", failing("srv_update_aliasname_status"), to("yard"), words(1, 0, 2), {taken("yard")[0]}}};
   for (const Case& row : rows) {
     expect(row);
-    EXPECT_EQ(finder.last_alias, row.changes.size() < 2 ? "" : fake.alias) << row.name;
+    EXPECT_EQ(finder.alias.last_alias, row.changes.size() < 2 ? "" : fake.alias) << row.name;
   }
   for (std::size_t handle = 2; handle <= 1026; ++handle) {  // on from 1, to 1024 and back to 1
     fake.always.clear();
@@ -496,7 +534,7 @@ TEST_F(FinderTest, AliasStatus) {
   const auto given = [](const char* stored, const char* set_here, char state, const char* failing = "") {
     return [=] {
       fake.alias = stored;
-      std::strcpy(finder.last_alias, set_here);
+      std::strcpy(finder.alias.last_alias, set_here);
       fake.alias_status = state;
       fake.always[failing] = 0;
     };
@@ -534,14 +572,22 @@ TEST_F(FinderTest, DomainChangeAnswersBeforeItEndsTheDaemons) {
       if (call.starts_with("run_shell") && recv(client, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1) ++answered_before;
     };
   };
-  const Case rows[] = {{"empty", watch, to(hex("00 78")), words(1, 1, 0, 30000)},
-                       {"the same", watch, to("skyport.test"), done},
-                       {"another", watch, to("x.test" + hex("00 78")), done, taken("x.test")},
-                       {"in other case", watch, to("Skyport.test"), done, taken("Skyport.test")},
-                       {"longest", watch, to(longest), done, taken(longest)},
-                       {"too long", watch, to(longest + "d"), words(1, 1, 0, 30000)}};
+  const Case rows[] = {
+      {"empty", watch, to(hex("00 78")), words(1, 1, 0, 30000)},
+      {"the same", watch, to("skyport.test"), done},
+      {"another", watch, to("x.test" + hex("00 78")), done, taken("x.test")},
+      {"refused by the store",
+       [&] { watch(), fake.always["cre_set_skyport_domain"] = 0; },
+       to("x.test"),
+       words(1, 1, 0, 30000),
+       {taken("x.test")[0]}},
+      {"stored, though it says not", [&] { watch(), fake.always["cre_set_skyport_domain"] = silent_success; },
+       to("x.test"), done, taken("x.test")},
+      {"in other case", watch, to("Skyport.test"), done, taken("Skyport.test")},
+      {"longest", watch, to(longest), done, taken(longest)},
+      {"too long", watch, to(longest + "d"), words(1, 1, 0, 30000)}};
   for (const Case& row : rows) expect(row);
-  EXPECT_EQ(answered_before, 6);
+  EXPECT_EQ(answered_before, 8);
 }
 
 // ---- Interfaces and sockets ----
@@ -553,13 +599,11 @@ TEST_F(FinderTest, FourUsableInterfacesAtMost) {
     fake.binary_interfaces[name] = interface("10.0.0.1");
   fake.binary_interfaces["bare0"] = interface("0.0.0.0");
   ASSERT_EQ(get_ifinfo(), 4);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(finder.act_if[i].name, "eth" + std::to_string(i));
-  EXPECT_STREQ(finder.act_if[3].name, "a-name-of-15-ch");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(finder.served.act_if[i].name, "eth" + std::to_string(i));
+  EXPECT_STREQ(finder.served.act_if[3].name, "a-name-of-15-ch");
 }
 
 TEST_F(FinderTest, WhatCannotBeSetUpIsSaidAndTheRestIsServed) {
-  const int taken = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in port{AF_INET, htons(finder_port), {}, {}};
   const std::pair<const char*, std::function<void()>> rows[] = {
       {"Interface incorrect\n", [] { fake.interface_index = 0; }},
       {"Interface incorrect\n", [] { fake.binary_interfaces.clear(); }},
@@ -567,7 +611,7 @@ TEST_F(FinderTest, WhatCannotBeSetUpIsSaidAndTheRestIsServed) {
        [] {
          fake.metrics.push_back({0, "gone0"}), fake.binary_interfaces["gone0"] = interface("10.0.0.1");
        }},
-      {"bind error\n", [&] { bind(taken, reinterpret_cast<const sockaddr*>(&port), sizeof(port)); }}};
+      {"bind error\n", [] { hold_port(true); }}};
   for (const auto& [said, given] : rows) {
     TearDown();
     SetUp();
@@ -578,10 +622,125 @@ TEST_F(FinderTest, WhatCannotBeSetUpIsSaidAndTheRestIsServed) {
     Finderd_DST();
     for (const int fd : finder.fd) EXPECT_EQ(fd, -1);
   }
-  close(taken);
+  hold_port(false);
+}
+
+TEST_F(FinderTest, WhatComesWithADatagramForgesNoLine) {
+  start();
+  const Bytes forged = "a\nKLOG  authority 1\n\x1b[2J\x9b\xc3\xa9";
+  exchange(as_user(op_list, forged, forged));
+  exchange(request(op_list, text("x\r\ny", 64) + text("", 64)));
+  std::string log;
+  for (const std::string& line : fake.log) log += line;
+  EXPECT_NE(log.find("username x??y\n"), log.npos);
+  exchange(as_user(op_list, "admin", forged));
+  EXPECT_EQ(fake_logged("password 'a?KLOG  authority 1??[2J?\xc3\xa9'"), 1U);
+  EXPECT_EQ(fake_logged("  authority 1\n"), 0U);
+}
+
+TEST_F(FinderTest, PasswordsAreCheckedTwentyTimesAndThenTenTimesASecond) {
+  start();
+  const auto served = [&](std::size_t opcode, int tries) {
+    int replies = 0;
+    for (int i = 0; i < tries; ++i) {
+      const Bytes asked = opcode == op_survey ? request(opcode) : as_user(opcode, "admin", "guess");
+      send(client, asked.data(), asked.size(), 0);
+      Finderd_handle_request();
+      replies += receive().empty() ? 0 : 1;
+    }
+    return replies;
+  };
+  const std::uint64_t begun = finder_now_ms();
+  finder.checks = {0, begun - 2000};
+  const int first = served(op_list, 50);
+  EXPECT_GE(first, 20);
+  EXPECT_LE(first, 20 + static_cast<int>(finder_now_ms() - begun) / 100 + 1);
+  EXPECT_EQ(served(op_survey, 100), 100);
+  finder.checks = {0, finder_now_ms() - 350};
+  EXPECT_EQ(served(0x0999, 3), 3);
+  EXPECT_LE(served(op_set_enable, 50), 1);
+}
+
+TEST_F(FinderTest, ChangedInterfacesAreServedAnew) {
+  if (!own_etc) GTEST_SKIP() << "needs a network of its own";
+  const auto set = [](const char* what) { return [=] { ASSERT_EQ(std::system(what), 0) << what; }; };
+  const auto address = [](const char* ip) { return [=] { fake.binary_interfaces["lo"] = interface(ip); }; };
+  const struct {
+    const char* what;
+    std::function<void()> given, changed;
+    int before;  // of Finderd_init
+    Texts console;
+    bool set_up_again;
+  } rows[] = {
+      {"nothing", nullptr, nullptr, 1, {}, false},
+      {"an address", nullptr, address("127.0.0.5"), 1, {}, true},
+      {"an address at last", address("0.0.0.0"), address("127.0.0.1"), 0, {"Interface incorrect\n"}, true},
+      {"an address that goes", nullptr, address("0.0.0.0"), 1, {"Interface incorrect\n"}, true},
+      {"no address for long", address("0.0.0.0"), nullptr, 0, {"Interface incorrect\n"}, false},
+      {"the camera's own MAC", nullptr, [] { std::strcpy(fake.interfaces[0].mac, "02:00:5e:aa:bb:cd"); }, 1, {}, true},
+      {"a port that was taken", [&] { hold_port(true); }, [&] { hold_port(false); }, 0, {"bind error\n"}, false},
+      {"a device made anew",
+       [] {
+         ASSERT_EQ(std::system("ip link add kt0 type veth peer name kt1"), 0);
+         fake.metrics = {{0, "kt0"}}, fake.binary_interfaces["kt0"] = interface("10.0.0.1");
+       },
+       set("ip link del kt0 && ip link add kt0 type veth peer name kt1"),
+       1,
+       {},
+       true},
+  };
+  for (const auto& row : rows) {
+    TearDown();
+    SetUp();
+    if (row.given) row.given();
+    EXPECT_EQ(Finderd_init(), row.before) << row.what;
+    finder.alias.alias_handle = 7;
+    if (row.changed) row.changed();
+    for (int i = 0; i < 3; ++i) refresh_sockets();
+    EXPECT_EQ(fake.console, row.console) << row.what;
+    EXPECT_EQ(fake_logged(" In get_ifinfo: "), row.set_up_again ? 2U : 1U) << row.what;
+    const bool can = fake.metrics[0].name == std::string("lo") && fake.binary_interfaces["lo"].ip != 0;
+    if (can) {
+      EXPECT_EQ(exchange(request(op_survey, "", everybody)).size(), 334U) << row.what;
+    }
+    EXPECT_EQ(finder.fd[0] >= 0, fake.binary_interfaces["lo"].ip != 0) << row.what;
+    EXPECT_EQ(finder.alias.alias_handle, 7U) << row.what;
+    if (!can) static_cast<void>(std::system("ip link del kt0 2>/dev/null"));
+  }
 }
 
 // ---- The loop ----
+
+TEST_F(FinderTest, DatagramsDoNotKeepTheReportsBackNorOneSocketTheOthers) {
+  start();
+  fake.unix_time_s = 1;
+  std::uint64_t now = 1'000'000;
+  finder_clock = [&] { return now; };
+  int selects = 0;
+  std::vector<int> reported_at;
+  // A datagram every 5 s, on both sockets; the second one's is answered too.
+  finder.served.iIfNum = 2;
+  finder.served.ifinfo[1] = finder.served.ifinfo[0];
+  finder.fd[1] = finder.fd[0];
+  finder.fd[0] = dup(finder.fd[1]);
+  Texts replies;
+  on_select = [&](int, const timeval&) {
+    now += 5000;
+    if (++selects == 40) store_word(ctx.run, 0U);
+    const Bytes asked = request(op_get_enable);
+    for (int i = 0; i < 2; ++i) send(client, asked.data(), asked.size(), 0);
+    for (Bytes reply; !(reply = receive()).empty();) replies.push_back(reply);
+    return 2;
+  };
+  on_report = [&](const DeviceContext*, AuthenticateInfo&, char*) {
+    reported_at.push_back(selects * 5);
+    return request_ok;
+  };
+  Finderd_loop();
+  finder_clock = nullptr;
+  EXPECT_EQ(reported_at, (std::vector{60, 120, 180}));
+  EXPECT_GE(replies.size(), 50U);  // two a turn, until the looks have set up the one socket that there is
+}
 
 TEST_F(FinderTest, ATimeOutSendsTheConnectionReportOneToFourTimes) {
   const std::string again = "authentication needed";
@@ -595,6 +754,7 @@ TEST_F(FinderTest, ATimeOutSendsTheConnectionReportOneToFourTimes) {
       // The fourth is the last, whatever it says; the next time-out goes on from its text.
       {{challenged, challenged, challenged, challenged, challenged, request_ok},
        {"init", again, again, again, "record 4", again}}};
+  fake.metrics.clear();
   for (const int select_result : {0, -1}) {
     for (const auto& [scripted, wanted] : rows) {
       ctx.run = 1;
@@ -636,11 +796,13 @@ TEST_F(FinderTest, AStormWhileTheRecordIsWritten) {
       store_word(ctx.pid, i);
     }
   });
-  constexpr std::size_t opcodes[] = {op_survey, op_self_conf_result, op_set_enable, op_set_alias, op_set_domain};
+  constexpr std::size_t open[] = {op_survey, op_self_conf_result, op_spt_survey, op_get_enable};
+  constexpr std::size_t checked[] = {op_set_enable, op_set_alias, op_set_domain};
   for (std::size_t round = 0; round < 1500; ++round) {
     const Bytes garbage(round % 1200, static_cast<char>(round));
     send(client, garbage.data(), garbage.size(), 0);
-    const Bytes asked = as_admin(opcodes[round % 5], number(round, 1)).replace(at_tag, 2, number(round, 2));
+    const Bytes asked = as_admin(round % 100 == 99 ? checked[round / 100 % 3] : open[round % 4], number(round, 1))
+                            .replace(at_tag, 2, number(round, 2));
     send(client, asked.data(), asked.size(), 0);
     pollfd ready{client, POLLIN, 0};
     const Bytes reply = poll(&ready, 1, 5000) == 1 ? receive() : Bytes(finder_header_len, '\0');

@@ -92,9 +92,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   set_up();
   Finderd_CST();
   finder.ctx = &record;
-  finder.iIfNum = 1;
+  finder.served.iIfNum = 1;
   finder.fd[0] = camera_fd;
-  copy_text(finder.present_if.mac, "00:11:22:0A:0B:0C");
+  copy_text(finder.served.present_if.mac, "00:11:22:0A:0B:0C");
   if (sendto(tool_fd, data, size, 0, reinterpret_cast<const sockaddr*>(&camera), sizeof(camera)) < 0) return 0;
   Finderd_handle_request();
   const bool changed = !fake_calls({"cre_set", "srv_update", "srv_set", "run_shell"}).empty();
