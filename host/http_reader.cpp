@@ -20,7 +20,7 @@ namespace http = boost::beast::http;
 using boost::beast::string_view;
 using boost::system::error_code;
 
-constexpr std::int64_t deadline_ms = 20000;   // for the whole response, however it drips
+constexpr std::int64_t deadline_ms = 30000;   // for the whole response, however it drips
 constexpr std::uint32_t max_head_len = 8192;  // bytes of status line and fields
 constexpr std::size_t max_body_len = 65536;   // bytes, chunk frames not counted
 constexpr std::size_t max_raw_len =

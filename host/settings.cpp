@@ -116,7 +116,8 @@ void reload(Cache& state, const std::string& path, const Stamp& seen) {
   if (!state.loaded || path != state.path || stamp != state.stamp) state.said.clear();
   state.path = path;
   state.stamp = stamp;
-  state.settled = settled && stamp == seen;
+  // A failure may be the moment's (memory, descriptors, a signal): only what was read is kept.
+  state.settled = state.settings != nullptr && settled && stamp == seen;
   state.loaded = true;
   if (!state.settings) say_once(state, path + ": " + problem);
 }

@@ -1,6 +1,7 @@
 // libtessel: the process lock and the service's names.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cerrno>
@@ -31,8 +32,9 @@ Locks& locks() {
 
 /// The descriptor stays open until the process ends, and the lock with it; children do not inherit it.
 bool lock_file(const std::string& path) {
-  Descriptor fd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (fd.get() >= 0 && flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
+  Descriptor fd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  // One that an older version made lets every user in, and any of them could hold the lock.
+  if (fd.get() >= 0 && fchmod(fd.get(), 0600) == 0 && flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
     fd.release();
     return true;
   }
@@ -44,7 +46,11 @@ int take_lock(const char* name) {
   const std::string_view file = name == nullptr ? "" : name;
   if (file.empty() || file.front() == '.' || file.find('/') != std::string_view::npos) return 0;
   const auto run_dir = text_now(setting::run_dir);
-  if (!run_dir) return 0;
+  if (!run_dir) {
+    complain(settings_path(),
+             "no process lock without settings: set KESTREL_CONF to a readable file with a right run_dir");
+    return 0;
+  }
   if (!make_directories(*run_dir)) {
     complain(*run_dir, "cannot be made: " + std::generic_category().message(errno));
     return 0;

@@ -20,6 +20,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 long descriptors() {
   return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
@@ -196,6 +197,18 @@ TEST_F(Host, AChangeByAnotherHandIsSeenAtOnce) {
   }
 }
 
+TEST_F(Host, AFailedReadIsNeverRemembered) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the file is old enough to be kept
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit none{0, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  const int failed = read_model();
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(failed, 0) << "no descriptor was to be had";
+  EXPECT_EQ(read_model(), 1) << "the file is as it was";
+}
+
 TEST_F(Host, TheUrlCarriesTheAcceptedAliasOrTheHid) {
   const std::pair<const char*, const char*> rows[] = {
       {"stored_hid=\n", nullptr},
@@ -230,12 +243,25 @@ TEST_F(Host, TheLockIsHeldUntilTheProcessEnds) {
   EXPECT_EQ(byte, '1');
   EXPECT_EQ(tessel_get_lock("kestreld_lock"), 0);
   EXPECT_EQ(tessel_get_lock("another"), 1);
+  EXPECT_EQ(fs::status(dir + "/run/deep/another").permissions(), fs::perms(0600)) << "nobody else may flock it";
   EXPECT_EQ(tessel_get_lock("../outside"), 0);
   close(end[1]);
   waitpid(holder, nullptr, 0);
   EXPECT_EQ(tessel_get_lock("kestreld_lock"), 1);
   EXPECT_EQ(tessel_get_lock("kestreld_lock"), 1) << "its holder has it";
   for (const int fd : {told[0], told[1], end[0]}) close(fd);
+}
+
+TEST_F(Host, ALockThatCannotBeTakenSaysWhy) {
+  write_file(dir + "/file", "");
+  const std::string in_the_way = with(sample, "run/deep", "file/deep");
+  for (const auto& [content, reason] :
+       {std::pair{"?"s, "set KESTREL_CONF to"s}, {in_the_way, "file/deep: cannot be made"}}) {
+    write_file(conf, content);
+    const Child child = run_child([] { return tessel_get_lock("kestreld_lock"); });
+    EXPECT_EQ(child.status, 0);
+    EXPECT_NE(child.err.find(reason), std::string::npos) << child.err;
+  }
 }
 
 TEST_F(Host, TheStatusFileHasOneEntryALine) {
