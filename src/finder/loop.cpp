@@ -68,7 +68,7 @@ void Finderd_take_auth(const AuthenticateInfo& auth) {
 std::uint64_t finder_now_ms() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec) / 1'000'000;
+  return static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec / 1'000'000);
 }
 
 void Finderd_loop() {
