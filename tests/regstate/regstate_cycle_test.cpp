@@ -138,40 +138,6 @@ TEST_F(RegstateCycle, AddressesDecideThePath) {
   }
 }
 
-/// Two cycles from state_init on: the states up to the last one, and the update's result there.
-TEST_F(RegstateCycle, Walks) {
-  const std::string net = "START IpReady InternetReady ", nat = net + "NATMode UPnP ";
-  const std::string nat1 = nat + "UPnP_A NAT1 UpnpPfReady LumenDevDone ", unreached = "UPnP_B NATU ";
-  const struct {
-    const char *results, *router_ip, *own_ip;
-    std::string first, second;
-  } rows[] = {
-      {"eip=1,1,0 update=2,2,2", "", "203.0.113.5",
-       net + "PublicMode IpReady InternetReady PublicMode IpReady LumenDevNotReady 2",
-       net + "PublicMode LumenDevNotReady 2"},
-      {"router=4,4 cb=0,0,0,0,1,1", "", "192.168.1.30",
-       nat + unreached + unreached + unreached + unreached + "UpnpPfFailed LumenDevPartDone 1",
-       nat + unreached + "UpnpPfReady LumenDevDone 1"},
-      {"router=4,0 cb=1,2,1,0", "203.0.113.5", "192.168.1.30",
-       nat + unreached + "UpnpPfReady NAT1 UpnpPfReady LumenDevDone 1", nat1 + "3"},
-      {"upf=5 cb=1,0", "203.0.113.5", "192.168.1.30", nat + "UPnP_A NAT1 " + nat1 + "1", nat1 + "3"},
-  };
-  for (const auto& row : rows) {
-    begin(START, row.results);
-    auth_fail_count = {};
-    fake.router_ip = row.router_ip;
-    std::strcpy(fake.interfaces.front().ip, row.own_ip);
-    state_init(now);
-    for (const std::string& expected : {row.first, row.second}) {
-      if (now.state >= LumenDevPartDone) turn();
-      std::string path;
-      for (int turns = 0; turns < 40 && now.state < LumenDevPartDone; ++turns, turn())
-        path += std::string(state_name(now.state)) + " ";
-      EXPECT_EQ(path + state_name(now.state) + " " + std::to_string(now.upd.resut), expected);
-    }
-  }
-}
-
 TEST_F(RegstateCycle, UriOfTheDomain) {
   const std::pair<const char*, const char*> rows[] = {
       {"skyport.test", "skyport.test"}, {"lbskyport.test", "skyport.test"},
