@@ -87,6 +87,13 @@ TEST_F(RegstateCycle, LongTextsAreCutToTheirFields) {
   EXPECT_EQ(std::string(now.hid) + now.auth_info.user, std::string(16, 'h'));
   EXPECT_EQ(std::string(now.auth_info.pass), std::string(51, 'p'));
   EXPECT_EQ(std::string(now.uid), std::string(56, 'M') + "_0A0B0C");
+  std::memset(static_cast<void*>(fake.interfaces.data()), 'x', sizeof(ACT_IF_INFO));
+  turn();
+  std::string lengths;
+  for (const char* text :
+       {now.active_if.ip, now.active_if.mac, now.active_if.mask, now.active_if.gw, now.active_if.name, now.i.ip})
+    lengths += std::to_string(std::strlen(text)) + " ";
+  EXPECT_EQ(lengths, "15 17 15 15 15 15 ");
 }
 
 TEST_F(RegstateCycle, ExitRequestIsNotTakenBack) {

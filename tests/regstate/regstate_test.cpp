@@ -138,5 +138,14 @@ TEST_F(StateTable, EveryPathIsATransition) {
   }
 }
 
+TEST_F(StateTable, Names) {
+  std::string names;
+  for (int state = -1; state <= 18; ++state) names += std::string(state_name(static_cast<RegState>(state))) + " ";
+  EXPECT_EQ(
+      names,
+      "UNKNOWN START IpReady InternetReady NATMode PublicMode UPnP NoUPnP UPnP_A UPnP_B NATU NAT1 NATM UpnpPfReady "
+      "UpnpPfFailed LumenDevPartDone LumenDevDone LumenDevNotReady UNKNOWN UNKNOWN ");
+}
+
 }  // namespace
 }  // namespace kestrel
