@@ -46,7 +46,7 @@ int connect_back_with_credentials(DeviceContext& ctx) {
 
 bool still_reachable(DeviceContext& ctx) {
   int result = srv_connectback(&ctx);
-  if (result == request_challenged) result = connect_back_with_credentials(ctx);
+  if (result == request_challenged && !exit_requested(ctx)) result = connect_back_with_credentials(ctx);
   if (result == request_ok) {
     debug_log("Connect back ok!\n");
     return true;

@@ -87,8 +87,7 @@ int get_router_address(char* ip) {
   char found[MUPNP_CLIENT_LEN];  // 16 bytes are meant; a library with IPv6 in mind may fill more
   copy_text(found, ip);
   const int result = Mupnpcp_get_eip(found, UPNP_DEF_TIMEOUT);
-  terminate(found);
-  copy_text(ip, ip_len, found);
+  copy_bytes(ip, ip_len, found, sizeof(found));
   return result;
 }
 

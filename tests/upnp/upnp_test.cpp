@@ -131,43 +131,66 @@ TEST_F(UpnpTest, SearchesOverCandidates) {
   const std::string asked = "Querying eport:(80)/query 80 1 8/", stopped = "unhandled return value(-1),UPF() failed/";
   const std::string timeout = "*** timeout! in querying eport:(80) retry(", again = timeout + "0)/query 80 1 8/";
   const std::string empty = queried("80", "3") + ">>ueport:(80) EMPTY, start adding/";
-  const std::string own_80 = "80|here|LC_0A0B0C-1.2-80|8000";
+  const std::string own_80 = "80|here|LC_0A0B0C-1.2-80|8000", game_80 = "80|away|Game|1";
+  const std::string add = "add LC_0A0B0C-1.2-80 80 8000 1 8/", next = "Querying eport:(443)/=> 0 ";
+  const std::string unadded = " Port mapping add port (80) failed,try next/" + next;
   const struct {
     const char* stored;
     std::string table;
     const char* results;
-    int reload_at;  // requested during this query; 0: before the search, -1: never
+    const char* signal;  // "reload" or "exit", and the call during which it comes
     std::string trace;
     const char* left;
   } rows[] = {
-      {"", own_80, "", -1, queried("80", "1") + "ignore adding port mapping/=> 1 80", "80 "},
-      {"", "", "add=1,1", -1, empty + not_added("B1", "80") + mapped("443"), "443 "},
-      {"", "", "add=725", -1, empty + "add LC_0A0B0C-1.2-80 80 8000 1 8/" + added("B1", "80"), "80 "},
-      {"", "80|away|Game|80 443|away||8000 8081|away|LC_0A0B0C-1.2|8000", "", -1,
+      {"", own_80, "", "", queried("80", "1") + "ignore adding port mapping/=> 1 80", "80 "},
+      {"", "", "add=1,1", "", empty + not_added("B1", "80") + mapped("443"), "443 "},
+      {"", "", "add=725", "", empty + add + added("B1", "80"), "80 "},
+      {"", game_80 + " 443|away||8000 8081|away|LC_0A0B0C-1.2|8000", "", "",
        foreign("80", "Game") + foreign("443", "") + foreign("8081", "LC_0A0B0C-1.2") + mapped("8082"),
        "80 443 8081 8082 "},
       // The name keeps the number of the first candidate, which is the one behind the stored port.
-      {"443", "8081|away|Game|1 8082|here|LC_0A0B0C-1.2-8081|8000", "", -1,
+      {"443", "8081|away|Game|1 8082|here|LC_0A0B0C-1.2-8081|8000", "", "",
        foreign("8081", "Game") + queried("8082", "1") + "ignore adding port mapping/=> 1 8082", "8081 8082 "},
-      {"8081", "", "", -1, mapped("8082", "8082"), "8082 "},
-      {"", own_80, "query=-1,-1", -1, asked + again + timeout + "1)/ret=-1/" + stopped + "=> 0 ", "80 "},
-      {"", own_80, "query=-1", -1, asked + again + "ret=1/ignore adding port mapping/=> 1 80", "80 "},
-      {"", "", "query=501", -1, queried("80", "501") + "unhandled return value(501),UPF() failed/=> 0 ", ""},
-      {"", "", "", 0, "Querying eport:(80)/=> 0 ", ""},
-      {"", "", "query=2", 1, foreign("80", "") + "Querying eport:(443)/=> 0 ", ""},
-      {"", "", "query=-1", 1, asked + timeout + "0)/ret=5/=> 5 ", ""},
-      {"", "", "", 1, mapped("80"), "80 "},
+      {"8081", "", "", "", mapped("8082", "8082"), "8082 "},
+      {"", own_80, "query=-1,-1", "", asked + again + timeout + "1)/ret=-1/" + stopped + "=> 0 ", "80 "},
+      {"", own_80, "query=-1", "", asked + again + "ret=1/ignore adding port mapping/=> 1 80", "80 "},
+      {"", "", "query=501", "", queried("80", "501") + "unhandled return value(501),UPF() failed/=> 0 ", ""},
+      {"", "", "", "reload", "Querying eport:(80)/=> 0 ", ""},
+      {"", game_80, "", "reload Mupnpcp_query", foreign("80", "Game") + next, "80 "},
+      {"", "", "query=-1", "reload Mupnpcp_query", asked + timeout + "0)/ret=5/=> 5 ", ""},
+      {"", "", "", "reload Mupnpcp_query", mapped("80"), "80 "},
+      // An exit request lets the call under way end, and no more.
+      {"", game_80, "", "exit Mupnpcp_query", foreign("80", "Game") + next, "80 "},
+      {"", "", "query=-1", "exit Mupnpcp_query", asked + timeout + "0)/ret=5/=> 5 ", ""},
+      {"", "", "", "exit Mupnpcp_query", empty + "***B1" + unadded, ""},
+      {"", "", "add=1", "exit Mupnp_add", empty + add + "***B1" + unadded, ""},
+      {"", "80|here||81", "del=7", "exit Mupnp_del",
+       queried("80", "1") + "***no service name/" + del80 + "A3 Port mapping delete port (80) success/***A3" + unadded,
+       "80 "},
   };
   for (const auto& row : rows) {
     begin(row.stored, row.table.c_str(), row.results);
-    reload = row.reload_at == 0 ? 1 : 0;
-    int queries = 0;
+    const Texts signal = split(row.signal);
     trace.on_call = [&](const std::string& call) {
-      if (call.starts_with("Mupnpcp_query") && ++queries == row.reload_at) reload = 1;
+      if (signal.size() < 2 || !call.starts_with(signal[1])) return;
+      (signal[0] == "exit" ? current_record.run : reload) = signal[0] == "exit" ? 0U : 1U;
     };
+    reload = signal.size() == 1 ? 1 : 0;
     EXPECT_EQ(search(), row.trace);
     EXPECT_EQ(left(), row.left) << row.trace;
   }
+}
+
+TEST_F(UpnpTest, ConsoleTellsOfEveryQuery) {
+  begin("", "80|away|Game|1");
+  fake.mappings[80].lease_s = 9;
+  search();
+  const std::string before = "before Mupnpcp_query_eport_ex,sname=", after = "after Mupnpcp_query_eport_ex, ret = ";
+  // Of what the query before it found, the description alone is left.
+  const std::string rest = ",newInternalClient=,newInternalPort=0\nnewLeaseDuration=0,ueport=";
+  const std::string end = ",type=1,UPNP_DEF_TIMEOUT=8\n\n";
+  EXPECT_EQ(fake.console,
+            (Texts{before + rest + "80" + end, after + "2\n", before + "Game" + rest + "443" + end, after + "3\n"}));
 }
 
 TEST_F(UpnpTest, FiftyCandidatesFollowTheStoredPort) {
@@ -185,34 +208,6 @@ TEST_F(UpnpTest, FiftyCandidatesFollowTheStoredPort) {
     for (std::size_t i = 0; i < 3; ++i) first += split(asked[i])[1] + " ";
     EXPECT_EQ(first, candidates);
   }
-}
-
-TEST_F(UpnpTest, AnExitRequestEndsWithTheCallUnderWay) {
-  const struct {
-    const char *table, *results, *call;  // during which the request comes
-    std::string calls;
-  } rows[] = {
-      {"80|away|Game|1", "", "Mupnpcp_query", "query 80 1 8/"},
-      {"", "query=-1,-1", "Mupnpcp_query", "query 80 1 8/"},
-      {"80|here|LC_0A0B0C-1.2-80|81", "del=7,7", "Mupnp_del", "query 80 1 8/del 80 1 8/"},
-      {"", "add=1,1", "Mupnp_add", "query 80 1 8/add LC_0A0B0C-1.2-80 80 8000 1 8/"},
-  };
-  for (const auto& row : rows) {
-    begin("", row.table, row.results);
-    std::string calls;
-    trace.on_call = [&](const std::string& call) {
-      for (const auto& [beginning, name] : router_calls) {
-        if (call.starts_with(beginning)) calls += name + call.substr(beginning.size()) + "/";
-      }
-      if (call.starts_with(row.call)) current_record.run = 0;
-    };
-    EXPECT_NE(UPF(uid, http_port, port, &reload), upf_mapped);
-    EXPECT_EQ(calls, row.calls) << row.results;
-  }
-  begin("", "80|here|LC_0A0B0C-1.2-80|80 443|here|LC_0A0B0C-1.2-80|80");
-  trace.on_call = [&](const std::string&) { current_record.run = 0; };
-  EXPECT_EQ(remove_own_mappings(uid), 0);
-  EXPECT_EQ(left(), "443 ");
 }
 
 // A library that fills the whole buffer is cut, and its text never equals ours.
@@ -250,6 +245,7 @@ TEST_F(UpnpTest, CleanUpRemovesOwnMappings) {
     const char *table, *results;
     std::string trace;
     const char* left;
+    bool exit = false;  // requested during the first delete
   } rows[] = {
       {"80|here|LC_0A0B0C-1.2-80|80 8081|away|LC_0A0B0C-1.2-443|80", "",
        "entry 0 8/" + own("80") + "entry 0 8/" + own("8081") + "entry 0 8/", ""},
@@ -258,10 +254,14 @@ TEST_F(UpnpTest, CleanUpRemovesOwnMappings) {
       {"80|away|Game|1 443|here||80 8081|here|LC_0A0B0C-1.|80 8082|here|LC_0A0B0C-1.2-80|80", "",
        "entry 0 8/" + other + "entry 1 8/" + other + "entry 2 8/" + other + "entry 3 8/" + own("8082") + "entry 3 8/",
        "80 443 8081 "},
+      {"80|here|LC_0A0B0C-1.2-80|80 443|here|LC_0A0B0C-1.2-80|80", "", "entry 0 8/" + own("80"), "443 ", true},
       {"80|away|Game|1 443|here|LC_0A0B0C-1.2-80|80", "entry=0,713", "entry 0 8/" + other + "entry 1 8/", "80 443 "},
   };
   for (const auto& row : rows) {
     begin("", row.table, row.results);
+    trace.on_call = [&](const std::string& call) {
+      if (row.exit && call.starts_with("Mupnp_del")) current_record.run = 0;
+    };
     EXPECT_EQ(remove_own_mappings(uid), 0);
     EXPECT_EQ(trace.take(), "======== uid_info : LC_0A0B0C-1.2 ========/" + row.trace);
     EXPECT_EQ(left(), row.left) << row.trace;
