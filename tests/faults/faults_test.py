@@ -92,10 +92,8 @@ class Home(Trial):
             self.begin()
             self.until_well()
         self.next = max(number, self.page.told) + (7 if b"libcrypto" in self.page.what or mode == FOR_20_S else 1)
-        if self.descriptors() > self.open:  # an unanswered request's socket stays until its next turn
-            self.process.send_signal(signal.SIGUSR1)
-            self.until_registered()
-            self.until(lambda: self.descriptors() <= self.open, 3, f"down to {self.open} descriptors")
+        # An unanswered request's socket stays until that request's next turn; an exchange under way has its own.
+        self.until(lambda: self.descriptors() <= self.open + 1, 3, f"down to {self.open} descriptors and one")
         self.end()
 
     def place(self, prelude, mend):
