@@ -40,7 +40,9 @@ bool take_lock() {
 void fill_standard_descriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     // The lowest that is free is the one that was missing.
-    if (fcntl(fd, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDWR));
+    if (fcntl(fd, F_GETFD) >= 0) continue;
+    const int opened = open("/dev/null", O_RDWR);
+    if (opened > STDERR_FILENO) close(opened);
   }
 }
 
