@@ -118,7 +118,6 @@ TEST_F(UpnpTest, ReplaceCases) {
         {"del=4", del80 + gone + mapped("443")},
         {"del=7,4", del80 + del80 + gone + mapped("443")},
         {"add=718,718", del80 + done + success + not_added(row.name, "80") + mapped("443")},
-        {"del=7,7 add=1,1", del80 + del80 + success + not_added(row.name, "80") + mapped("443")},
     };
     for (const auto& outcome : outcomes) {
       begin("", row.table, outcome.results);
