@@ -3,7 +3,6 @@
 #include <array>
 #include <regex>
 
-#include "regstate/choices.h"
 #include "regstate/regstate_fakes.h"
 
 namespace kestrel {

@@ -324,14 +324,6 @@ inline Rows start_rows() {
   return rows;
 }
 
-/// The guard of the enable report and the DAIP query: its counter after each result, by the counter before; and
-/// whether it writes that the authentication failed.
-const std::map<char, std::vector<std::pair<std::uint32_t, bool>>> guard = {
-    {'1', {{0, false}, {0, false}, {0, false}}},
-    {'2', {{1, false}, {2, false}, {0, true}}},
-    {'x', {{0, true}, {0, true}, {0, true}}},
-};
-
 }  // namespace kestrel
 
 #endif

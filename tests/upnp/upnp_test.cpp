@@ -118,7 +118,6 @@ TEST_F(UpnpTest, ReplaceCases) {
         {"del=4", del80 + gone + mapped("443")},
         {"del=7,4", del80 + del80 + gone + mapped("443")},
         {"add=718,718", del80 + done + success + not_added(row.name, "80") + mapped("443")},
-        {"del=7,7 add=1,1", del80 + del80 + success + not_added(row.name, "80") + mapped("443")},
     };
     for (const auto& outcome : outcomes) {
       begin("", row.table, outcome.results);
@@ -191,6 +190,22 @@ TEST_F(UpnpTest, ConsoleTellsOfEveryQuery) {
   const std::string end = ",type=1,UPNP_DEF_TIMEOUT=8\n\n";
   EXPECT_EQ(fake.console,
             (Texts{before + rest + "80" + end, after + "2\n", before + "Game" + rest + "443" + end, after + "3\n"}));
+}
+
+// For callers that have more than two attempts.
+TEST_F(UpnpTest, TheFourthAttemptIsTheLast) {
+  fake.always = {{"Mupnpcp_query_eport_ex", -1}, {"Mupnp_add_eport", 1}, {"Mupnp_del_eport", 7}};
+  char description[MUPNP_DESCRIPTION_LEN] = "", client[MUPNP_CLIENT_LEN] = "";
+  int internal = 0, lease_s = 0;
+  EXPECT_EQ(query_eport_retry(description, client, &internal, &lease_s, 80, 1, 5, &reload), -1);
+  EXPECT_EQ(add_eport_retry("name", 80, http_port, 1, 5) + delete_port(80, 5), 0);
+  std::string expected;
+  for (const char* attempt : {"0", "1", "2", "3"})
+    expected += "query 80 1 8/*** timeout! in querying eport:(80) retry(" + std::string(attempt) + ")/";
+  expected += "*** query eport:(80) failed! stop/";
+  for (int attempt = 0; attempt < 4; ++attempt) expected += "add name 80 8000 1 8/";
+  expected += "*** Port mapping add port 80 failed/" + del80 + del80 + del80 + del80;
+  EXPECT_EQ(trace.take(), expected + "*** Port mapping delete port (80) failed/");
 }
 
 TEST_F(UpnpTest, FiftyCandidatesFollowTheStoredPort) {
