@@ -121,10 +121,12 @@ class SkyportTest(unittest.TestCase):
         self.assertEqual(self.service.returncode, 0)
         self.assertLess(time.monotonic() - start, 5)
 
-    def people(self, path, method="GET", body=None):
+    def people(self, path, method="GET", body=None, wanted=200, **headers):
         with contextlib.closing(http.client.HTTPConnection("127.0.0.1", self.status, timeout=10)) as connection:
-            connection.request(method, path, body)
-            return json.loads(connection.getresponse().read())
+            connection.request(method, path, body, headers)
+            answer = connection.getresponse()
+            self.assertEqual(answer.status, wanted, (path, headers))
+            return json.loads(answer.read())
 
     def last(self, *names):
         exchange = self.people("/exchanges")[-1]
@@ -188,6 +190,21 @@ class SkyportTest(unittest.TestCase):
             self.assertEqual(camera.ask("POST", "/alias.html", body), (200, ldev(ahret=verdict)), name)
         self.assertEqual([(device["hid"], device["alias"]) for device in self.people("/devices")], [("KESTREL1", None), ("KESTREL2", "yard")])
         self.assertEqual([ask("GET", "/nope.html")[0], ask("POST", "/ext.html", b"")[0]], [404, 405])
+
+    def test_the_status_port_takes_orders_from_this_machine_alone(self):
+        own = f"127.0.0.1:{self.status}"
+        for host, origin, wanted in (
+                ("localhost", None, 200), ("[::1]:80", None, 200), (own, "http://" + own, 200), ("127.9.9.9", None, 200),
+                ("rebound.test", None, 403), (f"rebound.test:{self.status}", "http://rebound.test", 403), ("127.0.0.1.test", None, 403),
+                ("10.9.9.9", None, 403), (own, "http://other.test", 403), (own, "null", 403), (own, "http://127.0.0.1:1", 403)):
+            headers = {"Host": host, **({"Origin": origin} if origin else {})}
+            self.people("/faults", "POST", "/x:reset", wanted, **headers)
+            self.people("/devices", wanted=wanted, **headers)
+        self.assertEqual(self.people("/faults"), ["/x:reset"] * 4)
+        self.people("/faults", "POST", "/x:reset\n" * 996)
+        self.assertRegex(self.people("/faults", "POST", "/y:reset", 409)["error"], "at most 1000 .* DELETE")
+        self.assertEqual(self.people("/faults"), ["/x:reset"] * 1000)
+        self.assertEqual(self.people("/faults", "DELETE"), [])
 
     def test_connecting_back(self):
         def ask(port):

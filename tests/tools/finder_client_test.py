@@ -100,34 +100,39 @@ def start_camera():
 
 
 class Stub:
-    """A camera on a third LAN: forgets the first requests of every kind, has a name that means ill, or other sizes."""
+    """A camera on a third LAN that can forget requests, mean ill, have other sizes, hear badly, or be hundreds."""
 
     def __init__(self):
-        self.name, self.forgets, self.surplus, self.mute, self.seen = b"Stub", 0, b"", False, {}
+        self.reset()
         with STUB.inside():
             self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            self.socket.setsockopt(socket.IPPROTO_IP, 8, 1)  # IP_PKTINFO: where a request was sent to
             self.socket.bind(("", PORT))
         threading.Thread(target=self.serve, daemon=True).start()
 
+    def reset(self):
+        self.name, self.forgets, self.surplus, self.mute, self.herd, self.deaf, self.heard = b"Stub", 0, b"", False, 1, 0, []
+
     def serve(self):
         while True:
-            request, peer = self.socket.recvfrom(2048)
-            opcode = struct.unpack_from("<H", request, 4)[0]
-            self.seen[opcode] = self.seen.get(opcode, 0) + 1
-            if self.mute or self.seen[opcode] <= self.forgets or request[6:12] not in (EVERYBODY, raw(STUB_MAC)):
+            request, info, _, peer = self.socket.recvmsg(2048, 64)
+            opcode, broadcast = struct.unpack_from("<H", request, 4)[0], info[0][2][8:] == b"\xff" * 4
+            self.heard.append((opcode, broadcast))
+            if (self.mute or [op for op, _ in self.heard].count(opcode) <= self.forgets or opcode == self.deaf and not broadcast
+                    or request[6:12] not in (EVERYBODY, raw(STUB_MAC))):
                 continue
             size = {**OPEN, **PROTECTED}[opcode]
             name = {0xA1: 204, 0x109: 166}.get(opcode)
-            payload = b"\0" * name + self.name.ljust(size - name, b"\0") if name else b"\2" * size
-            payload += self.surplus if not name else b""
-            header = HEADER.pack(0xFEEE, *struct.unpack_from("<HH", request, 2), raw(STUB_MAC), b"\x0a\x09\0\2", 0, 1,
-                                 len(payload))
-            self.socket.sendto(header + payload, peer)
+            payload = b"\0" * name + self.name.ljust(size - name, b"\0") if name else b"\2" * size + self.surplus
+            for number in range(self.herd):
+                mac = (int.from_bytes(raw(STUB_MAC), "big") + number).to_bytes(6, "big")
+                self.socket.sendto(HEADER.pack(0xFEEE, *struct.unpack_from("<HH", request, 2), mac, b"\x0a\x09\0\2", 0, 1,
+                                               len(payload)) + payload, peer)
 
 
 class Finder(unittest.TestCase):
     def setUp(self):
-        STUB_CAMERA.__dict__.update(name=b"Stub", forgets=0, surplus=b"", mute=False, seen={})
+        STUB_CAMERA.reset()
         for key, value in {"alias": "yard", "last_alias": "front", "alias_status": "16", "enabled": "1"}.items():
             CAMERA.set(key, value)
 
@@ -191,10 +196,30 @@ class Finder(unittest.TestCase):
                            "timezone": 0x1234, "dst": True, "service": "on"}.items():
             self.assertEqual(shown[key], value, key)
         survey = dissected(SURVEY, ask("a", 0xA1)[2])
-        self.assertEqual([shown["dns1"], shown["dns2"]], [socket.inet_ntoa(survey[key]) for key in ("dns1", "dns2")])
-        STUB_CAMERA.name = b"a\x1b[31m\x9b\xe2\x80\xae\xff"
-        self.assertIn("a?[31m???", find("--interface", "c", "list")[1])
+        self.assertEqual([shown["dns1"], shown["dns2"], shown["gateway"]],
+                         [socket.inet_ntoa(survey[key]).replace("0.0.0.0", "") for key in ("dns1", "dns2")] + [""])
+        self.assertRegex(find("show", MAC)[1], r"(?s)HARDWARE +0x00010002\n.*GATEWAY +-\n")
+        STUB_CAMERA.name = b"a\x1b[31m\x9b\xe2\x80\xae\xff;\\"
+        self.assertIn("a?[31m???;\\", find("--interface", "c")[1])
+        self.assertEqual(find("--interface", "c", "-p", "list")[1].split(";")[:5],
+                         ["a\\027[31m\\155\\226\\128\\174\\255\\059\\092", "10.9.0.2", "0", STUB_MAC, ""])
         self.assertEqual(json.loads(find("--interface", "c", "list", "--json")[1])[0]["name"][:2], "a\x1b")
+        STUB_CAMERA.herd = 400
+        self.assertEqual(len(json.loads(find("--interface", "c", "list", "--json")[1])), 400)
+
+    def test_find_lists_each_camera_as_it_comes(self):
+        command = PC.command(PC.build / "tools/kestrel-find", "--timeout", "8", "--interface", "c")
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as listing:
+            self.assertRegex(listing.stdout.readline() + listing.stdout.readline(), r"(?s)SERVICE URL\n.*" + STUB_MAC)
+            self.assertIsNone(listing.poll())
+            listing.kill()
+
+    def test_credentials_are_broadcast_only_when_told(self):
+        STUB_CAMERA.deaf = 0x106
+        status, _, said = find("alias", STUB_MAC)
+        self.assertEqual((status, "--broadcast" in said, (0x106, True) in STUB_CAMERA.heard), (1, True, False))
+        self.assertEqual((find("--broadcast", "alias", STUB_MAC)[0], (0x106, True) in STUB_CAMERA.heard), (0, True))
+        self.assertIn("is still on", find("service", STUB_MAC, "off")[2])  # whatever the reply said
 
     def test_find_changes_settings(self):
         def facts(*arguments):
@@ -202,20 +227,29 @@ class Finder(unittest.TestCase):
             told = json.loads(out).items()
             return status, {k: v for k, v in told if k not in ("mac", "address", "interface", "handle")}
 
-        self.assertEqual(facts("service", MAC, "off"), (0, {"service": "off"}))
+        self.assertEqual(facts("service", MAC, "OFF"), (0, {"service": "off", "changed": True}))
+        self.assertEqual(facts("service", MAC, "off"), (0, {"service": "off", "changed": False}))
         off = {"state": "not registered", "reason": "", "detail": "remote access is switched off", "conf_state": 3,
                "reason_code": 0, "detail_code": 2}
         self.assertEqual(soon(lambda: facts("status", "b\u00fcro"), (0, off)), (0, off))
-        self.assertEqual(facts("service", MAC, "on"), (0, {"service": "on"}))
+        self.assertEqual(find("service", MAC, password=None)[:2], (0, "off\n"))
+        self.assertEqual(facts("service", MAC, "on"), (0, {"service": "on", "changed": True}))
         self.assertEqual((facts("alias", MAC), stored("enabled")), ((0, {"alias": "front"}), "1"))
         self.assertEqual(facts("alias", MAC, "gate"), (0, {"alias": "gate"}))
         self.assertEqual((find("alias", MAC, "door")[0], stored("alias")), (4, "gate"))
         for status, code, word in ((1, 4, "pending"), (16, 0, "accepted"), (32, 5, "duplicate"), (48, 6, "failed")):
             CAMERA.set("alias_status", str(status))
             self.assertEqual(facts("alias-status", MAC), (code, {"alias_status": word}))
-        self.assertEqual(facts("ops", MAC), (0, {"operations": list(range(0xA1, 0xB2))}))
+        status, _, said = find("alias", MAC, "door", "--wait=1")
+        self.assertEqual((status, "no verdict within 1 s" in said), (4, True))
+        CAMERA.set("alias_status", "16")
+        threading.Timer(1, CAMERA.set, ("alias_status", "16")).start()
+        self.assertEqual(find("alias", MAC, "door", "--wait=20")[0], 0)
+        self.assertEqual(facts("ops", MAC), (0, {
+            "announced": [*range(0xA1, 0xB2)], "answered": [0xA1, 0xA5, 0xD1, 0x102, 0x105, 0x106, 0x108, 0x109], "silent": [],
+            "not_tried": [0xA2, 0xA3, 0xA4, *range(0xA6, 0xB2), 0xD2, 0x107, 0x10A]}))
         self.assertEqual(facts("domain", MAC, "skyport.test", "--yes"),
-                         (0, {"domain": "skyport.test", "wait_ms": 30000}))
+                         (0, {"domain": "skyport.test", "changed": False, "wait_ms": 30000}))
 
     def test_find_says_in_one_sentence_what_is_wrong(self):
         STUB_CAMERA.name = "B\u00fcro".encode()
@@ -230,7 +264,8 @@ class Finder(unittest.TestCase):
                 (6, "interface nope", ("--interface", "nope", "list"), {}),
                 (2, "'on' or 'off'", ("service", MAC, "maybe"), {}), (2, "at most 31", ("alias", MAC, "a b"), {}),
                 (2, "at most 31", ("alias", MAC, "a" * 32), {}), (2, "must not be empty", ("domain", MAC, ""), {}),
-                (2, "--yes", ("domain", MAC, "new.test"), {}), (2, "--help", ("frob",), {}), (2, "no command", (), {}),
+                (2, "--yes", ("domain", MAC, "new.test"), {}), (2, "--help", ("frob",), {}),
+                (2, "'nan'", ("list", "--timeout", "nan"), {}), (2, "needs the alias", ("alias", MAC, "--wait"), {}),
                 (2, "at most 45", ("ops", MAC), {"password": "p" * 46}),
                 (2, "KESTREL_PASSWORD", ("ops", MAC), {"password": None, "start_new_session": True}),
                 (2, "can't be read", ("--password-file", "/nowhere", "ops", MAC), {})):
@@ -282,10 +317,16 @@ class Finder(unittest.TestCase):
 
     @unittest.skipUnless(shutil.which("killall"), "the camera's shell has no killall (package psmisc)")
     def test_new_domain_ends_the_daemon(self):
-        self.assertEqual(find("domain", MAC, "new.test", "--yes")[0], 0)
-        self.assertEqual((CAMERA.process.wait(10), stored("domain")), (-9, "new.test"))
+        def supervise():
+            ends.append(CAMERA.process.wait(20))
+            start_camera()
+
+        ends, supervisor = [], threading.Thread(target=supervise)
+        supervisor.start()
+        status, out, _ = find("domain", MAC, "new.test", "--yes")
+        supervisor.join()
+        self.assertEqual((status, "is back" in out, ends, stored("domain")), (0, True, [-9], "new.test"))
         CAMERA.set("domain", "skyport.test")
-        start_camera()
         self.assertEqual(words(ask("a", 0x108, admin())), (1, 3, 0, 0, 0))  # what it set before is forgotten
         self.assertEqual(find("alias-status", MAC)[0], 6)
 

@@ -1,5 +1,6 @@
 // Where the administrator's password and a person's consent come from: never the argument list.
-#pragma once
+#ifndef KESTREL_TOOLS_SECRETS_H
+#define KESTREL_TOOLS_SECRETS_H
 
 #include <string>
 
@@ -14,3 +15,5 @@ std::string read_password(const std::string& file, const std::string& user);
 bool confirm(const std::string& text);
 
 }  // namespace finder
+
+#endif
