@@ -12,7 +12,6 @@ import signal
 import socket
 import subprocess
 import sys
-import time
 import unittest
 
 NETTLE = ctypes.CDLL("libnettle.so.8")  # for the block cipher alone
@@ -115,11 +114,9 @@ class SkyportTest(unittest.TestCase):
         self.camera = Camera(self.port)
 
     def end(self):
-        start = time.monotonic()
         self.service.send_signal(signal.SIGTERM)
-        self.service.communicate(timeout=20)
+        self.service.communicate(timeout=5)
         self.assertEqual(self.service.returncode, 0)
-        self.assertLess(time.monotonic() - start, 5)
 
     def people(self, path, method="GET", body=None, wanted=200, **headers):
         with contextlib.closing(http.client.HTTPConnection("127.0.0.1", self.status, timeout=10)) as connection:
@@ -194,9 +191,9 @@ class SkyportTest(unittest.TestCase):
     def test_the_status_port_takes_orders_from_this_machine_alone(self):
         own = f"127.0.0.1:{self.status}"
         for host, origin, wanted in (
-                ("localhost", None, 200), ("[::1]:80", None, 200), (own, "http://" + own, 200), ("127.9.9.9", None, 200),
-                ("rebound.test", None, 403), (f"rebound.test:{self.status}", "http://rebound.test", 403), ("127.0.0.1.test", None, 403),
-                ("10.9.9.9", None, 403), (own, "http://other.test", 403), (own, "null", 403), (own, "http://127.0.0.1:1", 403)):
+                ("localhost", "", 200), ("[::1]:80", "", 200), (own, "http://" + own, 200), ("127.9.9.9", "", 200), ("10.9.9.9", "", 403),
+                ("rebound.test", "", 403), (f"rebound.test:{self.status}", "http://rebound.test", 403), ("127.0.0.1.test", "", 403),
+                (own, "http://other.test", 403), (own, "null", 403), (own, "http://127.0.0.1:1", 403)):
             headers = {"Host": host, **({"Origin": origin} if origin else {})}
             self.people("/faults", "POST", "/x:reset", wanted, **headers)
             self.people("/devices", wanted=wanted, **headers)

@@ -149,10 +149,12 @@ Exit await_verdict(const Options& options, const Network& network) {
 
 enum class Restart { none, seen, still_away };
 
-// After a change of the domain the camera ends the program that answers here. Its silence shows that, or its other
-// address at the service when its supervisor was quicker than the questions.
+// After a change of the domain the camera ends the program that answers here. Its silence shows that, or, when its
+// supervisor was quicker than the questions, its other address at the service. That address may be told already by the
+// program that is about to end, so it counts only after a while.
 Restart watch_restart(const Network& network, const Camera& camera, const std::string& url_before, Milliseconds time) {
   constexpr Milliseconds question_time(400);
+  constexpr Milliseconds ended(1000);    // the camera's programs are gone by then
   constexpr Milliseconds settled(3000);  // a camera that still answers then has nothing to end
   const Clock::time_point start = Clock::now();
   bool silent = false;
@@ -162,7 +164,8 @@ Restart watch_restart(const Network& network, const Camera& camera, const std::s
       silent = true;
       continue;
     }
-    if (silent || reply->fields().text(text_reply::text) != url_before) return Restart::seen;
+    const bool moved = Clock::now() - start >= ended && reply->fields().text(text_reply::text) != url_before;
+    if (silent || moved) return Restart::seen;
     pause_for(Milliseconds(100));
   }
   return silent ? Restart::still_away : Restart::none;
