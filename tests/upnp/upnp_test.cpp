@@ -192,8 +192,7 @@ TEST_F(UpnpTest, ConsoleTellsOfEveryQuery) {
             (Texts{before + rest + "80" + end, after + "2\n", before + "Game" + rest + "443" + end, after + "3\n"}));
 }
 
-// For callers that have more than two attempts.
-TEST_F(UpnpTest, TheFourthAttemptIsTheLast) {
+TEST_F(UpnpTest, TheFourthOfMoreAttemptsIsTheLast) {
   fake.always = {{"Mupnpcp_query_eport_ex", -1}, {"Mupnp_add_eport", 1}, {"Mupnp_del_eport", 7}};
   struct {
     char description[MUPNP_DESCRIPTION_LEN], client[MUPNP_CLIENT_LEN];
