@@ -3,7 +3,6 @@
 #ifndef KESTREL_TESTS_REGSTATE_FAKES_H
 #define KESTREL_TESTS_REGSTATE_FAKES_H
 
-#include <cstddef>
 #include <utility>
 #include <vector>
 
