@@ -124,6 +124,7 @@ FinderResult Finderd_set_lumen_device_1_2(const FinderRequest& request, FinderRe
   const Stored stored = valid ? change_switch(wanted) : Stored::refused;
   // Never all zero on failure: that is what refused credentials look like.
   put_words(reply, stored == Stored::refused ? 1 : 0, 0, 0);
+  if (valid && stored == Stored::refused) log_error_number(1);
   if (stored == Stored::refused) return {1};
   // Also when nothing changed: the tool's way to have the camera register anew.
   interrupt_main_thread(*request.ctx, SIGUSR1);
