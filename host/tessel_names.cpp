@@ -33,7 +33,7 @@ Locks& locks() {
 /// The descriptor stays open until the process ends, and the lock with it; children do not inherit it.
 bool lock_file(const std::string& path) {
   Descriptor fd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-  // One that an older version made lets every user in, and any of them could hold the lock.
+  // A file that others may open would let any of them hold the lock.
   if (fd.get() >= 0 && fchmod(fd.get(), 0600) == 0 && flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
     fd.release();
     return true;

@@ -2,6 +2,7 @@
 
 import http.client
 import json
+import signal
 import subprocess
 import time
 import xml.etree.ElementTree as ElementTree
@@ -44,6 +45,14 @@ class Service:
             self._process = None
             if code != 0:
                 raise RuntimeError(f"skyport ended with status {code}: {self._log.read_text().strip()[-300:]}")
+
+    def freeze(self) -> None:
+        """Its process stands still: connections open, nothing is answered."""
+        self._process.send_signal(signal.SIGSTOP)
+
+    def thaw(self) -> None:
+        """It goes on where it stood."""
+        self._process.send_signal(signal.SIGCONT)
 
     @property
     def running(self) -> bool:

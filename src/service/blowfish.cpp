@@ -68,7 +68,7 @@ void bf_key_schedule(BlowfishState* state, const unsigned char* key, std::int16_
     std::uint32_t four = 0;
     for (int i = 0; i < 4; ++i) {
       four = four << 8 | key[at];
-      at = (at + 1) % key_len;
+      if (++at == key_len) at = 0;
     }
     word ^= four;
   }

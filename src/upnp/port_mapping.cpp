@@ -14,7 +14,6 @@ namespace kestrel {
 namespace {
 
 constexpr int max_passes = 50;
-constexpr std::uint16_t first_port = 80;
 
 /// What a pass knows about its candidate.
 struct Candidate {
@@ -134,20 +133,12 @@ constexpr std::array<ResultRow, 3> result_rows = {{
     {MUPNP_NOT_MAPPED, handle_not_mapped},
 }};
 
-/// The port stored by an earlier success is not tried again first: the search goes on behind it.
-std::uint16_t first_candidate(const char* external_port) {
-  if (external_port == nullptr || external_port[0] == '\0') return first_port;
-  return next_port(static_cast<std::uint16_t>(std::atoi(external_port)));
-}
-
 int query(Candidate& at, const std::uint32_t* reload) {
   at.mapped_internal_port = 0;
   at.lease_s = 0;
   zero(at.internal_client);
   const int result = query_eport_retry(at.description, at.internal_client, &at.mapped_internal_port, &at.lease_s,
                                        at.port, MUPNP_PROTOCOL_HTTP, mapping_attempts, reload);
-  terminate(at.description);
-  terminate(at.internal_client);
   debug_log("ret=%d\n", result);
   return result;
 }
@@ -169,7 +160,8 @@ std::uint16_t next_port(std::uint16_t port) {
 
 int UPF(const char* uid, std::uint16_t internal_port, char* external_port, const std::uint32_t* reload) {
   Candidate at{};
-  at.port = first_candidate(external_port);
+  // The port stored by an earlier success is not tried again first: the search goes on behind it. No text is 0.
+  at.port = next_port(static_cast<std::uint16_t>(std::atoi(external_port)));
   at.internal_port = internal_port;
   // Keeps the first candidate's number for all passes: later runs look for exactly this name.
   char service_name[MUPNP_DESCRIPTION_LEN];

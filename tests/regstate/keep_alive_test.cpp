@@ -3,7 +3,6 @@
 #include <array>
 #include <regex>
 
-#include "regstate/choices.h"
 #include "regstate/regstate_fakes.h"
 
 namespace kestrel {
@@ -77,8 +76,13 @@ TEST_F(KeepAlive, Ends) {
       {"", "cb", "reload", head + passed + reloading, 0},
       {"cb=0", "cb", "reload", head + "cb/" + cut, 0},
       {"delete=0", "wait 230", "reload", head + reloading.substr(0, reloading.size() - 7), 1},
-      {"", "wait 230", "exit", head + passed, 0},
-      {"cb=0", "cb", "exit", head + "cb/" + cut, 0},
+      {"", "wait 230", "exit", head, 0},
+      {"", "cb", "exit", head + passed, 0},
+      {"cb=0", "cb", "exit", head + "cb/", 0},
+      {"cb=2", "cb", "exit", head + "cb/", 0},
+      {"cb=2,2", "wait 1", "exit", head + "cb/Connect back need authentication!/cb/wait 1/", 0},
+      // A store that does not answer says nothing about what the user wants.
+      {"cre_get_skyport_enable_state=0 cb=0", "", "", head + "cb/" + cut, 0},
       {"cb=1,1,0", "", "", head + passed + turn_begins + passed + turn_begins + "cb/" + cut, 0},
       {"cb=0", "wait 230", "configure", head + "cb/" + cut + "sleep 120 secs/hold 120/", 0},
   };
@@ -100,51 +104,6 @@ TEST_F(KeepAlive, Ends) {
     EXPECT_EQ(now.dev_reload, signal == "reload" ? 1U : 0U);
     EXPECT_EQ(now.auth_info.on, row.on);
     EXPECT_STREQ(last.ue.port, "58081");
-  }
-}
-
-// A store that does not answer says nothing about what the user wants.
-TEST_F(KeepAlive, UnreadableSwitchChangesNothing) {
-  const struct {
-    RegState state;
-    int reported;
-    const char* end;  // of the log
-    RegState next;
-    std::uint64_t waited;
-  } rows[] = {
-      {START, -1, " [kestreld]: *** get skyport enable state failed\n", START, 10},
-      {START, 1, " IsNeedQueryDAIP=0\n", IpReady, 0},
-      {LumenDevDone, 1, " connect back failed, delete pf & start over! \n", START, 460},
-  };
-  for (const auto& row : rows) {
-    begin(row.state, "cb=1,0");
-    fake.always["cre_get_skyport_enable_state"] = fake.enabled = 0;
-    now.Last_Spt_Enabled = static_cast<std::int8_t>(row.reported);
-    turn();
-    EXPECT_EQ(now.state, row.next);
-    EXPECT_EQ(fake.clock_s, row.waited);
-    EXPECT_EQ(fake_calls({"enable"}), Texts{});
-    EXPECT_TRUE(fake.log.back().ends_with(row.end)) << fake.log.back();
-  }
-}
-
-TEST_F(KeepAlive, AnExitRequestEndsRepetitions) {
-  const struct {
-    RegState state;
-    const char *results, *call;
-    std::size_t times;
-  } rows[] = {
-      {START, "enable=3,3,3", "enable", 1},     {START, "daip=0,0,0", "daip", 1},
-      {NATMode, "discover=1,1", "discover", 1}, {UPnP, "router=-1,-1", "router", 1},
-      {LumenDevDone, "cb=2,2,2", "cb", 2},
-  };
-  for (const auto& row : rows) {
-    begin(row.state, row.results);
-    now.run = 0;
-    now.Last_Spt_Enabled = row.call[0] == 'e' ? 0 : 1;
-    now.IsNeedQueryDAIP = 1;
-    turn();
-    EXPECT_EQ(fake_calls({row.call}).size(), row.times) << row.call;
   }
 }
 

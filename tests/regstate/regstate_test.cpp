@@ -7,7 +7,6 @@
 #include <regex>
 
 #include "regstate/auth_fail_count.h"
-#include "regstate/choices.h"
 #include "regstate/regstate_fakes.h"
 #include "regstate/regstate_rows.h"
 #include "regstate/state_init.h"
@@ -15,16 +14,6 @@
 
 namespace kestrel {
 namespace {
-
-using Counter = std::uint32_t AuthFailCounts::*;
-
-/// Where two records differ; nothing when they do not.
-std::string difference(const DeviceContext& one, const DeviceContext& other) {
-  const auto* bytes = reinterpret_cast<const char*>(&one);
-  const auto* others = reinterpret_cast<const char*>(&other);
-  const std::ptrdiff_t at = std::mismatch(bytes, bytes + sizeof(one), others).first - bytes;
-  return at == sizeof(one) ? "" : "from byte " + std::to_string(at) + " on";
-}
 
 std::string replaced(std::string text, const std::string& part, const std::string& by) {
   const std::size_t at = part.empty() ? text.npos : text.find(part);
@@ -34,7 +23,7 @@ std::string replaced(std::string text, const std::string& part, const std::strin
 class StateTable : public RegstateTest {
  protected:
   Choices choices;
-  std::map<Variable, int> given;
+  std::map<Step, int> given;
   std::map<std::string, std::string> results;  // so far, by callee
 
   /// Has the callees choose their results, and the trace show them.
@@ -54,22 +43,22 @@ class StateTable : public RegstateTest {
   }
 
   void choose_givens(const Exploration& exploration) {
-    given = {{found, 0}, {run, 1}};
-    for (const auto& [variable, values] : exploration.given) {
-      given[variable] = values[choices.choose(values.size())];
-      set({now, last, auth_fail_count, upnp_found_at_init}, variable, given[variable]);
+    given = {{found, 0}, {run, 1}, {iface, 1}};
+    for (const auto& [step, values] : exploration.given) {
+      given[step] = values[choices.choose(values.size())];
+      step({now, last, auth_fail_count, upnp_found_at_init}, given[step]);
     }
   }
 
   bool holds(const Ranges& ranges) const {
     return std::ranges::all_of(ranges, [&](const Range& range) {
-      const int value = given.at(range.variable);
+      const int value = given.at(range.step);
       return range.from <= value && value <= range.to;
     });
   }
 
-  /// Puts "NAME ok" or "NAME failed" in the place of up to three attempts, if they are what the guard makes of
-  /// them, and carries them out on the expectation.
+  /// Puts "NAME ok" or "NAME failed" in the place of all the attempts, and carries out on the expectation what the
+  /// guard makes of them: two challenges are tolerated, a success and whatever gives up begins the count anew.
   std::string without_attempts(const std::string& path, const std::string& call, Counter counter, World expected) {
     const std::string name = call.substr(0, call.find(' '));
     const std::string& sequence = results[name];
@@ -78,20 +67,20 @@ class StateTable : public RegstateTest {
       std::uint32_t& count = expected.counts.*counter;
       const std::string ret = c != 'x' ? std::string(1, c) : name == "enable" ? "3" : "0";
       attempts += call + '=' + c + "/ >>ret=" + ret + " auth_fail_count=" + std::to_string(count) + "/";
-      const auto [after, gives_up] = guard.at(c)[count];
-      count = after;
-      if (gives_up) expected.now.upd.resut = 2;
+      const bool taken = c == '1', tolerated_once_more = c == '2' && count < 2;
+      count = tolerated_once_more ? count + 1 : 0;
+      if (!taken && !tolerated_once_more) expected.now.upd.resut = 2;
     }
     const std::size_t success = sequence.find('1');
     if (success != sequence.npos)
       return success + 1 == sequence.size() ? replaced(path, attempts, name + " ok/") : path;
-    return sequence.size() == 3 ? replaced(path, attempts, name + " failed/") : path;
+    return sequence.size() == (now.run != 0 ? 3U : 1U) ? replaced(path, attempts, name + " failed/") : path;
   }
 };
 
 TEST_F(StateTable, EveryPathIsATransition) {
   std::vector<Row> rows = plain_rows;
-  std::ranges::copy(update_rows(), std::back_inserter(rows));
+  std::ranges::copy(reporting_rows(), std::back_inserter(rows));
   std::ranges::copy(start_rows(), std::back_inserter(rows));
   std::vector<bool> taken(rows.size());
   // Without `run` nothing waits.
@@ -113,8 +102,7 @@ TEST_F(StateTable, EveryPathIsATransition) {
       path = without_attempts(path, "enable " + std::to_string(fake.enabled), &AuthFailCounts::enable_report, expected);
       path = without_attempts(path, "daip", &AuthFailCounts::daip_query, expected);
       std::string message = path;
-      for (const auto& [variable, value] : given)
-        message += " " + std::to_string(variable) + "=" + std::to_string(value);
+      for (const auto& [step, values] : exploration.given) message += " " + std::to_string(given[step]);
       SCOPED_TRACE(message);
 
       std::vector<std::size_t> matches;
@@ -125,13 +113,13 @@ TEST_F(StateTable, EveryPathIsATransition) {
       ASSERT_EQ(matches.size(), 1U) << state_name(exploration.state);
       const Row& row = rows[matches.front()];
       taken[matches.front()] = true;
-      for (const Effect& effect : row.then) effect.apply(expected, effect.variable, effect.value);
+      for (const Effect& effect : row.then) effect.step(expected, effect.value);
       then.state = row.next;
       EXPECT_STREQ(state_name(now.state), state_name(then.state));
       EXPECT_EQ(std::memcmp(&auth_fail_count, &counts, sizeof(counts)), 0);
       std::strncpy(now.ue.port, std::string(now.ue.port).c_str(), port_len);  // what is behind the text does not matter
-      EXPECT_EQ(difference(now, then), "");
-      EXPECT_EQ(difference(last, then_last), "") << "last: ";
+      EXPECT_EQ(std::memcmp(&now, &then, sizeof(now)), 0) << "the record";
+      EXPECT_EQ(std::memcmp(&last, &then_last, sizeof(last)), 0) << "the last record";
       EXPECT_EQ(upnp_found_at_init, found_then);
       ASSERT_FALSE(HasFailure());
     } while (choices.next());
@@ -139,6 +127,15 @@ TEST_F(StateTable, EveryPathIsATransition) {
   for (std::size_t i = 0; i < rows.size(); ++i) {
     EXPECT_TRUE(taken[i]) << "no path: " << state_name(rows[i].state) << " " << rows[i].trace;
   }
+}
+
+TEST_F(StateTable, Names) {
+  std::string names;
+  for (int state = -1; state <= 18; ++state) names += std::string(state_name(static_cast<RegState>(state))) + " ";
+  EXPECT_EQ(
+      names,
+      "UNKNOWN START IpReady InternetReady NATMode PublicMode UPnP NoUPnP UPnP_A UPnP_B NATU NAT1 NATM UpnpPfReady "
+      "UpnpPfFailed LumenDevPartDone LumenDevDone LumenDevNotReady UNKNOWN UNKNOWN ");
 }
 
 }  // namespace

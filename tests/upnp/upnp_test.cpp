@@ -118,7 +118,6 @@ TEST_F(UpnpTest, ReplaceCases) {
         {"del=4", del80 + gone + mapped("443")},
         {"del=7,4", del80 + del80 + gone + mapped("443")},
         {"add=718,718", del80 + done + success + not_added(row.name, "80") + mapped("443")},
-        {"del=7,7 add=1,1", del80 + del80 + success + not_added(row.name, "80") + mapped("443")},
     };
     for (const auto& outcome : outcomes) {
       begin("", row.table, outcome.results);
@@ -131,43 +130,85 @@ TEST_F(UpnpTest, SearchesOverCandidates) {
   const std::string asked = "Querying eport:(80)/query 80 1 8/", stopped = "unhandled return value(-1),UPF() failed/";
   const std::string timeout = "*** timeout! in querying eport:(80) retry(", again = timeout + "0)/query 80 1 8/";
   const std::string empty = queried("80", "3") + ">>ueport:(80) EMPTY, start adding/";
-  const std::string own_80 = "80|here|LC_0A0B0C-1.2-80|8000";
+  const std::string own_80 = "80|here|LC_0A0B0C-1.2-80|8000", game_80 = "80|away|Game|1";
+  const std::string add = "add LC_0A0B0C-1.2-80 80 8000 1 8/", next = "Querying eport:(443)/=> 0 ";
+  const std::string unadded = " Port mapping add port (80) failed,try next/" + next;
   const struct {
     const char* stored;
     std::string table;
     const char* results;
-    int reload_at;  // requested during this query; 0: before the search, -1: never
+    const char* signal;  // "reload" or "exit", and the call during which it comes
     std::string trace;
     const char* left;
   } rows[] = {
-      {"", own_80, "", -1, queried("80", "1") + "ignore adding port mapping/=> 1 80", "80 "},
-      {"", "", "add=1,1", -1, empty + not_added("B1", "80") + mapped("443"), "443 "},
-      {"", "", "add=725", -1, empty + "add LC_0A0B0C-1.2-80 80 8000 1 8/" + added("B1", "80"), "80 "},
-      {"", "80|away|Game|80 443|away||8000 8081|away|LC_0A0B0C-1.2|8000", "", -1,
+      {"", own_80, "", "", queried("80", "1") + "ignore adding port mapping/=> 1 80", "80 "},
+      {"", "", "add=1,1", "", empty + not_added("B1", "80") + mapped("443"), "443 "},
+      {"", "", "add=725", "", empty + add + added("B1", "80"), "80 "},
+      {"", game_80 + " 443|away||8000 8081|away|LC_0A0B0C-1.2|8000", "", "",
        foreign("80", "Game") + foreign("443", "") + foreign("8081", "LC_0A0B0C-1.2") + mapped("8082"),
        "80 443 8081 8082 "},
       // The name keeps the number of the first candidate, which is the one behind the stored port.
-      {"443", "8081|away|Game|1 8082|here|LC_0A0B0C-1.2-8081|8000", "", -1,
+      {"443", "8081|away|Game|1 8082|here|LC_0A0B0C-1.2-8081|8000", "", "",
        foreign("8081", "Game") + queried("8082", "1") + "ignore adding port mapping/=> 1 8082", "8081 8082 "},
-      {"8081", "", "", -1, mapped("8082", "8082"), "8082 "},
-      {"", own_80, "query=-1,-1", -1, asked + again + timeout + "1)/ret=-1/" + stopped + "=> 0 ", "80 "},
-      {"", own_80, "query=-1", -1, asked + again + "ret=1/ignore adding port mapping/=> 1 80", "80 "},
-      {"", "", "query=501", -1, queried("80", "501") + "unhandled return value(501),UPF() failed/=> 0 ", ""},
-      {"", "", "", 0, "Querying eport:(80)/=> 0 ", ""},
-      {"", "", "query=2", 1, foreign("80", "") + "Querying eport:(443)/=> 0 ", ""},
-      {"", "", "query=-1", 1, asked + timeout + "0)/ret=5/=> 5 ", ""},
-      {"", "", "", 1, mapped("80"), "80 "},
+      {"8081", "", "", "", mapped("8082", "8082"), "8082 "},
+      {"", own_80, "query=-1,-1", "", asked + again + timeout + "1)/ret=-1/" + stopped + "=> 0 ", "80 "},
+      {"", own_80, "query=-1", "", asked + again + "ret=1/ignore adding port mapping/=> 1 80", "80 "},
+      {"", "", "query=0", "", queried("80", "0") + "unhandled return value(0),UPF() failed/=> 0 ", ""},
+      {"", "", "", "reload", "Querying eport:(80)/=> 0 ", ""},
+      {"", game_80, "", "reload Mupnpcp_query", foreign("80", "Game") + next, "80 "},
+      {"", "", "query=-1", "reload Mupnpcp_query", asked + timeout + "0)/ret=5/=> 5 ", ""},
+      {"", "", "", "reload Mupnpcp_query", mapped("80"), "80 "},
+      // An exit request lets the call under way end, and no more.
+      {"", game_80, "", "exit Mupnpcp_query", foreign("80", "Game") + next, "80 "},
+      {"", "", "query=-1", "exit Mupnpcp_query", asked + timeout + "0)/ret=5/=> 5 ", ""},
+      {"", "", "", "exit Mupnpcp_query", empty + "***B1" + unadded, ""},
+      {"", "", "add=1", "exit Mupnp_add", empty + add + "***B1" + unadded, ""},
+      {"", "80|here||81", "del=7", "exit Mupnp_del",
+       queried("80", "1") + "***no service name/" + del80 + "A3 Port mapping delete port (80) success/***A3" + unadded,
+       "80 "},
   };
   for (const auto& row : rows) {
     begin(row.stored, row.table.c_str(), row.results);
-    reload = row.reload_at == 0 ? 1 : 0;
-    int queries = 0;
+    const Texts signal = split(row.signal);
     trace.on_call = [&](const std::string& call) {
-      if (call.starts_with("Mupnpcp_query") && ++queries == row.reload_at) reload = 1;
+      if (signal.size() < 2 || !call.starts_with(signal[1])) return;
+      (signal[0] == "exit" ? current_record.run : reload) = signal[0] == "exit" ? 0U : 1U;
     };
+    reload = signal.size() == 1 ? 1 : 0;
     EXPECT_EQ(search(), row.trace);
     EXPECT_EQ(left(), row.left) << row.trace;
   }
+}
+
+TEST_F(UpnpTest, ConsoleTellsOfEveryQuery) {
+  begin("", "80|away|Game|1");
+  fake.mappings[80].lease_s = 9;
+  search();
+  const std::string before = "before Mupnpcp_query_eport_ex,sname=", after = "after Mupnpcp_query_eport_ex, ret = ";
+  // Of what the query before it found, the description alone is left.
+  const std::string rest = ",newInternalClient=,newInternalPort=0\nnewLeaseDuration=0,ueport=";
+  const std::string end = ",type=1,UPNP_DEF_TIMEOUT=8\n\n";
+  EXPECT_EQ(fake.console,
+            (Texts{before + rest + "80" + end, after + "2\n", before + "Game" + rest + "443" + end, after + "3\n"}));
+}
+
+TEST_F(UpnpTest, TheFourthOfMoreAttemptsIsTheLast) {
+  fake.always = {{"Mupnpcp_query_eport_ex", -1}, {"Mupnp_add_eport", 1}, {"Mupnp_del_eport", 7}};
+  struct {
+    char description[MUPNP_DESCRIPTION_LEN], client[MUPNP_CLIENT_LEN];
+    int port, lease_s;
+  } at{};
+  trace.on_call = [&](const std::string&) { std::memset(&at, 'x', sizeof(at)); };  // the texts end nowhere
+  EXPECT_EQ(query_eport_retry(at.description, at.client, &at.port, &at.lease_s, 80, 1, 5, &reload), -1);
+  EXPECT_EQ(std::strlen(at.description) + std::strlen(at.client), 126U);
+  EXPECT_EQ(add_eport_retry("name", 80, http_port, 1, 5) + delete_port(80, 5), 0);
+  std::string expected;
+  for (const char* attempt : {"0", "1", "2", "3"})
+    expected += "query 80 1 8/*** timeout! in querying eport:(80) retry(" + std::string(attempt) + ")/";
+  expected += "*** query eport:(80) failed! stop/";
+  for (int attempt = 0; attempt < 4; ++attempt) expected += "add name 80 8000 1 8/";
+  expected += "*** Port mapping add port 80 failed/" + del80 + del80 + del80 + del80;
+  EXPECT_EQ(trace.take(), expected + "*** Port mapping delete port (80) failed/");
 }
 
 TEST_F(UpnpTest, FiftyCandidatesFollowTheStoredPort) {
@@ -185,34 +226,6 @@ TEST_F(UpnpTest, FiftyCandidatesFollowTheStoredPort) {
     for (std::size_t i = 0; i < 3; ++i) first += split(asked[i])[1] + " ";
     EXPECT_EQ(first, candidates);
   }
-}
-
-TEST_F(UpnpTest, AnExitRequestEndsWithTheCallUnderWay) {
-  const struct {
-    const char *table, *results, *call;  // during which the request comes
-    std::string calls;
-  } rows[] = {
-      {"80|away|Game|1", "", "Mupnpcp_query", "query 80 1 8/"},
-      {"", "query=-1,-1", "Mupnpcp_query", "query 80 1 8/"},
-      {"80|here|LC_0A0B0C-1.2-80|81", "del=7,7", "Mupnp_del", "query 80 1 8/del 80 1 8/"},
-      {"", "add=1,1", "Mupnp_add", "query 80 1 8/add LC_0A0B0C-1.2-80 80 8000 1 8/"},
-  };
-  for (const auto& row : rows) {
-    begin("", row.table, row.results);
-    std::string calls;
-    trace.on_call = [&](const std::string& call) {
-      for (const auto& [beginning, name] : router_calls) {
-        if (call.starts_with(beginning)) calls += name + call.substr(beginning.size()) + "/";
-      }
-      if (call.starts_with(row.call)) current_record.run = 0;
-    };
-    EXPECT_NE(UPF(uid, http_port, port, &reload), upf_mapped);
-    EXPECT_EQ(calls, row.calls) << row.results;
-  }
-  begin("", "80|here|LC_0A0B0C-1.2-80|80 443|here|LC_0A0B0C-1.2-80|80");
-  trace.on_call = [&](const std::string&) { current_record.run = 0; };
-  EXPECT_EQ(remove_own_mappings(uid), 0);
-  EXPECT_EQ(left(), "443 ");
 }
 
 // A library that fills the whole buffer is cut, and its text never equals ours.
@@ -250,6 +263,7 @@ TEST_F(UpnpTest, CleanUpRemovesOwnMappings) {
     const char *table, *results;
     std::string trace;
     const char* left;
+    bool exit = false;  // requested during the first delete
   } rows[] = {
       {"80|here|LC_0A0B0C-1.2-80|80 8081|away|LC_0A0B0C-1.2-443|80", "",
        "entry 0 8/" + own("80") + "entry 0 8/" + own("8081") + "entry 0 8/", ""},
@@ -258,10 +272,13 @@ TEST_F(UpnpTest, CleanUpRemovesOwnMappings) {
       {"80|away|Game|1 443|here||80 8081|here|LC_0A0B0C-1.|80 8082|here|LC_0A0B0C-1.2-80|80", "",
        "entry 0 8/" + other + "entry 1 8/" + other + "entry 2 8/" + other + "entry 3 8/" + own("8082") + "entry 3 8/",
        "80 443 8081 "},
+      {"80|here|LC_0A0B0C-1.2-80|80 443|here|LC_0A0B0C-1.2-80|80", "", "entry 0 8/" + own("80"), "443 ", true},
       {"80|away|Game|1 443|here|LC_0A0B0C-1.2-80|80", "entry=0,713", "entry 0 8/" + other + "entry 1 8/", "80 443 "},
   };
   for (const auto& row : rows) {
     begin("", row.table, row.results);
+    if (row.exit)
+      trace.on_call = [](const std::string& call) { current_record.run = call.starts_with("Mupnp_del") ? 0 : 1; };
     EXPECT_EQ(remove_own_mappings(uid), 0);
     EXPECT_EQ(trace.take(), "======== uid_info : LC_0A0B0C-1.2 ========/" + row.trace);
     EXPECT_EQ(left(), row.left) << row.trace;
