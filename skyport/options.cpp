@@ -121,7 +121,7 @@ void add_option(CLI::App& app, const OptionRow& row, Settings& settings) {
   const auto set = [&settings, row](const std::vector<std::string>& values) {
     for (const std::string& value : values) {
       const std::string error = row.set(settings, value);
-      if (!error.empty()) throw CLI::ValidationError(row.name, "'" + value + "' " + error);
+      if (!error.empty()) throw CLI::ValidationError(row.name, std::string("'").append(value).append("' ") + error);
     }
   };
   const std::string usual = *row.usual == '\0' ? "" : std::string(" (default ") + row.usual + ")";

@@ -21,7 +21,7 @@ PROJECT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT))
 from lab import camera as lab_camera, world  # noqa: E402
 
-PORT, EVERYBODY = 62977, b"\xff" * 6
+PORT, EVERYBODY, TAGS = 62977, b"\xff" * 6, iter(range(1, 0x10000))
 MAC, MAC1, STUB_MAC = "02:4b:52:10:20:30", "02:4b:52:10:20:31", "02:4b:52:10:20:99"
 HEADER = struct.Struct("<HHH6s4sHHH")  # of a reply; a request has eight bytes in the place of address, result and flag
 OPEN = {0xA1: 312, 0x109: 304, 0xD1: 16, 0x102: 16, 0x105: 64}  # operations and their payloads
@@ -38,7 +38,7 @@ def admin(argument=b"", user=b"admin", password=b"admin"):
 
 def ask(interface, opcode, payload=b"", mac=raw(MAC), length=None, wait_s=2.0):
     """Broadcasts a request on an interface; the reply that comes in by it as (address, result, payload), or None."""
-    tag = ask.tag = ask.tag % 0xFFFF + 1
+    tag = next(TAGS)
     with PC.inside(), socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as port:
         port.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, interface.encode())
         port.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
@@ -54,9 +54,6 @@ def ask(interface, opcode, payload=b"", mac=raw(MAC), length=None, wait_s=2.0):
     assert (magic, echoed, op, own, flag, size) == (0xFEEE, tag, opcode, raw(MAC), 1, len(reply) - 22), reply.hex()
     assert (sender, sender_port) == (socket.inet_ntoa(ip), PORT), (sender, sender_port, ip)
     return sender, result, reply[22:]
-
-
-ask.tag = 0
 
 
 def words(reply):
