@@ -75,25 +75,6 @@ void check_name(std::string_view what, std::string_view name, std::size_t max, s
                 fmt::format("the {} must have at most {} characters: letters, digits and any of {}", what, max, also)};
 }
 
-Exit set_alias(const Options& options, const Network& network) {
-  const std::string& alias = *options.value;
-  check_name("alias", alias, max_alias_len, "-_.");
-  const Camera camera = find_camera(network, options.camera);
-  int sends = 0;
-  const Reply reply = ask(network, camera, as_administrator(options, Op::set_alias, alias + '\0'), &sends);
-  if (reply.result != 0 && reply.word(small_reply::word0) == 2) {
-    // The answer to an earlier send may be lost, and then it was that one that is pending.
-    throw Failure{Exit::pending, std::string("an alias change is still pending on the camera") +
-                                     (sends > 1 ? ", perhaps this one, which was sent more than once" : "") +
-                                     "; ask for alias-status"};
-  }
-  if (reply.result != 0) throw Failure{Exit::failed, "the camera could not store the alias"};
-  return tell(options, camera,
-              {{"alias", nullptr, alias}, {"handle", nullptr, std::uint64_t{reply.word(small_reply::word1)}}},
-              "the camera keeps the alias as a request; it stays pending until the camera's own software has asked the "
-              "service, and alias-status tells what became of it");
-}
-
 struct AliasState {
   std::uint32_t error;
   std::uint32_t status;
@@ -111,8 +92,7 @@ constexpr AliasState alias_states[] = {
      "the camera's alias was not set through the finder since it started; set it again to see its state"},
 };
 
-const AliasState& alias_state(const Network& network, const Camera& camera, const Request& request) {
-  const Reply reply = ask(network, camera, request);
+const AliasState& alias_state(const Reply& reply) {
   const std::uint32_t error = reply.word(small_reply::word0);
   const std::uint32_t state = reply.word(small_reply::word1);
   const auto* row =
@@ -122,29 +102,61 @@ const AliasState& alias_state(const Network& network, const Camera& camera, cons
                 fmt::format("the camera answered with error {} and status {}, which mean nothing here", error, state)};
 }
 
-Exit tell_alias_state(const Options& options, const Camera& camera, const AliasState& state) {
+Exit tell_alias_state(const Options& options, const Camera& camera, const AliasState& state,
+                      const std::string& sentence) {
   if (options.format() != Format::text || state.exit == Exit::ok)
-    tell(options, camera, {{"alias_status", nullptr, std::string(state.key)}}, state.sentence);
-  if (state.exit != Exit::ok) throw Failure{state.exit, state.sentence};
+    tell(options, camera, {{"alias_status", nullptr, std::string(state.key)}}, sentence);
+  if (state.exit != Exit::ok) throw Failure{state.exit, sentence};
   return Exit::ok;
 }
 
-// Asks every few seconds until there is a verdict. The camera may be away in between: it registers anew.
-Exit await_verdict(const Options& options, const Network& network) {
+// Asks every few seconds until there is a verdict. A round without an answer is no end: the camera's software may be
+// starting anew.
+Exit await_verdict(const Options& options, const Network& network, const Camera& camera) {
   constexpr Milliseconds between(3000);
-  const Camera camera = find_camera(network, options.camera);
   const Request request = as_administrator(options, Op::alias_status);
   const Clock::time_point end = Clock::now() + std::chrono::seconds(options.wait_s);
+  bool answered = false;
   catch_interrupts();
   while (!interrupted()) {
-    const AliasState& state = alias_state(network, camera, request);
-    if (state.exit != Exit::pending) return tell_alias_state(options, camera, state);
+    const auto reply = ask_for(network, network.time, camera, request);
+    answered = reply.has_value();
+    if (const AliasState* state = answered ? &alias_state(*reply) : nullptr; state && state->exit != Exit::pending)
+      return tell_alias_state(options, camera, *state, state->sentence);
     if (Clock::now() >= end) break;
     pause_for(std::min(between, std::chrono::duration_cast<Milliseconds>(end - Clock::now())));
   }
-  throw Failure{Exit::pending, fmt::format("no verdict within {} s: the alias stays pending until the camera's own "
-                                           "software asks the service",
-                                           options.wait_s)};
+  if (!answered)
+    throw Failure{Exit::no_answer, fmt::format("the camera took the alias, but was silent at the end of {} s; ask for "
+                                               "alias-status",
+                                               options.wait_s)};
+  constexpr const AliasState& pending = alias_states[1];
+  static_assert(pending.exit == Exit::pending);
+  return tell_alias_state(options, camera, pending,
+                          fmt::format("no verdict within {} s: the alias stays pending until the camera's own "
+                                      "software asks the service",
+                                      options.wait_s));
+}
+
+Exit set_alias(const Options& options, const Network& network) {
+  const std::string& alias = *options.value;
+  check_name("alias", alias, max_alias_len, "-_.");
+  const Camera camera = find_camera(network, options.camera);
+  int sends = 0;
+  const Reply reply = ask(network, camera, as_administrator(options, Op::set_alias, alias + '\0'), &sends);
+  if (reply.result != 0 && reply.word(small_reply::word0) == 2) {
+    // The answer to an earlier send may be lost, and then it was that one that is pending.
+    throw Failure{Exit::pending, std::string("an alias change is still pending on the camera") +
+                                     (sends > 1 ? ", perhaps this one, which was sent more than once" : "") +
+                                     "; ask for alias-status"};
+  }
+  if (reply.result != 0) throw Failure{Exit::failed, "the camera could not store the alias"};
+  // Scripts read one record of a command: with --wait the verdict's.
+  if (options.wait_s > 0 && options.format() != Format::text) return await_verdict(options, network, camera);
+  tell(options, camera, {{"alias", nullptr, alias}, {"handle", nullptr, std::uint64_t{reply.word(small_reply::word1)}}},
+       "the camera keeps the alias as a request; it stays pending until the camera's own software has asked the "
+       "service, and alias-status tells what became of it");
+  return options.wait_s > 0 ? await_verdict(options, network, camera) : Exit::ok;
 }
 
 enum class Restart { none, seen, still_away };
@@ -209,14 +221,13 @@ Exit service(const Options& options, const Network& network) {
 
 Exit alias(const Options& options, const Network& network) {
   if (!options.value && options.wait_s > 0) throw Failure{Exit::usage, "--wait needs the alias to ask for"};
-  if (!options.value) return get_alias(options, network);
-  const Exit asked = set_alias(options, network);
-  return options.wait_s > 0 ? await_verdict(options, network) : asked;
+  return options.value ? set_alias(options, network) : get_alias(options, network);
 }
 
 Exit alias_status(const Options& options, const Network& network) {
   const Camera camera = find_camera(network, options.camera);
-  return tell_alias_state(options, camera, alias_state(network, camera, as_administrator(options, Op::alias_status)));
+  const AliasState& state = alias_state(ask(network, camera, as_administrator(options, Op::alias_status)));
+  return tell_alias_state(options, camera, state, state.sentence);
 }
 
 Exit domain(const Options& options, const Network& network) {

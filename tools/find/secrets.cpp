@@ -100,13 +100,19 @@ std::string from_prompt(const std::string& user) {
   return typed;
 }
 
+// A command may send several requests; whoever types is asked once.
+const std::string& typed_once(const std::string& user) {
+  static const std::string typed = from_prompt(user);
+  return typed;
+}
+
 }  // namespace
 
 std::string read_password(const std::string& file, const std::string& user) {
   const char* variable = std::getenv("KESTREL_PASSWORD");
   std::string password = !file.empty()         ? from_file(file)
                          : variable != nullptr ? std::string(variable)
-                                               : from_prompt(user);
+                                               : typed_once(user);
   if (password.size() > credentials::max_plain_len) {
     throw Failure{Exit::usage, fmt::format("the password is too long: a request carries at most {} bytes",
                                            credentials::max_plain_len)};
