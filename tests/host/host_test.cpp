@@ -303,8 +303,9 @@ TEST_F(Host, TheStatusFileHasOneEntryALineAndMakesUpForFailures) {
 
 // ---- HTTP ----
 
-/// What the reader makes of a peer that sends `bytes` and then closes, or, when `open`, stays.
-std::string receive(const std::string& bytes, bool open) {
+/// What the reader makes of a peer that sends `bytes` and then closes, or, when `open`, stays. `given_up`: not the
+/// peer ends the connection but whoever waits for the answer.
+std::string receive(const std::string& bytes, bool open, bool given_up) {
   int ends[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   std::thread peer([&] {
@@ -313,7 +314,7 @@ std::string receive(const std::string& bytes, bool open) {
       if (n <= 0) break;
       at += static_cast<std::size_t>(n);
     }
-    if (!open) shutdown(ends[1], SHUT_WR);
+    if (!open) shutdown(ends[given_up ? 0 : 1], given_up ? SHUT_RDWR : SHUT_WR);
   });
   const std::string response = read_response(ends[0]);
   peer.join();
@@ -360,6 +361,10 @@ TEST(HttpReader, TakesOneWholeResponseWithinItsLimits) {
       {"length and chunks", length + "5\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"},
       {"cut in the body", length + "50\r\n\r\nhello", false},
       {"cut in a chunk", chunked + "5\r\nhel", false},
+      {"cut behind a chunk", chunked + "5\r\nhello\r\n", false},
+      {"cut in the trailers", chunked + "0\r\nX: y\r\n", false},
+      {"cut behind the head", length + "5\r\n\r\n", false},
+      {"other lengths", length + "5\r\nContent-Length: 4\r\n\r\nhell", false},
       {"cut in the head", ok, false},
       {"only interim", "HTTP/1.1 100 Continue\r\n\r\n", false},
       {"garbage", std::string("\0\1\2garbage\r\n\r\n", 14)},
@@ -369,7 +374,9 @@ TEST(HttpReader, TakesOneWholeResponseWithinItsLimits) {
   const long before = descriptors();
   for (const Row& row : rows) {
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(receive(row.bytes, row.open) == row.expected) << row.what;
+    for (const bool given_up : {false, true}) {
+      EXPECT_TRUE(receive(row.bytes, row.open, given_up) == row.expected) << row.what << given_up;
+    }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << row.what;
   }
   EXPECT_EQ(descriptors(), before);
