@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """libupnpc against a scripted gateway on loopback: what routers do, well and badly. usage: gateway_test.py DRIVER"""
 
-import re
 import socket
 import subprocess
 import sys
@@ -11,6 +10,8 @@ import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from xml.etree import ElementTree
+from xml.sax.saxutils import escape
 
 IP1, IP2, PPP1, _ = (f"urn:schemas-upnp-org:service:WAN{kind}Connection:{version}"
                         for kind in ("IP", "PPP") for version in (1, 2))
@@ -55,7 +56,7 @@ class Gateway:
         return f"""<?xml version="1.0" encoding="{self.encoding}"?><!DOCTYPE root [<!ENTITY x "<device>no</device>">]>
             <!-- <device><friendlyName>no</friendlyName></device> --><d:root xmlns:d='u'>{self.first}<d:device><friendlyName a=">no">
             Tom &amp; J&#xE9;rôme<!-- <x> -->&x;</friendlyName><manufacturer><![CDATA[A</manufacturer><modelName>no<B>]]></manufacturer>
-            <modelName>{"M" * 50}</modelName><modelNumber/>{"<icon>x</icon>" * (self.pad // 14)}<deviceList><device>
+            <modelName>{"M" * 50}</modelName><modelNumber/><modelDescription>D</modelDescription><manufacturerURL>U</manufacturerURL>{"<icon>x</icon>" * (self.pad // 14)}<deviceList><device>
             <presentationURL>inner</presentationURL><serviceList>{services}</serviceList></device></deviceList>
             <presentationURL>http://own/</presentationURL></d:device>{self.last}"""
 
@@ -88,8 +89,9 @@ class Gateway:
             def do_POST(self):
                 body = self.rfile.read(int(self.headers["Content-Length"])).decode()
                 kind, action = self.headers["SOAPAction"].strip('"').split("#")
-                assert f'<u:{action} xmlns:u="{kind}">' in body
-                arguments = dict(re.findall(r"<(New\w+)>([^<]*)</", body))
+                (call,), = ElementTree.fromstring(body)
+                assert call.tag == f"{{{kind}}}{action}", call.tag
+                arguments = {argument.tag: escape(argument.text or "") for argument in call}
                 gateway.calls.append((action, self.path, arguments))
                 p, result = gateway.prefix, gateway.errors(action, arguments) or gateway.act(action, self.path, arguments)
                 if isinstance(result, int):
@@ -181,7 +183,7 @@ class GatewayTest(unittest.TestCase):
     def test_a_mapping_from_the_search_to_its_end(self):
         with Bench() as bench:
             self.assertEqual(bench.codes("eip", "port 80", "entry 0", "add 80", "delete 80"), [-1] * 5, "no gateway yet")
-            self.assertEqual(bench.ask("discover"), [0, "Tom & Jérôme&x;", "A</manufacturer><modelName>no<B>", "M" * 31, "", "http://own/"])
+            self.assertEqual(bench.ask("discover"), [0, "Tom & Jérôme&x;", "A</manufacturer><modelName>no<B>", "U", "M" * 31, "", "D", "http://own/"])
             self.assertEqual(bench.ask("eip"), [0, "203.0.113.5"])
             for bench.gateway.prefix in ("", "m:", "u:"):
                 self.assertEqual(bench.codes("eip", "port 80", "entry 0"), [0, 3, 713])

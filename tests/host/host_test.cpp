@@ -83,6 +83,7 @@ TEST_F(Host, AProblemIsSaidOnceWithFileGroupAndKey) {
     int (*call)();
     const char* sentence;  // behind the file's name; null for no failure, empty for a failure that is none
   };
+  const std::string overlong(1024UL * 1024, '#');
   // clang-format off
   const Row rows[] = {
       {"brand=Lumen", "brand=Lumen", read_model, nullptr},
@@ -94,6 +95,7 @@ TEST_F(Host, AProblemIsSaidOnceWithFileGroupAndKey) {
       {"hid=\npassword=", "hid=ABCD-234\npassword=x", read_account, "[skyport] hid \"ABCD-234\" is not a host id of letters and digits"},
       {"#url_format=http://", "hid=ABCD1234\nurl_format=http://{name}", read_url, "[skyport] url_format \"http://{name}{alias-or-hid}.{domain}/\" is not an HTTP URL"},
       {"[device]", "no settings", read_model, "these are no settings: "},
+      {"[device]", overlong.c_str(), read_model, "cannot read the settings: File too large"},
       {"[device]", "no settings", store_domain, "settings are not stored: these are no settings: "},
       {"", "", [] { return store_alias("\xff\xfe", ALIAS_OK); }, "[skyport] alias is not stored: its text is not UTF-8"},
       {"", "", [] { char text[] = "1.2.3"; return set_redirsrv_ip(text); }, "[skyport] redirsrv_ip is not stored: "},
