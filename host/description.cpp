@@ -3,8 +3,8 @@
 #include <array>
 
 #include "gateway.h"
+#include "router_xml.h"
 #include "transfer.h"
-#include "xml_text.h"
 
 namespace host {
 
@@ -18,59 +18,39 @@ constexpr std::array<std::string_view, 4> service_types{
 };
 constexpr std::size_t max_services = 8;  // a router has one or two
 
-/// The description without the devices inside the root device, whose texts are not the gateway's.
-std::string root_device(const std::string& xml) {
-  constexpr std::string_view end_tag = "</deviceList>";
-  const std::size_t start = xml.find("<deviceList");
-  const std::size_t end = xml.rfind(end_tag);
-  if (start == std::string::npos) return xml;
-  if (end == std::string::npos || end < start) return xml.substr(0, start);
-  return xml.substr(0, start) + xml.substr(end + end_tag.size());
-}
-
-template <std::size_t size>
-void take_text(char (&out)[size], const std::string& xml, std::string_view name) {
-  put_text(out, size, element_text(xml, name).value_or(""));
-}
-
-/// Cuts the next service element, with or without an end, off the text; empty when there is none.
-std::string_view take_service(std::string_view& xml) {
-  constexpr std::string_view start_tag = "<service>";
-  const std::size_t start = std::min(xml.find(start_tag), xml.size());
-  const std::size_t end = std::min(xml.find("</service>", start), xml.size());
-  const std::string_view service = xml.substr(start, end - start);
-  xml.remove_prefix(end);
-  return service;
-}
-
-void take_services(Gateway& gateway, std::string_view xml, const std::string& base, const Interface& on) {
-  while (gateway.services.size() < max_services) {
-    const std::string_view service = take_service(xml);
-    if (service.empty()) return;
-    const std::string type = element_text(service, "serviceType").value_or("");
-    if (std::ranges::find(service_types, type) == service_types.end()) continue;
-    const auto control = element_text(service, "controlURL");
-    const auto url = control && !control->empty() ? local_url(*control, base, on) : std::nullopt;
-    if (url) gateway.services.push_back({type, *url});
-  }
+/// Notes the service when it is one that the camera may use.
+void take_service(Gateway& gateway, const pugi::xml_node& service, const std::string& base, const Interface& on) {
+  const std::string type = child_text(service, "serviceType");
+  if (std::ranges::find(service_types, type) == service_types.end()) return;
+  const std::string control = child_text(service, "controlURL");
+  const auto url = control.empty() ? std::nullopt : local_url(control, base, on);
+  if (url) gateway.services.push_back({type, *url});
 }
 
 }  // namespace
 
 Gateway parse_description(const std::string& xml, const std::string& location, const Interface& on) {
+  pugi::xml_document document;
+  read_router_xml(xml, document);
   Gateway gateway;
   gateway.interface = on.name;
-  const std::string root = root_device(xml);
-  take_text(gateway.texts.friendlyName, root, "friendlyName");
-  take_text(gateway.texts.manufacturer, root, "manufacturer");
-  take_text(gateway.texts.manufacturerURL, root, "manufacturerURL");
-  take_text(gateway.texts.modelName, root, "modelName");
-  take_text(gateway.texts.modelNumber, root, "modelNumber");
-  take_text(gateway.texts.modelDescription, root, "modelDescription");
-  take_text(gateway.texts.presentationURL, root, "presentationURL");
+  // The first device is the root device; the others are inside it, and their texts are not the gateway's.
+  const pugi::xml_node device = find_element(document, "device");
+  const auto take_text = [&](auto& out, const char* name) { put_text(out, sizeof(out), child_text(device, name)); };
+  take_text(gateway.texts.friendlyName, "friendlyName");
+  take_text(gateway.texts.manufacturer, "manufacturer");
+  take_text(gateway.texts.manufacturerURL, "manufacturerURL");
+  take_text(gateway.texts.modelName, "modelName");
+  take_text(gateway.texts.modelNumber, "modelNumber");
+  take_text(gateway.texts.modelDescription, "modelDescription");
+  take_text(gateway.texts.presentationURL, "presentationURL");
   // A base that leads away from the network is left over from another one, or bait.
-  const std::string base = element_text(root, "URLBase").value_or("");
-  take_services(gateway, xml, local_url(base, "", on) ? base : location, on);
+  const std::string own_base = text_of(find_element(document, "URLBase"));
+  const std::string& base = local_url(own_base, "", on) ? own_base : location;
+  document.find_node([&](const pugi::xml_node& node) {
+    if (is_element(node, "service")) take_service(gateway, node, base, on);
+    return gateway.services.size() == max_services;
+  });
   return gateway;
 }
 

@@ -155,7 +155,7 @@ class Discovery {
 bool is_connected(const ConnectionService& service, const Interface& on, const Deadline& deadline) {
   const Deadline step(std::min(deadline.left_ms(), status_timeout_ms));
   const SoapAnswer answer = soap_call(service, "GetStatusInfo", {}, on, step);
-  return answer.result == 0 && element_of(answer, "NewConnectionStatus") == "Connected";
+  return answer.result == 0 && output_of(answer, "NewConnectionStatus") == "Connected";
 }
 
 /// A router with several connections says which of them is in use: that one comes first.

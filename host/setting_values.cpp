@@ -47,6 +47,11 @@ KeyFile read_key_file(const std::string& path, struct stat& state, std::string& 
     problem = system_problem("cannot read the settings");
     return nullptr;
   }
+  // A part would read as settings that are missing, and a writer would keep nothing else.
+  if (S_ISREG(state.st_mode) && content.size() < static_cast<std::size_t>(state.st_size)) {
+    problem = "the settings were cut short while they were read";
+    return nullptr;
+  }
   KeyFile file(g_key_file_new());
   GError* failure = nullptr;
   const auto flags = static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS);

@@ -2,8 +2,8 @@
 #ifndef KESTREL_HOST_SOAP_H
 #define KESTREL_HOST_SOAP_H
 
+#include <map>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "gateway.h"
@@ -15,15 +15,13 @@ struct SoapArgument {
   std::string value;
 };
 
-enum {
-  SOAP_OK = 0,
-  SOAP_NO_ANSWER = -1,    // nothing whole came in time
-  SOAP_BAD_ANSWER = 100,  // something came that is no answer; below every UPnP error code
-};
+constexpr int soap_ok = 0;
+constexpr int soap_no_answer = -1;    // nothing whole came in time
+constexpr int soap_bad_answer = 100;  // something came that is no answer; below every UPnP error code
 
 struct SoapAnswer {
-  int result = SOAP_NO_ANSWER;  // one of the above, or the UPnP error code (400 to 899)
-  std::string xml;              // of an answer without error
+  int result = soap_no_answer;                 // one of the above, or the UPnP error code (400 to 899)
+  std::map<std::string, std::string> outputs;  // by name; of an answer without error
 };
 
 /// Calls the action and waits for its answer, until the deadline. Nothing is sent to a service that is
@@ -32,7 +30,7 @@ SoapAnswer soap_call(const ConnectionService& service, const char* action, const
                      const Interface& from, const Deadline& deadline);
 
 /// An output argument; empty when the answer lacks it.
-std::string element_of(const SoapAnswer& answer, std::string_view name);
+std::string output_of(const SoapAnswer& answer, const std::string& name);
 
 }  // namespace host
 

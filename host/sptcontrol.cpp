@@ -3,6 +3,7 @@
 //   uri=http://host.of.the.service
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <mutex>
 #include <string>
 #include <system_error>
@@ -16,7 +17,9 @@ namespace host {
 
 namespace {
 
-constexpr std::size_t max_uri_len = 127;  // characters
+constexpr std::size_t max_uri_len = 127;         // characters
+constexpr int write_attempts = 3;                // 20 ms in all
+constexpr timespec write_pause = {0, 10000000};  // 10 ms
 
 struct Status {
   std::mutex mutex;
@@ -29,12 +32,17 @@ Status& status() {
   return *instance;
 }
 
+/// Writes all of the state, each time: what an earlier call could not write is made good by the next.
 int publish(const Status& state) {
   const auto run_dir = text_now(setting::run_dir);
   if (!run_dir) return 0;
   const std::string path = *run_dir + "/status";
   const std::string text = std::string("online=") + (state.online ? "1" : "0") + "\nuri=" + state.uri + "\n";
-  if (make_directories(*run_dir) && replace_file(path, text, nullptr)) return 1;
+  for (int attempt = 1;; ++attempt) {
+    if (make_directories(*run_dir) && replace_file(path, text, nullptr)) return 1;
+    if (attempt == write_attempts) break;
+    nanosleep(&write_pause, nullptr);  // a camera that stays registered makes no next call for days
+  }
   complain(path, "cannot be written: " + std::generic_category().message(errno));
   return 0;
 }

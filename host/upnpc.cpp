@@ -64,8 +64,8 @@ SoapAnswer ask(const Call& call, const char* action, const std::vector<SoapArgum
   return soap_call(call.service, action, arguments, call.from, call.deadline);
 }
 
-int number_in(const SoapAnswer& answer, std::string_view name) {
-  const std::string text = element_of(answer, name);
+int number_in(const SoapAnswer& answer, const std::string& name) {
+  const std::string text = output_of(answer, name);
   int number = 0;
   std::from_chars(text.data(), text.data() + text.size(), number);
   return number;
@@ -104,8 +104,8 @@ int external_address(char* ip, int timeout_s) {
   const auto call = call_gateway(timeout_s);
   if (!call || ip == nullptr) return MUPNP_NO_ANSWER;
   const SoapAnswer answer = ask(*call, "GetExternalIPAddress", {});
-  if (answer.result != SOAP_OK) return answer.result;
-  const std::string text = element_of(answer, "NewExternalIPAddress");
+  if (answer.result != soap_ok) return answer.result;
+  const std::string text = output_of(answer, "NewExternalIPAddress");
   in_addr address{};
   if (inet_pton(AF_INET, text.c_str(), &address) != 1) return MUPNP_NONE;
   put_text(ip, MUPNP_IP_LEN, text);
@@ -117,9 +117,9 @@ int entry_at(int index, char* description, int* external_port, char* protocol_na
   if (!call) return MUPNP_NO_ANSWER;
   if (index < 0 || external_port == nullptr) return no_such_index;
   const SoapAnswer answer = ask(*call, "GetGenericPortMappingEntry", {{"NewPortMappingIndex", std::to_string(index)}});
-  if (answer.result != SOAP_OK) return answer.result;
-  put_text(description, MUPNP_DESCRIPTION_LEN, element_of(answer, "NewPortMappingDescription"));
-  put_text(protocol_name, MUPNP_SHORT_LEN, element_of(answer, "NewProtocol"));
+  if (answer.result != soap_ok) return answer.result;
+  put_text(description, MUPNP_DESCRIPTION_LEN, output_of(answer, "NewPortMappingDescription"));
+  put_text(protocol_name, MUPNP_SHORT_LEN, output_of(answer, "NewProtocol"));
   *external_port = number_in(answer, "NewExternalPort");
   return 0;
 }
@@ -132,8 +132,8 @@ SoapAnswer entry_of(const Call& call, int external_port) {
 /// What an entry says about a port; an entry without a client maps nothing.
 int owner_in(const Call& call, const SoapAnswer& answer) {
   if (answer.result == no_such_entry) return MUPNP_NOT_MAPPED;
-  if (answer.result != SOAP_OK) return answer.result;
-  const std::string client = element_of(answer, "NewInternalClient");
+  if (answer.result != soap_ok) return answer.result;
+  const std::string client = output_of(answer, "NewInternalClient");
   if (client.empty()) return MUPNP_NOT_MAPPED;
   return is_own_address(call, client) ? MUPNP_MAPPED_HERE : MUPNP_MAPPED_ELSEWHERE;
 }
@@ -152,8 +152,8 @@ int look_up(const EntryOutputs& out, int external_port, int protocol, int timeou
   const SoapAnswer answer = entry_of(*call, external_port);
   const int owner = owner_in(*call, answer);
   if (owner != MUPNP_MAPPED_HERE && owner != MUPNP_MAPPED_ELSEWHERE) return owner;
-  put_text(out.description, MUPNP_DESCRIPTION_LEN, element_of(answer, "NewPortMappingDescription"));
-  put_text(out.internal_client, MUPNP_CLIENT_LEN, element_of(answer, "NewInternalClient"));
+  put_text(out.description, MUPNP_DESCRIPTION_LEN, output_of(answer, "NewPortMappingDescription"));
+  put_text(out.internal_client, MUPNP_CLIENT_LEN, output_of(answer, "NewInternalClient"));
   if (out.internal_port != nullptr) *out.internal_port = number_in(answer, "NewInternalPort");
   if (out.lease_s != nullptr) *out.lease_s = number_in(answer, "NewLeaseDuration");
   return owner;
@@ -187,7 +187,7 @@ int add_with_any_lease(const Call& call, const Mapping& mapping) {
   if (!too_short && !too_long) return result;
   const std::uint32_t other_s = too_short ? 0 : longest_lease_s;
   const int second = add_with_lease(call, mapping, other_s);
-  if (second == SOAP_OK) state().lease_s = other_s;
+  if (second == soap_ok) state().lease_s = other_s;
   return second;
 }
 
@@ -211,7 +211,7 @@ int add(const Mapping& mapping, int protocol, int timeout_s) {
   const auto call = call_gateway(timeout_s);
   if (!call) return MUPNP_NO_ANSWER;
   const int result = add_with_any_lease(*call, mapping);
-  if (result != SOAP_OK) return result;
+  if (result != soap_ok) return result;
   return is_in_place(*call, mapping) ? 0 : mapped_nothing;
 }
 

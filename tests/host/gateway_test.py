@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """libupnpc against a scripted gateway on loopback: what routers do, well and badly. usage: gateway_test.py DRIVER"""
 
-import re
 import socket
 import subprocess
 import sys
@@ -11,6 +10,8 @@ import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from xml.etree import ElementTree
+from xml.sax.saxutils import escape
 
 IP1, IP2, PPP1, _ = (f"urn:schemas-upnp-org:service:WAN{kind}Connection:{version}"
                         for kind in ("IP", "PPP") for version in (1, 2))
@@ -25,6 +26,7 @@ class Gateway:
 
     def __init__(self, services=((IP1, "/control"),), ip="127.0.0.1", location=None, **told):
         self.services, self.pad, self.external = services, 0, "203.0.113.5"
+        self.first, self.last, self.encoding, self.prefix = "", "</d:root>", "UTF-8", "u:"
         self.before, self.silent_searches = [], 0  # locations that others answer with first; questions not answered
         self.description_mode = self.control_mode = ""
         self.errors, self.connected, self.maps = lambda action, arguments: 0, "", True
@@ -48,13 +50,15 @@ class Gateway:
                     self.ssdp.sendto(f"HTTP/1.1 200 OK\r\nST: x\r\nLoCation:  {location} \r\n\r\n".encode(), peer)
 
     def description(self):
-        services = "".join(f"<service><serviceType>{kind}</serviceType><controlURL>{url}</controlURL></service>"
-                           for kind, url in self.services)
-        return f"""<?xml version="1.0"?><root><device>
-            <friendlyName> Tom &amp; J&#xE9;r&#244;me <!-- x --></friendlyName><manufacturer><![CDATA[A<B>]]></manufacturer>
-            <modelName>{"M" * 50}</modelName><modelNumber/>{"<icon>x</icon>" * (self.pad // 14)}<deviceList><device>
+        """XML as few write it: decoys in a comment, CDATA and an attribute, prefixes, an entity of its own."""
+        services = "".join(f"""<d:service id='1>2'><!-- <controlURL>/no</controlURL> --><d:serviceType>
+            {kind}</d:serviceType ><controlURL a="/>"><![CDATA[{url}]]></controlURL></d:service>""" for kind, url in self.services)
+        return f"""<?xml version="1.0" encoding="{self.encoding}"?><!DOCTYPE root [<!ENTITY x "<device>no</device>">]>
+            <!-- <device><friendlyName>no</friendlyName></device> --><d:root xmlns:d='u'>{self.first}<d:device><friendlyName a=">no">
+            Tom &amp; J&#xE9;rôme<!-- <x> -->&x;</friendlyName><manufacturer><![CDATA[A</manufacturer><modelName>no<B>]]></manufacturer>
+            <modelName>{"M" * 50}</modelName><modelNumber/><modelDescription>D</modelDescription><manufacturerURL>U</manufacturerURL>{"<icon>x</icon>" * (self.pad // 14)}<deviceList><device>
             <presentationURL>inner</presentationURL><serviceList>{services}</serviceList></device></deviceList>
-            <presentationURL>http://own/</presentationURL></device></root>"""
+            <presentationURL>http://own/</presentationURL></d:device>{self.last}"""
 
     def act(self, action, path, arguments):
         """An action's answer, or its UPnP error code."""
@@ -85,20 +89,22 @@ class Gateway:
             def do_POST(self):
                 body = self.rfile.read(int(self.headers["Content-Length"])).decode()
                 kind, action = self.headers["SOAPAction"].strip('"').split("#")
-                assert f'<u:{action} xmlns:u="{kind}">' in body
-                arguments = dict(re.findall(r"<(New\w+)>([^<]*)</", body))
+                (call,), = ElementTree.fromstring(body)
+                assert call.tag == f"{{{kind}}}{action}", call.tag
+                arguments = {argument.tag: escape(argument.text or "") for argument in call}
                 gateway.calls.append((action, self.path, arguments))
-                result = gateway.errors(action, arguments) or gateway.act(action, self.path, arguments)
+                p, result = gateway.prefix, gateway.errors(action, arguments) or gateway.act(action, self.path, arguments)
                 if isinstance(result, int):
-                    result = f"<s:Fault><detail><UPnPError><errorCode>{result}</errorCode></UPnPError></detail></s:Fault>"
+                    result = f"<s:Fault><detail><UPnPError><{p}errorCode>{result}</{p}errorCode></UPnPError></detail></s:Fault>"
                 else:
-                    texts = "".join(f"<{name}>{text}</{name}>" for name, text in result.items())
-                    result = f"<u:{action}Response xmlns:u='{kind}'>{texts}</u:{action}Response>"
+                    texts = "".join(f"<{p}{name}>{text}</{p}{name}>" for name, text in result.items())
+                    result = f"<{p}{action}Response xmlns:u='{kind}'>{texts}</{p}{action}Response>"
                 self.answer(gateway.control_mode, 500 if "Fault" in result else 200,
                             f"<s:Envelope xmlns:s='http://schemas.xmlsoap.org/soap/envelope/'><s:Body>{result}</s:Body></s:Envelope>")
 
             def answer(self, mode, status, text):
-                whole = f"HTTP/1.1 {status} X\r\nContent-Length: {len(text.encode())}\r\n\r\n{text}".encode()
+                text = text.encode(gateway.encoding)
+                whole = f"HTTP/1.1 {status} X\r\nContent-Length: {len(text)}\r\n\r\n".encode() + text
                 match mode:
                     case "silent":
                         time.sleep(60)
@@ -112,6 +118,7 @@ class Gateway:
                             self.wfile.write(b"X: <x>\r\n" * 10000)
                     case _:
                         self.wfile.write({"": whole, "404": whole.replace(b" 200 ", b" 404 "), "garbage": b"\0\1\2\3" * 100, "cut": whole[:-20],
+                                          "deep": b"HTTP/1.1 200 X\r\n\r\n" + b"<a>" * 300000, "no end": b"HTTP/1.1 200 X\r\n\r\n" + text[:text.find(b"3.5<")],
                                           "no XML": b"HTTP/1.1 200 X\r\n\r\n<<a<b>>&&;&#xfffffffff;<!--<![CDATA["}[mode])
 
         return Handler
@@ -176,9 +183,11 @@ class GatewayTest(unittest.TestCase):
     def test_a_mapping_from_the_search_to_its_end(self):
         with Bench() as bench:
             self.assertEqual(bench.codes("eip", "port 80", "entry 0", "add 80", "delete 80"), [-1] * 5, "no gateway yet")
-            self.assertEqual(bench.ask("discover"), [0, "Tom & Jérôme", "A<B>", "M" * 31, "", "http://own/"])
+            self.assertEqual(bench.ask("discover"), [0, "Tom & Jérôme&x;", "A</manufacturer><modelName>no<B>", "U", "M" * 31, "", "D", "http://own/"])
             self.assertEqual(bench.ask("eip"), [0, "203.0.113.5"])
-            self.assertEqual(bench.codes("port 80", "add 80"), [3, 0])
+            for bench.gateway.prefix in ("", "m:", "u:"):
+                self.assertEqual(bench.codes("eip", "port 80", "entry 0"), [0, 3, 713])
+            self.assertEqual(bench.codes("add 80"), [0])
             self.assertEqual(bench.ask("port", 80), [1, "cam<&>_AABBCC-1.2-80", "127.0.0.1", "80", "0"])
             self.assertEqual(bench.ask("entry", 0), [0, "cam<&>_AABBCC-1.2-80", "80", "TCP"])
             self.assertEqual(bench.codes("entry 1", "delete 80", "delete 80"), [713, 0, 4])
@@ -226,13 +235,16 @@ class GatewayTest(unittest.TestCase):
             for external, expected in (("0.0.0.0", [0, "0.0.0.0"]), ("", [4, "-"]), ("fe80::1", [4, "-"])):
                 bench.gateway.external = external
                 self.assertEqual(bench.ask("eip"), expected)
+            bench.gateway.external, bench.gateway.control_mode = "203.0.113.5", "no end"
+            self.assertEqual(bench.ask("eip"), [4, "-"], "half an address is none")
 
     def test_descriptions(self):
         outside, found, missed = own_address(), 0, 1
 
         def check(result, path, told):
             with Bench(**told) as bench:
-                self.assertEqual(bench.ask("discover", timeout=1 if result else 8)[0], result)
+                code, name, *_ = bench.ask("discover", timeout=1 if result else 8)
+                self.assertEqual((code, name), (result, "" if result else "Tom & Jérôme&x;"))
                 self.assertLess(bench.took, 3)
                 if path:
                     self.assertEqual((bench.codes("eip"), bench.gateway.calls[-1][:2]), ([0], ("GetExternalIPAddress", path)))
@@ -244,6 +256,13 @@ class GatewayTest(unittest.TestCase):
             (found, "/ppp", {"services": ((PPP1, "/ppp"),)}),
             (found, "/b", {"services": ((IP1, "/a"), (PPP1, "/b")), "connected": "/b"}),
             (found, "/control", {"pad": 300000}),
+            (found, "/control", {"encoding": "iso-8859-1"}),
+            (found, "/control", {"encoding": "UTF-16"}),
+            (found, "/control", {"last": ""}),
+            (found, "/control", {"last": "<<a<b>>&&;&#xfffffffff;<!--<![CDATA["}),
+            (found, "/control", {"first": "<a>" * 300000}),
+            (found, "/control", {"first": f"<URLBase>http://{outside}/</URLBase>"}),
+            (found, "/control", {"services": ((IP1, ""), (IP2, "/control"))}),
             (missed, "", {"pad": 1100000}),
             (missed, "", {"services": (("urn:schemas-upnp-org:service:Layer3Forwarding:1", "/c"),)}),
             (missed, "", {"services": ((IP1, f"http://{outside}/control"),)}),
@@ -269,8 +288,8 @@ class GatewayTest(unittest.TestCase):
                     self.assertEqual(bench.ask(call, 80, timeout=1 if mode in ("silent", "drip") else 8)[0], result, call)
                     self.assertLess(bench.took, 3, call)
 
-        self.each([("silent", -1), ("drip", -1), ("flood", -1), ("flooding head", -1), ("cut", -1), ("garbage", -1), ("no XML", 100)],
-                  check)
+        self.each([("silent", -1), ("drip", -1), ("flood", -1), ("flooding head", -1), ("cut", -1), ("garbage", -1), ("no XML", 100),
+                   ("deep", 100)], check)
 
 
 if __name__ == "__main__":

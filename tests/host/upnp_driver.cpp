@@ -29,7 +29,8 @@ void run(const std::string& call, int port, int timeout_s) {
   int other = -1, lease_s = -1, result = 0;
   if (call == "discover") {
     result = Mupnpcp_discover(&igd, timeout_s);
-    return say(result, igd.friendlyName, igd.manufacturer, igd.modelName, igd.modelNumber, igd.presentationURL);
+    return say(result, igd.friendlyName, igd.manufacturer, igd.manufacturerURL, igd.modelName, igd.modelNumber,
+               igd.modelDescription, igd.presentationURL);
   }
   if (call == "eip") {
     result = Mupnpcp_get_eip(ip.data(), timeout_s);
