@@ -28,6 +28,7 @@ constexpr int really = -2;  // of on_select: goes on to the system's select
 
 static std::function<int(int nfds, const timeval& limit)> on_select;
 static std::function<int(const kestrel::DeviceContext*, AuthenticateInfo& auth, char* last_report)> on_report;
+static int refused_option;    // of setsockopt
 static std::uint64_t now_ms;  // in the place of the monotonic clock; 0: the system's
 
 extern "C" int kill(pid_t pid, int number) noexcept {
@@ -38,6 +39,9 @@ extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
   if (now_ms == 0 || clock != CLOCK_MONOTONIC) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
   *now = {static_cast<time_t>(now_ms / 1000), static_cast<long>(now_ms % 1000 * 1'000'000)};
   return 0;
+}
+extern "C" int setsockopt(int fd, int level, int option, const void* value, socklen_t len) noexcept {
+  return option == refused_option ? -1 : static_cast<int>(syscall(SYS_setsockopt, fd, level, option, value, len));
 }
 extern "C" int select(int nfds, fd_set* reads, fd_set* writes, fd_set* excepts, timeval* limit) {
   const int result = on_select ? on_select(nfds, *limit) : really;
@@ -646,6 +650,7 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
       setrlimit(RLIMIT_NOFILE, &limit);
     };
   };
+  const auto refuse = [](int option) { return [=] { refused_option = option; }; };
   const auto hold_port = [] {
     const sockaddr_in port{AF_INET, htons(finder_port), {}, {}};
     holder = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -690,6 +695,8 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
       {"no active one at first", index_0_of("tessel_get_active_iface"), index_0_of(""), none, 2, {}, false},
       {"an active one that goes", nullptr, index_0_of("tessel_get_active_iface"), {}, 2, none, true, false},
       {"a device that is gone", [=] { add("gone0"); }, nullptr, {"SO_BINDTODEVICE:ERROR\n"}, 1},
+      {"an option at last", refuse(SO_REUSEADDR), refuse(0), {"SO_REUSEADDR:ERROR\n"}, 1, {}, false},
+      {"another", refuse(SO_BROADCAST), refuse(0), {"SO_BROADCAST:ERROR\n"}, 1, {}, false},
       {"a port that was taken", hold_port, [] { close(holder); }, {"bind error\n"}, 1, {}, false},
       {"a port that stays taken", hold_port, nullptr, {"bind error\n"}, 1, {}, false, false},
       {"no descriptor at first", descriptors(0), descriptors(1024), {}, 1, {}, false}};
@@ -710,6 +717,7 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
     EXPECT_EQ(served(), row.served) << row.what;
     EXPECT_EQ(finder.alias.alias_handle, 7U) << row.what;
     Finderd_DST();
+    EXPECT_EQ(fake.log.back(), "~Finderd_DST()\n");
     for (const int fd : finder.fd) EXPECT_EQ(fd, -1) << row.what;
     if (row.said == Texts{"bind error\n"}) close(holder);
   }
@@ -737,7 +745,7 @@ TEST_F(FinderTest, RepliesToNeighboursThatDoNotExistAreNotWaitedFor) {
 // ---- The loop ----
 
 TEST_F(FinderTest, EverySocketIsServedAndReportsAreNotKeptBack) {
-  // Both are told of a broadcast. The first one's lasts for two turns.
+  // Both are told of a broadcast. The first one is lost in the third turn, and comes back with the first look.
   fake.metrics = {{0, "lo"}, {0, "lo"}};
   start();
   const Bytes prepared = " iIfPresentIndex=1, iIfActivetIndex=1\n Finderd_init: fd[0]=" + std::to_string(finder.fd[0]) +
@@ -759,7 +767,8 @@ TEST_F(FinderTest, EverySocketIsServedAndReportsAreNotKeptBack) {
     if (++turn == 3) lost = std::exchange(finder.fd[0], -1);
     if (turn == 40) store_word(ctx.run, 0U);
     now_ms += 5000;
-    sendto(client, asked.data(), asked.size(), 0, reinterpret_cast<const sockaddr*>(&all), sizeof(all));
+    if (turn > 30) send(client, asked.data(), asked.size(), 0);  // to one of them
+    if (turn <= 30) sendto(client, asked.data(), asked.size(), 0, reinterpret_cast<const sockaddr*>(&all), sizeof(all));
     return really;
   };
   on_report = [&](const DeviceContext*, AuthenticateInfo&, char*) {
@@ -768,9 +777,11 @@ TEST_F(FinderTest, EverySocketIsServedAndReportsAreNotKeptBack) {
   };
   fake.log.clear();
   Finderd_loop();
+  close(lost);
   EXPECT_EQ(reported_at, (std::vector{60, 120, 180}));
   ASSERT_EQ(replies.size(), 39U);
-  EXPECT_EQ((std::vector{replies[1], replies[2], replies[10], replies[12]}), (std::vector{2, 1, 1, 2}));
+  EXPECT_EQ((std::vector{replies[1], replies[2], replies[10], replies[12], replies[38]}), (std::vector{2, 1, 1, 2, 1}));
+  EXPECT_EQ(fake.console, Texts{});
   const std::string detected =
       " broadcast detected, socket=" + std::to_string(finder.fd[1]) + ", iReportSocketIndex=1, interface=lo\n";
   EXPECT_GE(fake_logged(detected), 10U) << detected;
