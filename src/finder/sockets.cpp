@@ -170,8 +170,8 @@ int set_up() {
 /// interface has its socket: where a set-up failed, all are opened anew in any case.
 bool lost_device() {
   for (int i = 0; finder.complete && i < finder.served.iIfNum; ++i) {
-    char name[IFNAMSIZ + 1] = "";
-    socklen_t len = IFNAMSIZ;
+    char name[IFNAMSIZ] = "";
+    socklen_t len = sizeof(name);
     if (getsockopt(finder.fd[i], SOL_SOCKET, SO_BINDTODEVICE, name, &len) != 0) return true;
     if (std::strcmp(name, finder.served.act_if[i].name) != 0) return true;
   }

@@ -477,6 +477,8 @@ TEST_F(FinderTest, RepliesTakeWhatThePlatformGives) {
   fake.unix_time_s = 0;
   EXPECT_EQ(outcome(request(op_get_url)), answer(1, Bytes(64, '\0')));
   EXPECT_EQ(outcome(request(op_get_enable)), words(0, 0));
+  ctx.state = LumenDevNotReady;
+  EXPECT_EQ(outcome(request(op_self_conf_result)), words(0, 3, 0, 2));
   EXPECT_EQ(payload(op_survey).substr(0, 276),
             Bytes(198, '\0') + hex("0a0b0c0d0e0f") + Bytes(64, '\0') + hex("7f000001 00000000"));
   EXPECT_EQ(payload(op_survey).substr(292), hex("00") + "19700101050000" + Bytes(5, '\0'));
@@ -699,6 +701,7 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
       {"another", refuse(SO_BROADCAST), refuse(0), {"SO_BROADCAST:ERROR\n"}, 1, {}, false},
       {"a port that was taken", hold_port, [] { close(holder); }, {"bind error\n"}, 1, {}, false},
       {"a port that stays taken", hold_port, nullptr, {"bind error\n"}, 1, {}, false, false},
+      {"no descriptor", descriptors(0), nullptr, {}, 1, {}, false, false},
       {"no descriptor at first", descriptors(0), descriptors(1024), {}, 1, {}, false}};
   for (const auto& row : rows) {
     again(row.given);
@@ -714,6 +717,9 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
     for (int i = 0; i < 3; ++i) refresh_sockets();
     EXPECT_EQ(told += set_ups(), row.set_ups) << row.what;
     EXPECT_EQ(fake.console, row.said_then) << row.what;
+    const bool told_sockets = row.served && (row.set_ups == 2 || !row.served_before);
+    EXPECT_EQ(fake_logged(" Finderd_init: fd[0]="), told_sockets ? 1 : 0) << row.what;
+    descriptors(1024)();
     EXPECT_EQ(served(), row.served) << row.what;
     EXPECT_EQ(finder.alias.alias_handle, 7U) << row.what;
     Finderd_DST();
