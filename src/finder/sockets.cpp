@@ -104,7 +104,7 @@ bool bind_to_port(int fd) {
 /// Room for the replies that wait in the kernel for neighbours that do not exist: whoever forges senders has it
 /// keep each for some seconds. Without the right to more, what the system allows.
 void widen(int fd) {
-  constexpr int room = 4 * 1024 * 1024;  // bytes
+  constexpr int room = finder_reply_room;
   if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) == 0) return;
   setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
 }

@@ -627,6 +627,8 @@ TEST_F(FinderTest, FourUsableInterfacesAtMost) {
     fake.binary_interfaces[name] = interface("10.0.0.1");
   }
   fake.binary_interfaces["bare0"] = interface("0.0.0.0");
+  fake.once["get_active_interface"] = {1};          // of the first, which is not filled in
+  finder.served.ifinfo[0] = interface("10.9.9.9");  // of an earlier look
   fake.log.clear();
   ASSERT_EQ(get_ifinfo(), 4);
   Bytes wanted = " In get_ifinfo: iIfNum=4\n";
