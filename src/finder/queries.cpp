@@ -49,10 +49,9 @@ std::uint32_t conf_state_of(RegState state) {
 FinderResult Finderd_handle_op_list(const FinderRequest& /*request*/, FinderReply& reply) {
   debug_log("%s() >>>\n", "Finderd_handle_op_list");
   // A fixed range, whatever the dispatcher serves; tools know it so.
-  constexpr std::uint16_t first = 0x00A1;
-  constexpr std::uint16_t last = 0x00B1;
-  static_assert(2 * (last - first + 1) == finder_op_list_len);
-  for (std::uint16_t opcode = first; opcode <= last; ++opcode) put_u16(reply, 2U * (opcode - first), opcode);
+  constexpr std::uint16_t last_listed = 0x00B1;
+  std::size_t at = 0;
+  for (std::uint16_t opcode = op_survey; opcode <= last_listed; ++opcode, at += 2) put_u16(reply, at, opcode);
   return {0};
 }
 
