@@ -87,8 +87,8 @@ std::uint32_t Finderd_check_user(const char* user_b64, std::uint32_t* index) {
 }
 
 std::uint32_t Finderd_check_authentication(const FinderRequest& request) {
-  char user_b64[finder_credential_len + 1];
-  char pass_b64[finder_credential_len + 1];
+  char user_b64[finder_credential_text_len];
+  char pass_b64[finder_credential_text_len];
   request_text(request, at_user, finder_credential_len, user_b64, sizeof(user_b64));
   request_text(request, at_password, finder_credential_len, pass_b64, sizeof(pass_b64));
   debug_log("%s() >>>\n", "Finderd_check_authentication");

@@ -64,13 +64,8 @@ constexpr std::array<OpcodeRow, 11> opcodes = {{
 }};
 // clang-format on
 
-constexpr bool payloads_fit() {
-  for (const OpcodeRow& row : opcodes) {
-    if (row.payload_len > finder_survey_len) return false;
-  }
-  return true;
-}
-static_assert(payloads_fit());
+static_assert(std::ranges::all_of(opcodes, [](const OpcodeRow& row) { return row.payload_len <= finder_survey_len; }),
+              "a reply has room for them");
 
 constexpr std::uint64_t check_cost = 1000;  // thousandths of a password check
 constexpr std::uint64_t checks_burst = 20;

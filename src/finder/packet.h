@@ -25,7 +25,8 @@ namespace kestrel {
 
 constexpr std::size_t finder_header_len = 22;
 constexpr std::size_t finder_mac_len = 6;
-constexpr std::size_t finder_credential_len = 64;
+constexpr std::size_t finder_credential_len = 64;                              // on the wire: no room for an end
+constexpr std::size_t finder_credential_text_len = finder_credential_len + 1;  // as a text
 
 constexpr std::uint16_t finder_request_magic = 0xFDFD;
 constexpr std::uint16_t finder_reply_magic = 0xFEEE;

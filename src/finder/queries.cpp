@@ -49,10 +49,9 @@ std::uint32_t conf_state_of(RegState state) {
 FinderResult Finderd_handle_op_list(const FinderRequest& /*request*/, FinderReply& reply) {
   debug_log("%s() >>>\n", "Finderd_handle_op_list");
   // A fixed range, whatever the dispatcher serves; tools know it so.
-  constexpr std::uint16_t first_listed = 0x00A1;
-  for (std::size_t at = 0; at < finder_op_list_len; at += 2) {
-    put_u16(reply, at, static_cast<std::uint16_t>(first_listed + at / 2));
-  }
+  constexpr std::uint16_t last_listed = 0x00B1;
+  std::size_t at = 0;
+  for (std::uint16_t opcode = op_survey; opcode <= last_listed; ++opcode, at += 2) put_u16(reply, at, opcode);
   return {0};
 }
 

@@ -104,7 +104,7 @@ bool bind_to_port(int fd) {
 /// Room for the replies that wait in the kernel for neighbours that do not exist: whoever forges senders has it
 /// keep each for some seconds. Without the right to more, what the system allows.
 void widen(int fd) {
-  constexpr int room = 4 * 1024 * 1024;  // bytes
+  constexpr int room = finder_reply_room;
   if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) == 0) return;
   setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
 }
@@ -170,8 +170,8 @@ int set_up() {
 /// interface has its socket: where a set-up failed, all are opened anew in any case.
 bool lost_device() {
   for (int i = 0; finder.complete && i < finder.served.iIfNum; ++i) {
-    char name[IFNAMSIZ + 1] = "";
-    socklen_t len = IFNAMSIZ;
+    char name[IFNAMSIZ] = "";
+    socklen_t len = sizeof(name);
     if (getsockopt(finder.fd[i], SOL_SOCKET, SO_BINDTODEVICE, name, &len) != 0) return true;
     if (std::strcmp(name, finder.served.act_if[i].name) != 0) return true;
   }
