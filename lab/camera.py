@@ -4,12 +4,12 @@ import os
 import signal
 import subprocess
 import threading
-import time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 
+from lab.clock import SpeedyClock
 from lab.service import PASSWORD
-from lab.world import Node, Unavailable
+from lab.world import Node
 
 MODEL = "LC-1200"
 MAC = "02:4b:52:10:20:30"
@@ -180,46 +180,6 @@ class Camera:
         """The device's status file: online and uri."""
         file = self.home / "run/status"
         return dict(line.split("=", 1) for line in file.read_text().split()) if file.exists() else {}
-
-
-class SpeedyClock:
-    """Makes the daemon's time run faster, by libfaketime; a rate of 1 leaves it alone."""
-
-    def __init__(self, file: Path, rate: float, changing: bool):
-        self.rate, self._file, self._changing = rate, file, changing
-        self._offset_s, self._start = 0.0, 0.0
-
-    def environment(self) -> list[str]:
-        """The environment that the daemon needs for it."""
-        if self.rate == 1 and not self._changing:
-            return []
-        # The sanitizers' runtimes come second: the check that they come first is about interceptors, and both work.
-        env = [f"LD_PRELOAD={_faketime()}", "ASAN_OPTIONS=verify_asan_link_order=0"]
-        if not self._changing:
-            return env + [f"FAKETIME=+0 x{self.rate}"]
-        self._file.write_text(f"+0 x{self.rate}\n")
-        return env + [f"FAKETIME_TIMESTAMP_FILE={self._file}", "FAKETIME_NO_CACHE=1"]
-
-    def started(self) -> None:
-        """The daemon's clock starts now."""
-        self._start, self._offset_s = time.monotonic(), 0.0
-
-    def change(self, rate: float) -> None:
-        """Another rate from now on, without a leap: the offset makes both lines meet at this moment."""
-        if not self._changing:
-            raise ValueError("this clock was not made to change")
-        self._offset_s += (time.monotonic() - self._start) * (self.rate - rate)
-        self.rate = rate
-        new = self._file.with_suffix(".new")
-        new.write_text(f"{self._offset_s:+.3f} x{rate}\n")
-        new.replace(self._file)
-
-
-def _faketime() -> str:
-    """The MT variant: the daemon has two threads."""
-    for folder in Path("/usr/lib").glob("*/faketime/libfaketimeMT.so.1"):
-        return str(folder)
-    raise Unavailable("libfaketime is missing (package libfaketime)")
 
 
 class _Page(BaseHTTPRequestHandler):

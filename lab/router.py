@@ -6,6 +6,7 @@ import signal
 import subprocess
 import time
 
+from lab.clock import faster
 from lab.gateway import Gateway
 from lab.world import SCRATCH, Node, Unavailable
 
@@ -57,8 +58,8 @@ upnp_nat_postrouting_chain=upnp_post
 class Router:
     """A node with the interfaces "lan" and "wan" that masquerades what leaves by "wan"."""
 
-    def __init__(self, node: Node):
-        self.node = node
+    def __init__(self, node: Node, speed: float = 1):
+        self.node, self._speed = node, speed
         self.scripted: Gateway | None = None
         self._agent: subprocess.Popen | None = None
         node.run("sysctl", "-qw", "net.ipv4.ip_forward=1")
@@ -73,8 +74,9 @@ class Router:
         verb = "deny" if refuse_all else "allow"
         settings.write_text(f"{_MINIUPNPD}{verb} 0-65535 0.0.0.0/0 0-65535\n")
         log = SCRATCH / f"{self.node.name}-miniupnpd.log"
+        # A gateway takes up to a second to answer a search; on the camera's clock, or the camera no longer listens.
         self._agent = self.node.spawn(
-            [program, "-d", "-f", settings, "-P", SCRATCH / f"{self.node.name}-miniupnpd.pid"], log)
+            ["env", *faster(self._speed), program, "-d", "-f", settings, "-P", SCRATCH / f"{self.node.name}-miniupnpd.pid"], log)
         deadline = time.monotonic() + 10
         while "HTTP listening on port" not in log.read_text(errors="replace"):
             if self._agent.poll() is not None or time.monotonic() > deadline:

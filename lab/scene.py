@@ -12,6 +12,7 @@ from lab.control_point import ControlPoint, Mapping
 from lab.follower import Failed, Follower
 from lab.router import UPNP_PORT
 from lab.stage import CAMERA, LAN
+from lab.world import SCRATCH
 
 ONE_NAT = ["START", "IpReady", "InternetReady", "NATMode", "UPnP", "UPnP", "UPnP_A", "NAT1", "UpnpPfReady",
            "LumenDevDone"]
@@ -169,7 +170,7 @@ class Scene(Follower):
 
     def keep_logs(self) -> None:
         """Put what the lab's programs said beside the daemon's log."""
-        scratch = self.node.scratch if self.node else Node.scratch
+        scratch = self.node.scratch if self.node else SCRATCH
         for file in [*scratch.glob("*.log"), *scratch.glob("*/output.txt")]:
             if self.options.kept and file.stat().st_size:
                 name = file.name if file.parent == scratch else f"{file.parent.name}-{file.name}"

@@ -60,7 +60,7 @@ class Stage:
         router.route(isp)
         if not behind:
             self.internet.address(isp_interface, f"{isp}/24")
-        self.router = Router(router)
+        self.router = Router(router, self.options.speed)
         self._plug_in(node, CAMERA, LAN)
 
     @staticmethod

@@ -72,6 +72,9 @@ def _first_process(body: Callable[[], int], alive: int) -> int:
         kernel.mount("proc", "/proc", "proc")
         for place in ("/run", "/dev/shm"):
             kernel.mount("tmpfs", place, "tmpfs", 0, "mode=755")
+        # Where there is no /dev/log, syslog writes to the machine's console: it is not ours, and may be a slow line.
+        if Path("/dev/console").exists():
+            kernel.mount("/dev/null", "/dev/console", "", kernel.MS_BIND)
         SCRATCH.mkdir()
     except OSError as error:
         print(f"lab: a private world can't be set up here ({error}); run as root", file=sys.stderr)
