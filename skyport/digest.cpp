@@ -8,14 +8,16 @@
 #include <cctype>
 #include <charconv>
 
-#include "cipher.h"
 #include "net.h"
+#include "service_cipher.h"
 
 namespace skyport {
 namespace {
 
-constexpr size_t kMostNonces = 4096;
-constexpr size_t kCountDigits = 8;
+using service_cipher::md5_hex;
+
+constexpr size_t max_nonces = 4096;
+constexpr size_t nc_digits = 8;
 
 std::string_view skip_blanks(std::string_view text) {
   const size_t start = text.find_first_not_of(" \t");
@@ -56,7 +58,7 @@ const std::string& field(const Credentials& credentials, std::string_view name) 
 /// The nonce count as a number. RFC 2617 writes it in hexadecimal; a client that counts in decimal
 /// digits is read the same way, and its counts rise all the same.
 bool parse_count(const std::string& text, uint64_t& count) {
-  if (text.size() != kCountDigits) return false;
+  if (text.size() != nc_digits) return false;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count, 16);
   return error == std::errc() && end == text.data() + text.size();
 }
@@ -97,10 +99,10 @@ std::string target_path(std::string_view target) {
 }
 
 bool parse_authorization(std::string_view header, Credentials& out) {
-  constexpr std::string_view kScheme = "Digest ";
+  constexpr std::string_view scheme = "Digest ";
   out.clear();
-  if (header.size() < kScheme.size() || strncasecmp(header.data(), kScheme.data(), kScheme.size()) != 0) return false;
-  std::string_view rest = skip_blanks(header.substr(kScheme.size()));
+  if (header.size() < scheme.size() || strncasecmp(header.data(), scheme.data(), scheme.size()) != 0) return false;
+  std::string_view rest = skip_blanks(header.substr(scheme.size()));
   std::string name;
   std::string value;
   while (!rest.empty()) {
@@ -117,11 +119,11 @@ std::string NonceTable::give(const std::string& method, const std::string& path,
   std::array<unsigned char, 16> random{};
   if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size()))
     throw std::system_error(errno, std::generic_category(), "getrandom");
-  std::string nonce = md5_hex({{reinterpret_cast<const char*>(random.data()), random.size()}});
+  std::string nonce = md5_hex(std::string_view(reinterpret_cast<const char*>(random.data()), random.size()));
   const std::lock_guard lock(mutex_);
   entries_[nonce] = {steady_ms() + timeout_ms_, 0, with_qop, per_path_ ? method + ' ' + path : ""};
   order_.push_back(nonce);
-  if (order_.size() > kMostNonces) {
+  if (order_.size() > max_nonces) {
     entries_.erase(order_.front());
     order_.pop_front();
   }

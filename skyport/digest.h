@@ -1,7 +1,7 @@
 // HTTP Digest (RFC 2617, MD5, qop "auth" or none), the server's side. A nonce serves every path,
 // method and listener of the service, unless the scope is "path".
-#ifndef SKYPORT_DIGEST_H
-#define SKYPORT_DIGEST_H
+#ifndef KESTREL_SKYPORT_DIGEST_H
+#define KESTREL_SKYPORT_DIGEST_H
 
 #include <cstdint>
 #include <deque>

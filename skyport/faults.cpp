@@ -23,18 +23,18 @@ struct KindRow {
 };
 
 using enum FaultWhen;
-constexpr double kMostBytes = 1 << 30;
-constexpr std::array kKinds = {
+constexpr double max_bytes = 1 << 30;
+constexpr std::array kinds = {
     KindRow{"status", FaultKind::status, Argument::number, 200, 599, -1, any, true, true},
     KindRow{"delay", FaultKind::delay, Argument::number, 0, 3600, -1, any, true, false},
     KindRow{"drip", FaultKind::drip, Argument::number, 0, 3600, -1, any, true, false},
     KindRow{"refuse", FaultKind::refuse, Argument::none, 0, 0, 0, any, true, true},
     KindRow{"reset", FaultKind::reset, Argument::none, 0, 0, 0, any, true, true},
-    KindRow{"cut", FaultKind::cut, Argument::number, 1, kMostBytes, 0, any, true, false},
-    KindRow{"garbage", FaultKind::garbage, Argument::number, 1, kMostBytes, 512, any, true, true},
+    KindRow{"cut", FaultKind::cut, Argument::number, 1, max_bytes, 0, any, true, false},
+    KindRow{"garbage", FaultKind::garbage, Argument::number, 1, max_bytes, 512, any, true, true},
     KindRow{"silent", FaultKind::silent, Argument::number, 0, 3600, 300, any, true, true},
-    KindRow{"oversize", FaultKind::oversize, Argument::number, 1, kMostBytes, 8 << 20, any, true, true},
-    KindRow{"bighead", FaultKind::bighead, Argument::number, 1, kMostBytes, 1 << 20, any, true, true},
+    KindRow{"oversize", FaultKind::oversize, Argument::number, 1, max_bytes, 8 << 20, any, true, true},
+    KindRow{"bighead", FaultKind::bighead, Argument::number, 1, max_bytes, 1 << 20, any, true, true},
     KindRow{"chunked", FaultKind::chunked, Argument::none, 0, 0, 0, any, true, false},
     KindRow{"nolength", FaultKind::nolength, Argument::none, 0, 0, 0, any, true, false},
     KindRow{"stale", FaultKind::stale, Argument::none, 0, 0, 0, authorized, false, true},
@@ -50,22 +50,22 @@ struct WhenRow {
   const char* suffix;
   FaultWhen when;
 };
-constexpr WhenRow kWhens[] = {{"@auth", authorized}, {"@challenge", challenged}};
+constexpr WhenRow whens[] = {{"@auth", authorized}, {"@challenge", challenged}};
 
 const KindRow* find_kind(std::string_view name) {
-  const auto* const row = std::find_if(kKinds.begin(), kKinds.end(), [&](const KindRow& r) { return name == r.name; });
-  return row == kKinds.end() ? nullptr : row;
+  const auto* const row = std::find_if(kinds.begin(), kinds.end(), [&](const KindRow& r) { return name == r.name; });
+  return row == kinds.end() ? nullptr : row;
 }
 
 const KindRow& row_of(FaultKind kind) {
-  return *std::find_if(kKinds.begin(), kKinds.end(), [&](const KindRow& r) { return kind == r.kind; });
+  return *std::find_if(kinds.begin(), kinds.end(), [&](const KindRow& r) { return kind == r.kind; });
 }
 
 bool take_count(std::string_view& rest, int64_t& count) {
-  constexpr uint64_t kMostCount = 1000000;
+  constexpr uint64_t max_count = 1000000;
   const size_t star = rest.rfind('*');
   uint64_t number = 0;
-  if (star == std::string_view::npos || !parse_number(rest.substr(star + 1), kMostCount, number)) return true;
+  if (star == std::string_view::npos || !parse_number(rest.substr(star + 1), max_count, number)) return true;
   rest = rest.substr(0, star);
   count = static_cast<int64_t>(number);
   return number > 0;
@@ -114,7 +114,7 @@ bool parse_fault(std::string_view spec, Fault& out, std::string& error) {
   out.kind = row->kind;
   out.when = row->when;
   if (row->when_free) {
-    for (const WhenRow& when : kWhens) {
+    for (const WhenRow& when : whens) {
       if (!rest.ends_with(when.suffix)) continue;
       rest.remove_suffix(std::string_view(when.suffix).size());
       out.when = when.when;
@@ -137,7 +137,7 @@ std::string fault_text(const Fault& fault) {
   const KindRow& row = row_of(fault.kind);
   std::string text = fault.path + ":" + row.name;
   if (row.argument == Argument::text || !fault.arg.empty()) text += "=" + fault.arg;
-  for (const WhenRow& when : kWhens)
+  for (const WhenRow& when : whens)
     if (row.when_free && fault.when == when.when) text += when.suffix;
   if (fault.left >= 0) text += "*" + std::to_string(fault.left);
   return text;
@@ -147,9 +147,11 @@ bool fault_prevents_work(FaultKind kind) {
   return kind != FaultKind::none && row_of(kind).prevents_work;
 }
 
-void FaultList::add(const std::vector<Fault>& faults) {
+bool FaultList::add(const std::vector<Fault>& faults) {
   const std::lock_guard lock(mutex_);
+  if (faults.size() > max_faults - faults_.size()) return false;
   faults_.insert(faults_.end(), faults.begin(), faults.end());
+  return true;
 }
 
 void FaultList::clear() {

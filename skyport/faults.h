@@ -1,8 +1,9 @@
 // Faults that a person or a test asks of the service: which path, what goes wrong, when and how often.
 // Written PATH:KIND[=ARG][@WHEN][*COUNT]; the README lists the kinds.
-#ifndef SKYPORT_FAULTS_H
-#define SKYPORT_FAULTS_H
+#ifndef KESTREL_SKYPORT_FAULTS_H
+#define KESTREL_SKYPORT_FAULTS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -55,10 +56,14 @@ std::string fault_text(const Fault& fault);
 /// True when a request that this fault strikes has no effect in the service (no registration and so on).
 bool fault_prevents_work(FaultKind kind);
 
+/// So many can be in force at a time; far more than a test needs, and few enough to hold and to show.
+inline constexpr size_t max_faults = 1000;
+
 /// The faults in force, in the order in which they were asked. Any thread may call.
 class FaultList {
  public:
-  void add(const std::vector<Fault>& faults);
+  /// Adds all of them, or none and false when there would be more than `max_faults`.
+  [[nodiscard]] bool add(const std::vector<Fault>& faults);
   void clear();
   std::vector<Fault> list();
   /// The first fault that fits, one of its count used up; kind `none` when there is none.

@@ -15,11 +15,11 @@
 namespace skyport {
 namespace {
 
-constexpr unsigned kMostConnections = 128;   // a listener's
-constexpr unsigned kIdle_s = 30;             // a connection that neither sends nor takes is closed
-constexpr size_t kConnectionMemory = 16384;  // bounds the head of a request
-constexpr size_t kMostBody = 16384;
-constexpr size_t kMostSwallowed = 1048576;  // of a body too large; then the connection is dropped without a 413
+constexpr unsigned max_connections = 128;    // a listener's
+constexpr unsigned idle_s = 30;              // a connection that neither sends nor takes is closed
+constexpr size_t connection_memory = 16384;  // bounds the head of a request
+constexpr size_t max_body_len = 16384;
+constexpr size_t max_swallowed_len = 1048576;  // of a body too large; then the connection is dropped without a 413
 
 struct Pending {
   Request request;
@@ -42,6 +42,7 @@ std::string header(MHD_Connection* connection, const char* name) {
 void fill(Request& request, MHD_Connection* connection, const char* method) {
   request.method = method;
   request.host = header(connection, MHD_HTTP_HEADER_HOST);
+  request.origin = header(connection, MHD_HTTP_HEADER_ORIGIN);
   request.authorization = header(connection, MHD_HTTP_HEADER_AUTHORIZATION);
   request.fd = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
   sockaddr_in address{};
@@ -87,11 +88,11 @@ MHD_Result on_request(void* listener, MHD_Connection* connection, const char*, c
   }
   if (*upload_size > 0) {
     pending->received += *upload_size;
-    if (pending->received <= kMostBody) pending->request.body.append(upload, *upload_size);
+    if (pending->received <= max_body_len) pending->request.body.append(upload, *upload_size);
     *upload_size = 0;
-    return pending->received <= kMostSwallowed ? MHD_YES : MHD_NO;
+    return pending->received <= max_swallowed_len ? MHD_YES : MHD_NO;
   }
-  if (pending->received > kMostBody) return queue(connection, {413, "", "body is too large\n", "text/plain"});
+  if (pending->received > max_body_len) return queue(connection, {413, "", "body is too large\n", "text/plain"});
   fill(pending->request, connection, method);
   const Answer answer = static_cast<const Listener*>(listener)->serve(pending->request);
   return answer.drop ? MHD_NO : queue(connection, answer);
@@ -104,8 +105,8 @@ Listener::Listener(int fd, Serve serve)
       daemon_(MHD_start_daemon(MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL_INTERNAL_THREAD, 0, nullptr, nullptr,
                                on_request, this, MHD_OPTION_LISTEN_SOCKET, fd, MHD_OPTION_URI_LOG_CALLBACK, on_target,
                                nullptr, MHD_OPTION_NOTIFY_COMPLETED, on_completed, nullptr, MHD_OPTION_CONNECTION_LIMIT,
-                               kMostConnections, MHD_OPTION_CONNECTION_TIMEOUT, kIdle_s,
-                               MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory, MHD_OPTION_END)) {
+                               max_connections, MHD_OPTION_CONNECTION_TIMEOUT, idle_s,
+                               MHD_OPTION_CONNECTION_MEMORY_LIMIT, connection_memory, MHD_OPTION_END)) {
   if (daemon_ != nullptr) return;
   close(fd);
   throw std::runtime_error("the HTTP library does not start");

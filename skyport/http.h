@@ -1,6 +1,6 @@
 // HTTP listeners on libmicrohttpd: a thread a connection, bounded in number, size and idle time.
-#ifndef SKYPORT_HTTP_H
-#define SKYPORT_HTTP_H
+#ifndef KESTREL_SKYPORT_HTTP_H
+#define KESTREL_SKYPORT_HTTP_H
 
 #include <functional>
 #include <string>
@@ -16,7 +16,7 @@ struct Request {
   Endpoint peer, local;
   std::string method;
   std::string target;  // of the request line, as it stood there
-  std::string host, authorization;
+  std::string host, origin, authorization;
   std::string body;
   int fd = -1;  // the connection's socket, for answers that are not HTTP
 };

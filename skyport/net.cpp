@@ -18,8 +18,8 @@
 namespace skyport {
 namespace {
 
-constexpr int kBacklog = 128;
-constexpr int kSendStall_ms = 30000;
+constexpr int backlog = 128;
+constexpr int send_stall_ms = 30000;
 
 std::string error_text(int error) {
   return std::generic_category().message(error);
@@ -97,7 +97,7 @@ int listen_on(Endpoint& endpoint, std::string& error) {
   // Lets a restarted service have its port while old connections are in TIME_WAIT.
   if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (fd < 0 || bind(fd, generic, length) != 0 || listen(fd, kBacklog) != 0 || getsockname(fd, generic, &length) != 0) {
+  if (fd < 0 || bind(fd, generic, length) != 0 || listen(fd, backlog) != 0 || getsockname(fd, generic, &length) != 0) {
     error = error_text(errno);
     if (fd >= 0) close(fd);
     return -1;
@@ -116,7 +116,7 @@ bool send_all(int fd, std::string_view bytes, int stop_fd) {
     if (sent >= 0) {
       bytes.remove_prefix(static_cast<size_t>(sent));
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      if (poll_or_stop(stop_fd, fd, POLLOUT, kSendStall_ms) <= 0) return false;
+      if (poll_or_stop(stop_fd, fd, POLLOUT, send_stall_ms) <= 0) return false;
     } else if (errno != EINTR) {
       return false;
     }

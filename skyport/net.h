@@ -1,7 +1,7 @@
 // Sockets and time: listeners, the connection back to a camera, raw sends, and waits that end when
 // the service stops.
-#ifndef SKYPORT_NET_H
-#define SKYPORT_NET_H
+#ifndef KESTREL_SKYPORT_NET_H
+#define KESTREL_SKYPORT_NET_H
 
 #include <cstdint>
 #include <string>

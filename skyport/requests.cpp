@@ -3,16 +3,18 @@
 #include <algorithm>
 #include <pugixml.hpp>
 #include <span>
+#include <stdexcept>
 
 #include "cipher.h"
+#include "service_cipher.h"
 
 namespace skyport {
 namespace {
 
 // What stands around the elements of every body and answer.
-constexpr std::string_view kHead = "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n";
-constexpr std::string_view kTail = "</ldev>\n";
-constexpr size_t kMostAliasLetters = 31;
+constexpr std::string_view xml_head = "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n";
+constexpr std::string_view xml_tail = "</ldev>\n";
+constexpr size_t max_alias_len = 31;
 
 struct Caller {
   Service& service;
@@ -30,7 +32,7 @@ struct Element {
 };
 
 // The bodies, element by element in the order of the wire.
-constexpr Element kUpdate[] = {
+constexpr Element update_elements[] = {
     {"dev/hid", Text::any},      {"dev/mac", Text::any},    {"dev/ptype", Text::one}, {"dev/model", Text::any},
     {"dev/ver", Text::any},      {"dev/sptver", Text::any}, {"dev/oif", Text::any},   {"dev/mask", Text::any},
     {"dev/gw", Text::any},       {"dev/eip", Text::any},    {"dev/ueip", Text::any},  {"dev/iip", Text::any},
@@ -38,10 +40,10 @@ constexpr Element kUpdate[] = {
     {"ch/prot", Text::protocol}, {"ch/stype", Text::http},  {"ch/eport", Text::any},  {"ch/ueport", Text::any},
     {"ch/iport", Text::any},     {"ch/st", Text::number},
 };
-constexpr Element kConnectBack[] = {
+constexpr Element connect_back_elements[] = {
     {"hid", Text::any}, {"eip", Text::address}, {"ueport", Text::port}, {"tstamp", Text::any}};
-constexpr Element kAlias[] = {{"hid", Text::any}, {"redirip", Text::any}, {"ah", Text::any}};
-constexpr Element kEnable[] = {{"hid", Text::any}, {"enable", Text::number}};
+constexpr Element alias_elements[] = {{"hid", Text::any}, {"redirip", Text::any}, {"ah", Text::any}};
+constexpr Element enable_elements[] = {{"hid", Text::any}, {"enable", Text::number}};
 
 bool fits(Text text, const std::string& value) {
   uint64_t number = 0;
@@ -97,8 +99,8 @@ std::string character_error(std::string_view xml) {
 
 /// Parses a request's XML; `ldev` becomes its one element. An empty text or what is wrong.
 std::string parse_xml(const std::string& xml, pugi::xml_document& document, pugi::xml_node& ldev) {
-  if (!xml.starts_with(kHead)) return "XML does not begin with its declaration and <ldev>";
-  if (!xml.ends_with(kTail)) return "XML does not end with </ldev>";
+  if (!xml.starts_with(xml_head)) return "XML does not begin with its declaration and <ldev>";
+  if (!xml.ends_with(xml_tail)) return "XML does not end with </ldev>";
   if (const std::string error = character_error(xml); !error.empty()) return "XML holds " + error;
   const pugi::xml_parse_result result = document.load_buffer(
       xml.data(), xml.size(),
@@ -157,15 +159,15 @@ std::string table_error(std::span<const Element> table, const Fields& fields) {
 }
 
 Answer with_data(Exchange& exchange, const std::string& elements) {
-  exchange.answer = std::string(kHead).append(elements).append(kTail);
-  return {200, "", encode_answer(exchange.answer)};
+  exchange.answer = std::string(xml_head).append(elements).append(xml_tail);
+  return {200, "", service_cipher::seal(exchange.answer)};
 }
 
 /// The host of an absolute URL when it is a dotted address, else an empty text.
 std::string url_host(const std::string& target) {
-  constexpr std::string_view kScheme = "http://";
-  if (!target.starts_with(kScheme)) return "";
-  const std::string host = target.substr(kScheme.size(), target.find_first_of(":/", kScheme.size()) - kScheme.size());
+  constexpr std::string_view scheme = "http://";
+  if (!target.starts_with(scheme)) return "";
+  const std::string host = target.substr(scheme.size(), target.find_first_of(":/", scheme.size()) - scheme.size());
   return is_ipv4(host) ? host : "";
 }
 
@@ -220,7 +222,7 @@ Answer serve_enable(const Caller& c, const Fields& fields) {
 
 Answer serve_report(const Caller& c, const Fields&) {
   const std::string& xml = c.exchange.request;
-  c.service.store.report(c.hid, xml.substr(kHead.size(), xml.size() - kHead.size() - kTail.size()));
+  c.service.store.report(c.hid, xml.substr(xml_head.size(), xml.size() - xml_head.size() - xml_tail.size()));
   return {};
 }
 
@@ -231,10 +233,13 @@ struct Route {
   Answer (*serve)(const Caller&, const Fields&);
 };
 
-constexpr Route kRoutes[] = {
-    {"/daip.html", "GET", {}, serve_data_server},    {"/ext.html", "GET", {}, serve_external_address},
-    {"/iupd.html", "POST", kUpdate, serve_update},   {"/connectbk.html", "POST", kConnectBack, serve_connect_back},
-    {"/alias.html", "POST", kAlias, serve_alias},    {"/enable.html", "POST", kEnable, serve_enable},
+constexpr Route routes[] = {
+    {"/daip.html", "GET", {}, serve_data_server},
+    {"/ext.html", "GET", {}, serve_external_address},
+    {"/iupd.html", "POST", update_elements, serve_update},
+    {"/connectbk.html", "POST", connect_back_elements, serve_connect_back},
+    {"/alias.html", "POST", alias_elements, serve_alias},
+    {"/enable.html", "POST", enable_elements, serve_enable},
     {"/conn_report.html", "POST", {}, serve_report},
 };
 
@@ -307,12 +312,12 @@ Answer serve(const Route& route, const Caller& caller, const Fields& fields, con
 }
 
 void spoil_body(const Fault& fault, Exchange& exchange, Answer& answer) {
-  constexpr const char* kNotTheCipher = "bm90IHRoZSBzZXJ2aWNlJ3MgY2lwaGVy";  // base64 of readable words
+  constexpr const char* not_the_cipher = "bm90IHRoZSBzZXJ2aWNlJ3MgY2lwaGVy";  // base64 of readable words
   if (fault.kind == FaultKind::plain) {
-    answer = {200, "", encode_answer(fault.arg)};
+    answer = {200, "", service_cipher::seal(fault.arg)};
     exchange.answer = fault.arg;
   } else if (fault.kind == FaultKind::badbody || fault.kind == FaultKind::empty) {
-    const std::string text = fault.arg.empty() ? kNotTheCipher : fault.arg;
+    const std::string text = fault.arg.empty() ? not_the_cipher : fault.arg;
     answer = {200, "", fault.kind == FaultKind::empty ? "" : text};
     exchange.answer.clear();
   }
@@ -345,7 +350,7 @@ Service::Service(Settings wanted, int stop)
       stop_fd(stop),
       nonces(settings.nonce_timeout_s, settings.nonce_per_path),
       store(settings.database) {
-  faults.add(settings.faults);
+  if (!faults.add(settings.faults)) throw std::runtime_error("too many faults");
   store.put_aliases(settings.aliases_taken);
 }
 
@@ -360,9 +365,9 @@ Answer decide(Service& service, const Request& request, bool relay_only, Exchang
   exchange.relay = request.target.starts_with("http://");
 
   const auto* const route =
-      std::find_if(std::begin(kRoutes), std::end(kRoutes), [&](const Route& r) { return exchange.path == r.path; });
+      std::find_if(std::begin(routes), std::end(routes), [&](const Route& r) { return exchange.path == r.path; });
   if (relay_only && !exchange.relay) return refusal(400, exchange, "a relay needs an absolute URL");
-  if (route == std::end(kRoutes)) {
+  if (route == std::end(routes)) {
     fault = service.faults.take(exchange.path, false);
     if (fault.kind == FaultKind::status) return {static_cast<unsigned>(fault.number), "", ""};
     return refusal(404, exchange, "path is not served");
@@ -375,7 +380,7 @@ std::string alias_error(const std::string& name) {
   const auto fits_label = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-';
   };
-  if (name.empty() || name.size() > kMostAliasLetters) return "alias has not 1 to 31 characters";
+  if (name.empty() || name.size() > max_alias_len) return "alias has not 1 to 31 characters";
   if (!std::all_of(name.begin(), name.end(), fits_label) || name.front() == '-' || name.back() == '-')
     return "alias is not letters, digits and inner hyphens";
   return "";

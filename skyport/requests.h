@@ -1,7 +1,7 @@
 // The service's requests: what each path wants and does, and the decision on one request from its
 // Authorization header to its answer.
-#ifndef SKYPORT_REQUESTS_H
-#define SKYPORT_REQUESTS_H
+#ifndef KESTREL_SKYPORT_REQUESTS_H
+#define KESTREL_SKYPORT_REQUESTS_H
 
 #include <map>
 #include <string>

@@ -23,12 +23,12 @@ std::string whole_answer(const Answer& answer) {
   return raw_answer(answer, length_line(answer.body.size()), answer.body);
 }
 
-constexpr size_t kFillerBlock = 65536;
+constexpr size_t filler_block_len = 65536;
 
 /// Sends `total` bytes of a repeated text, so that a large answer costs no memory.
 void send_filler(const Wire& wire, const std::string& piece, size_t total) {
   std::string block;
-  while (block.size() < kFillerBlock) block += piece;
+  while (block.size() < filler_block_len) block += piece;
   while (total > 0) {
     const size_t length = std::min(total, block.size());
     if (!send_all(wire.fd, std::string_view(block).substr(0, length), wire.stop_fd)) return;
@@ -42,10 +42,10 @@ void send_drip(const Wire& wire, const std::string& text, double gap_s) {
 }
 
 void send_chunked(const Wire& wire, const Answer& answer) {
-  constexpr size_t kChunk = 7;  // splits the base64 groups
+  constexpr size_t chunk_len = 7;  // splits the base64 groups
   std::string body;
-  for (size_t at = 0; at < answer.body.size(); at += kChunk) {
-    const std::string piece = answer.body.substr(at, kChunk);
+  for (size_t at = 0; at < answer.body.size(); at += chunk_len) {
+    const std::string piece = answer.body.substr(at, chunk_len);
     std::array<char, 16> size{};
     std::snprintf(size.data(), size.size(), "%zx\r\n", piece.size());
     body += size.data() + piece + "\r\n";

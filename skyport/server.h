@@ -1,6 +1,6 @@
 // The service's listeners, and the faults that break an answer on the wire.
-#ifndef SKYPORT_SERVER_H
-#define SKYPORT_SERVER_H
+#ifndef KESTREL_SKYPORT_SERVER_H
+#define KESTREL_SKYPORT_SERVER_H
 
 #include "http.h"
 #include "requests.h"

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "visitors.h"
+
 namespace skyport {
 namespace {
 
@@ -91,12 +93,12 @@ Answer get_devices(Service& service, const Request&) {
 }
 
 Answer get_exchanges(Service& service, const Request& request) {
-  constexpr std::string_view kSince = "since=";
+  constexpr std::string_view since_key = "since=";
   uint64_t since = 0;
   const size_t query = request.target.find('?');
   if (query != std::string::npos) {
     const std::string text = request.target.substr(query + 1);
-    if (!text.starts_with(kSince) || !parse_number(text.substr(kSince.size()), INT64_MAX, since))
+    if (!text.starts_with(since_key) || !parse_number(text.substr(since_key.size()), INT64_MAX, since))
       return error_answer(400, "the query is not since=NUMBER");
   }
   Json json = Json::array();
@@ -128,7 +130,10 @@ Answer post_faults(Service& service, const Request& request) {
     if (!parse_fault(line, faults.emplace_back(), error)) return error_answer(400, error);
   }
   if (faults.empty()) return error_answer(400, "the body has no fault; write one a line");
-  service.faults.add(faults);
+  if (!service.faults.add(faults)) {
+    return error_answer(409, "at most " + std::to_string(max_faults) +
+                                 " faults can be in force, and these would be more; DELETE /faults ends all of them");
+  }
   return get_faults(service, request);
 }
 
@@ -196,7 +201,7 @@ void show_exchange(std::ostream& out, const Exchange& e) {
 }
 
 Answer get_page(Service& service, const Request&) {
-  constexpr size_t kShown = 20;
+  constexpr size_t exchanges_shown = 20;
   std::ostringstream out;
   out << "Bench service, up since " << iso_time(service.start) << ", now " << iso_time(wall_ms()) << "\n\nDevices\n\n";
   const std::vector<Device> devices = service.store.devices();
@@ -208,7 +213,7 @@ Answer get_page(Service& service, const Request&) {
   for (const Fault& fault : faults) out << shown(fault_text(fault)) << "\n";
   out << "\nLast exchanges, newest first\n\n";
   const std::vector<Exchange> exchanges = service.exchanges.since(0);
-  size_t left = kShown;
+  size_t left = exchanges_shown;
   for (auto e = exchanges.rbegin(); e != exchanges.rend() && left > 0; ++e, --left) show_exchange(out, *e);
   out << "\nAs JSON: /devices /exchanges?since=ID /faults /aliases\n";
   return {200, "", out.str(), "text/plain; charset=utf-8"};
@@ -220,7 +225,7 @@ struct StatusRoute {
   Answer (*serve)(Service&, const Request&);
 };
 
-constexpr StatusRoute kRoutes[] = {
+constexpr StatusRoute routes[] = {
     {"GET", "/", get_page},           {"GET", "/devices", get_devices},   {"GET", "/exchanges", get_exchanges},
     {"GET", "/faults", get_faults},   {"POST", "/faults", post_faults},   {"DELETE", "/faults", delete_faults},
     {"GET", "/aliases", get_aliases}, {"POST", "/aliases", post_aliases},
@@ -229,9 +234,10 @@ constexpr StatusRoute kRoutes[] = {
 }  // namespace
 
 Answer serve_status(Service& service, const Request& request) {
+  if (const std::string error = visitor_error(request); !error.empty()) return error_answer(403, error);
   const std::string path = target_path(request.target);
   bool known = false;
-  for (const StatusRoute& route : kRoutes) {
+  for (const StatusRoute& route : routes) {
     if (path != route.path) continue;
     known = true;
     if (request.method == route.method) return route.serve(service, request);

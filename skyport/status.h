@@ -1,6 +1,6 @@
 // The status port: what the service knows, for people and scripts, and the orders that it takes.
-#ifndef SKYPORT_STATUS_H
-#define SKYPORT_STATUS_H
+#ifndef KESTREL_SKYPORT_STATUS_H
+#define KESTREL_SKYPORT_STATUS_H
 
 #include "http.h"
 #include "requests.h"

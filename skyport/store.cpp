@@ -11,11 +11,11 @@
 namespace skyport {
 namespace {
 
-constexpr size_t kMostExchanges = 1000;
-constexpr int kConnectBacksKept = 20;  // a camera's
-constexpr int kBusy_ms = 2000;
+constexpr size_t max_exchanges = 1000;
+constexpr int connect_backs_kept = 20;  // a camera's
+constexpr int busy_ms = 2000;
 
-constexpr const char* kSchema = R"(
+constexpr const char* schema = R"(
   PRAGMA journal_mode = WAL;
   PRAGMA synchronous = NORMAL;
   CREATE TABLE IF NOT EXISTS device(
@@ -121,8 +121,8 @@ std::vector<ConnectBack> read_connect_backs(sqlite3* db, const std::string& hid)
 Store::Store(const std::string& file) {
   try {
     if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) throw StoreError(sqlite3_errmsg(db_));
-    sqlite3_busy_timeout(db_, kBusy_ms);
-    run(db_, kSchema);
+    sqlite3_busy_timeout(db_, busy_ms);
+    run(db_, schema);
   } catch (const StoreError& error) {
     sqlite3_close(db_);
     throw StoreError("database '" + file + "': " + error.what());
@@ -178,7 +178,7 @@ void Store::connected_back(const std::string& hid, const ConnectBack& result) {
   (Query(db_,
          "DELETE FROM connect_back WHERE hid = ?1 AND id NOT IN "
          "(SELECT id FROM connect_back WHERE hid = ?1 ORDER BY id DESC LIMIT ?2)")
-   << hid << int64_t{kConnectBacksKept})
+   << hid << int64_t{connect_backs_kept})
       .step();
   transaction.commit();
 }
@@ -237,7 +237,7 @@ void ExchangeLog::add(Exchange exchange) {
   const std::lock_guard lock(mutex_);
   exchange.id = next_id_++;
   last_.push_back(std::move(exchange));
-  if (last_.size() > kMostExchanges) last_.pop_front();
+  if (last_.size() > max_exchanges) last_.pop_front();
 }
 
 std::vector<Exchange> ExchangeLog::since(int64_t id) {

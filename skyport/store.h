@@ -1,7 +1,7 @@
 // What the service keeps: registrations, reports, aliases and connect-back results in SQLite, and the
 // last exchanges in memory. Any thread may call. A failing database throws StoreError.
-#ifndef SKYPORT_STORE_H
-#define SKYPORT_STORE_H
+#ifndef KESTREL_SKYPORT_STORE_H
+#define KESTREL_SKYPORT_STORE_H
 
 #include <cstdint>
 #include <deque>

@@ -196,6 +196,14 @@ void print_console(const char* format, ...) {
   errno = saved_errno;
 }
 
+void print_error_text(const char* text) {
+  const int saved_errno = errno;
+  Line line;
+  begin_line(line, text);
+  write_console(STDERR_FILENO, line);
+  errno = saved_errno;
+}
+
 void print_error(const char* what) {
   const int saved_errno = errno;
   Line line;

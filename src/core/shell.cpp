@@ -20,9 +20,12 @@ constexpr int look_ms = 20;
 constexpr int looks = shell_timeout_s * 1000 / look_ms;
 constexpr int exit_looks = 10;  // once the daemon is to end
 
-/// This thread's commands that were left to themselves, the oldest first.
+/// Commands that may go on by themselves; of more the oldest is ended.
+constexpr std::size_t max_left = 8;
+
+/// This thread's commands that were left to themselves, the oldest first, and one that is being ended.
 struct Left {
-  std::array<pid_t, 8> pids;
+  std::array<pid_t, max_left + 1> pids;
   std::size_t count;
 };
 thread_local Left left_to_themselves{};
@@ -35,12 +38,12 @@ void reap_left() {
   left.count = static_cast<std::size_t>(kept - left.pids.data());
 }
 
-/// Where there is no room any more the oldest is ended, so that nothing grows over months of a script that hangs.
+/// Nothing grows over months of a script that hangs: the oldest is ended with all that it has started. It is not
+/// waited for, since it may hang in the kernel; one that cannot be ended is forgotten.
 void leave(pid_t pid) {
   Left& left = left_to_themselves;
+  if (left.count >= max_left) kill(-left.pids[0], SIGKILL);
   if (left.count == left.pids.size()) {
-    kill(left.pids[0], SIGKILL);
-    waitpid(left.pids[0], nullptr, 0);
     std::copy(left.pids.begin() + 1, left.pids.end(), left.pids.begin());
     --left.count;
   }
@@ -58,7 +61,7 @@ pid_t spawn(const char* command) {
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setsigmask(&attributes, &none);
   posix_spawnattr_setsigdefault(&attributes, &defaults);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
   // The shell does not change its arguments; the interface only predates const.
   char* arguments[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command), nullptr};
   pid_t pid = -1;

@@ -29,9 +29,7 @@ constexpr char debug_token[] = "mObRaKiV";
 
 bool take_lock() {
   if (tessel_get_lock("kestreld_lock") != 0) return true;
-  constexpr char message[] = "kestreld: Process already running!\r\n";
-  const ssize_t written = write(STDERR_FILENO, message, sizeof(message) - 1);
-  static_cast<void>(written);
+  print_error_text("kestreld: Process already running!\r\n");
   return false;
 }
 
@@ -122,7 +120,9 @@ int run_daemon() {
   debug_log("user name=(%s)\n", current_record.auth_info.user);
   take_signals(settings);
   start_finder(current_record);
-  wait_regardless(start_up_s);
+  // A signal that was held back until now must not cut the wait short, but an exit request skips it.
+  wait_arm();
+  if (!exit_requested(current_record)) wait_regardless(start_up_s);
   main_loop(current_record);
   SetSptOnLineStatus(0);
   return 0;

@@ -120,10 +120,11 @@ FinderResult Finderd_set_lumen_device_1_2(const FinderRequest& request, FinderRe
   // A request that ends before its argument must not read as "off".
   const bool has_arg = request_u16(request, at_length) + finder_header_len > at_arg;
   const bool valid = has_arg && wanted <= 1;
-  const std::uint32_t error_number = valid ? 0 : 1;
-  log_error_number(error_number);
-  put_words(reply, error_number, 0, 0);
+  log_error_number(valid ? 0 : 1);
   const Stored stored = valid ? change_switch(wanted) : Stored::refused;
+  // Never all zero on failure: that is what refused credentials look like.
+  put_words(reply, stored == Stored::refused ? 1 : 0, 0, 0);
+  if (valid && stored == Stored::refused) log_error_number(1);
   if (stored == Stored::refused) return {1};
   // Also when nothing changed: the tool's way to have the camera register anew.
   interrupt_main_thread(*request.ctx, SIGUSR1);

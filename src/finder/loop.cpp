@@ -85,8 +85,9 @@ void Finderd_loop() {
     // Whoever keeps datagrams coming must not keep the reports back.
     if (ready > 0 && finder_now_ms() - reported_ms < report_limit_ms) continue;
     if (ready < 0 && errno != EINTR) poll(nullptr, 0, error_pause_ms);
-    report_connection(reports);
+    // The look comes first: a report may wait long for the service.
     refresh_sockets();
+    report_connection(reports);
     reported_ms = finder_now_ms();
   }
 }

@@ -65,13 +65,14 @@ void find_present(FinderInterfaces& into) {
   into.active_index = first_iface(tessel_get_active_iface, into.active_if);
 }
 
+bool can_serve(const FinderInterfaces& with) {
+  return with.iIfNum >= 1 && with.present_index != 0 && with.active_index != 0;
+}
+
 /// Whether both serve the same requests in the same way.
 bool is_same(const FinderInterfaces& one, const FinderInterfaces& other) {
-  if (one.iIfNum != other.iIfNum || (one.present_index == 0) != (other.present_index == 0) ||
-      (one.active_index == 0) != (other.active_index == 0) ||
-      std::strcmp(one.present_if.mac, other.present_if.mac) != 0) {
-    return false;
-  }
+  if (one.iIfNum != other.iIfNum || can_serve(one) != can_serve(other)) return false;
+  if (std::strcmp(one.present_if.mac, other.present_if.mac) != 0) return false;
   for (int i = 0; i < one.iIfNum; ++i) {
     const IFINFO& a = one.ifinfo[i];
     const IFINFO& b = other.ifinfo[i];
@@ -141,7 +142,6 @@ void close_sockets() {
 
 /// Opens a socket for each interface, up to the first that cannot be prepared. Returns what failed; null for nothing.
 const char* open_sockets() {
-  finder.complete = false;
   bool all = true;
   for (int i = 0; i < finder.served.iIfNum; ++i) {
     finder.fd[i] = open_socket();
@@ -157,17 +157,13 @@ void log_sockets() {
   for (int i = 0; i < finder.served.iIfNum; ++i) debug_log(" Finderd_init: fd[%d]=%d\n", i, finder.fd[i]);
 }
 
-bool has_interfaces() {
-  return finder.served.iIfNum >= 1 && finder.served.present_index != 0 && finder.served.active_index != 0;
-}
-
 /// Finds the interfaces and opens their sockets, and says what comes of it.
 int set_up() {
   finder.complete = false;
   get_ifinfo();
   find_present(finder.served);
   debug_log(" iIfPresentIndex=%d, iIfActivetIndex=%d\n", finder.served.present_index, finder.served.active_index);
-  const char* failure = has_interfaces() ? open_sockets() : "Interface incorrect";
+  const char* failure = can_serve(finder.served) ? open_sockets() : "Interface incorrect";
   if (failure != nullptr) {
     print_console("%s\n", failure);
     return 0;
@@ -176,12 +172,12 @@ int set_up() {
   return 1;
 }
 
-/// Whether an open socket has lost its interface, which may have been made anew under the same name.
+/// Whether a socket has lost its interface, which may have been made anew under the same name. Asked only when every
+/// interface has its socket: where a set-up failed, all are opened anew in any case.
 bool lost_device() {
-  for (int i = 0; i < finder.served.iIfNum; ++i) {
+  for (int i = 0; finder.complete && i < finder.served.iIfNum; ++i) {
     char name[IFNAMSIZ + 1] = "";
     socklen_t len = IFNAMSIZ;
-    if (finder.fd[i] < 0) continue;
     if (getsockopt(finder.fd[i], SOL_SOCKET, SO_BINDTODEVICE, name, &len) != 0) return true;
     if (std::strcmp(name, finder.served.act_if[i].name) != 0) return true;
   }
@@ -225,7 +221,7 @@ void refresh_sockets() {
     set_up();
     return;
   }
-  if (finder.complete || !has_interfaces()) return;
+  if (finder.complete || !can_serve(finder.served)) return;
   // What failed may work by now. Nothing is said until it does: it was said when it failed.
   close_sockets();
   if (open_sockets() == nullptr && finder.complete) log_sockets();

@@ -51,6 +51,8 @@ bool still_reachable(DeviceContext& ctx) {
     debug_log("Connect back ok!\n");
     return true;
   }
+  // A test that an exit request cut short says nothing about the mapping.
+  if (exit_requested(ctx)) return false;
   debug_log("%s:%d connect back failed, delete pf & start over! \n", "go_LumenDevDone", __LINE__);
   delete_mapping(ctx);
   return false;
@@ -78,7 +80,7 @@ KeepAlive keep_alive_turn(DeviceContext& ctx) {
   debug_log("wait (%d)secs to connect back!\n", static_cast<int>(keep_alive_s));
   wait_while(ctx.run, keep_alive_s);
   if (reload_requested(ctx)) return KeepAlive::done;
-  if (!still_reachable(ctx)) return KeepAlive::leave;
+  if (exit_requested(ctx) || !still_reachable(ctx)) return KeepAlive::leave;
   ctx.auth_info.on = 0;
   return reload_requested(ctx) ? KeepAlive::done : KeepAlive::stay;
 }

@@ -75,6 +75,8 @@ void go_NATU(DeviceContext* ctx) {
     set_state(*ctx, UpnpPfReady);
     return;
   }
+  // A test that an exit request cut short says nothing about the mapping.
+  if (exit_requested(*ctx)) return;
   debug_log("%s:%d connect back failed, delete pf\n", "go_NATU", __LINE__);
   set_state(*ctx, give_up_mapping(*ctx) ? UpnpPfFailed : UPnP_B);
 }

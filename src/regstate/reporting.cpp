@@ -54,13 +54,15 @@ void fill_empty(char* text, std::size_t size, const char* value) {
   if (text[0] == '\0') copy_text(text, size, value);
 }
 
-/// Has the service test the mapping. One that does not work is given up, and the next state is written.
+/// Has the service test the mapping. One that does not work is given up, and the next state is written; a test that
+/// an exit request cut short says nothing about it.
 bool mapping_works(DeviceContext& ctx) {
   wait_while(ctx.run, settle_s);
   if (srv_connectback(&ctx) == request_ok) {
     debug_log(" connect back test ok\n");
     return true;
   }
+  if (exit_requested(ctx)) return false;
   debug_log("%s:%d connect back failed, delete pf\n", "go_UpnpPfReady", __LINE__);
   set_state(ctx, give_up_mapping(ctx) ? UpnpPfFailed : NAT1);
   return false;
@@ -97,7 +99,7 @@ void report(DeviceContext& ctx, const Reporting& row) {
   if (result == request_challenged && tolerated(count, row.auth_limit)) return set_state(ctx, row.retry);
   count = 0;
   if (result == request_ok) return end_cycle(ctx, update_done, row.success);
-  if (row.mapping == Mapping::tested) delete_unreported(ctx, result);
+  if (row.mapping == Mapping::tested && !exit_requested(ctx)) delete_unreported(ctx, result);
   end_cycle(ctx, result == request_challenged ? update_auth_failed : update_failed, LumenDevNotReady);
 }
 

@@ -139,8 +139,6 @@ int query(Candidate& at, const std::uint32_t* reload) {
   zero(at.internal_client);
   const int result = query_eport_retry(at.description, at.internal_client, &at.mapped_internal_port, &at.lease_s,
                                        at.port, MUPNP_PROTOCOL_HTTP, mapping_attempts, reload);
-  terminate(at.description);
-  terminate(at.internal_client);
   debug_log("ret=%d\n", result);
   return result;
 }

@@ -31,7 +31,7 @@ constexpr int mapping_attempts = 2;
 /// neither 80 nor 443 stays as it is.
 std::uint16_t next_port(std::uint16_t port);
 
-/// Looks a mapping up, again after a time-out. Texts of 64 bytes each. Returns the library's result
+/// Looks a mapping up, again after a time-out. Texts of 64 bytes each, terminated. Returns the library's result
 /// (MUPNP_MAPPED_HERE and so on), or upf_stopped when a reload was requested.
 [[nodiscard]] int query_eport_retry(char* description, char* internal_client, int* internal_port, int* lease_s,
                                     int external_port, int protocol, int attempts, const std::uint32_t* reload);

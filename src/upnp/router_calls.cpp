@@ -32,6 +32,8 @@ int query_eport_retry(char* description, char* internal_client, int* internal_po
         description, internal_client, *internal_port, *lease_s, external_port, protocol, UPNP_DEF_TIMEOUT);
     result = Mupnpcp_query_eport_ex(description, internal_client, internal_port, lease_s, external_port, protocol,
                                     UPNP_DEF_TIMEOUT);
+    // Also of a call that timed out: the next attempt prints them.
+    description[MUPNP_DESCRIPTION_LEN - 1] = internal_client[MUPNP_CLIENT_LEN - 1] = '\0';
     print_console("after Mupnpcp_query_eport_ex, ret = %d\n", result);
     if (result != MUPNP_NO_ANSWER) return result;
     debug_log("*** timeout! in querying eport:(%d) retry(%d)\n", external_port, attempt);

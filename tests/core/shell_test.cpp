@@ -82,12 +82,14 @@ TEST(Shell, NoCommandIsLeftForEverAndNoneStaysAZombie) {
     const std::set<int> first = children();
     for (int i = 0; i < 7; ++i) run_shell("exec sleep 60");
     EXPECT_EQ(children().size(), 8U);
-    run_shell("exec sleep 60");  // a ninth: the oldest is ended
+    run_shell("sleep 61 & wait");  // a ninth: the oldest is ended, and reaped by the next
+    poll_sleeps = true;
+    usleep(50'000);
+    run_shell("true");
     std::set<int> left = children();
     EXPECT_EQ(left.size(), 8U);
     EXPECT_EQ(left.count(*first.begin()), 0U);
-    for (const int pid : left) kill(pid, SIGKILL);
-    poll_sleeps = true;
+    for (const int pid : left) EXPECT_EQ(kill(-pid, SIGKILL), 0) << "a group of its own";
     usleep(100'000);
     run_shell("true");  // reaps them
     EXPECT_EQ(children(), std::set<int>{});

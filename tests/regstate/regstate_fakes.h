@@ -3,6 +3,9 @@
 #ifndef KESTREL_TESTS_REGSTATE_FAKES_H
 #define KESTREL_TESTS_REGSTATE_FAKES_H
 
+#include <utility>
+#include <vector>
+
 #include "core/device_context.h"
 #include "fake_platform/fixture.h"
 #include "support/trace.h"
@@ -19,6 +22,26 @@ constexpr char redirect_server[] = "192.0.2.10";
 /// The fakes' own calls are "eip", "daip", "enable SWITCH", "update", "cb", "upf UID INTERNAL EXTERNAL", "delete PORT
 /// ATTEMPTS", "discover", "router", "clean UID", "proxy", "redirect" and "refer HID TIMESTAMP".
 extern const Trace::Names regstate_calls;
+
+/// Exhaustive exploration, depth first: run the whole path, then next() until it says that all choices were taken.
+class Choices {
+ public:
+  std::size_t choose(std::size_t count) {
+    if (at_ == digits_.size()) digits_.emplace_back(0, count);
+    return digits_[at_++].first;
+  }
+  bool next() {
+    at_ = 0;
+    while (!digits_.empty() && digits_.back().first + 1 == digits_.back().second) digits_.pop_back();
+    if (digits_.empty()) return false;
+    ++digits_.back().first;
+    return true;
+  }
+
+ private:
+  std::vector<std::pair<std::size_t, std::size_t>> digits_;  // what was chosen, of how many
+  std::size_t at_ = 0;
+};
 
 class RegstateTest : public FakeTest {
  protected:

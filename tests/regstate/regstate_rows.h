@@ -214,16 +214,18 @@ const Rows plain_rows = {
     {UPnP_B, {}, upnp_b + "x/! port forward failed/", UpnpPfFailed, {{pfok, 0}}},
 
     {NATU, {}, natu + "1/connect back test ok/", UpnpPfReady, {ue_ip_is_e_ip}},
-    {NATU, {{fails, 0, 2}}, no_natu, UPnP_B, {unreached}},
-    {NATU, {{fails, 3, 4}}, no_natu, UpnpPfFailed, {unreached, no_port}},
+    {NATU, {{run, 0}}, natu + "x/", NATU, {}},
+    {NATU, {{run, 1}, {fails, 0, 2}}, no_natu, UPnP_B, {unreached}},
+    {NATU, {{run, 1}, {fails, 3, 4}}, no_natu, UpnpPfFailed, {unreached, no_port}},
 
     {NAT1, {{pfok, 1}}, nat1 + "Mapping already exist!, jump to next!/", UpnpPfReady, {}},
     {NAT1, {{pfok, 0}}, nat1 + upf + "1/", UpnpPfReady, {{pfok, 1}}},
     {NAT1, {{pfok, 0}}, nat1 + upf + "5/", START, {}},
     {NAT1, {{pfok, 0}}, nat1 + upf + "x/", UpnpPfFailed, {{pfok, 0}}},
 
-    {UpnpPfReady, {{fails, 0, 2}}, no_pf, NAT1, {prefinal, defaults, unreached}},
-    {UpnpPfReady, {{fails, 3, 4}}, no_pf, UpnpPfFailed, {prefinal, defaults, unreached, no_port}},
+    {UpnpPfReady, {{run, 0}}, "***[UpnpPfReady]***/wait 5/cb=x/", UpnpPfReady, {prefinal, defaults}},
+    {UpnpPfReady, {{run, 1}, {fails, 0, 2}}, no_pf, NAT1, {prefinal, defaults, unreached}},
+    {UpnpPfReady, {{run, 1}, {fails, 3, 4}}, no_pf, UpnpPfFailed, {prefinal, defaults, unreached, no_port}},
 
     {LumenDevPartDone, {}, part_done + wait_300, START, {over}},
     {LumenDevDone, {{came_from, PublicMode, NATM}}, done + wait_300, START, {over}},
@@ -262,9 +264,13 @@ inline Rows reporting_rows() {
     rows.push_back({s.state, {{changed, 1}}, sent + "1/", s.success, ended + Effects{{resut, 1}}});
     rows.push_back(
         {s.state, {{changed, 1}, {auth, 0, s.tolerated - 1}}, sent + "2/", s.retry, then + Effects{more_auth}});
-    rows.push_back(
-        {s.state, {{changed, 1}, {auth, s.tolerated}}, sent + limit, LumenDevNotReady, ended + Effects{{resut, 2}}});
-    rows.push_back({s.state, {{changed, 1}}, sent + "x/" + s.failed, LumenDevNotReady, ended + Effects{{resut, 0}}});
+    const Effects at_limit = ended + Effects{{resut, 2}}, lost = ended + Effects{{resut, 0}};
+    rows.push_back({s.state, {{run, 1}, {changed, 1}, {auth, s.tolerated}}, sent + limit, LumenDevNotReady, at_limit});
+    rows.push_back({s.state, {{run, 1}, {changed, 1}}, sent + "x/" + s.failed, LumenDevNotReady, lost});
+    if (s.refused.empty()) continue;
+    // With an exit request nothing is done about the mapping.
+    rows.push_back({s.state, {{run, 0}, {changed, 1}, {auth, s.tolerated}}, sent + "2/", LumenDevNotReady, at_limit});
+    rows.push_back({s.state, {{run, 0}, {changed, 1}}, sent + "x/", LumenDevNotReady, lost});
   }
   return rows;
 }
@@ -323,14 +329,6 @@ inline Rows start_rows() {
   }
   return rows;
 }
-
-/// The guard of the enable report and the DAIP query: its counter after each result, by the counter before; and
-/// whether it writes that the authentication failed.
-const std::map<char, std::vector<std::pair<std::uint32_t, bool>>> guard = {
-    {'1', {{0, false}, {0, false}, {0, false}}},
-    {'2', {{1, false}, {2, false}, {0, true}}},
-    {'x', {{0, true}, {0, true}, {0, true}}},
-};
 
 }  // namespace kestrel
 

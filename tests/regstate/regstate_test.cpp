@@ -7,7 +7,6 @@
 #include <regex>
 
 #include "regstate/auth_fail_count.h"
-#include "regstate/choices.h"
 #include "regstate/regstate_fakes.h"
 #include "regstate/regstate_rows.h"
 #include "regstate/state_init.h"
@@ -15,14 +14,6 @@
 
 namespace kestrel {
 namespace {
-
-/// Where two records differ; nothing when they do not.
-std::string difference(const DeviceContext& one, const DeviceContext& other) {
-  const auto* bytes = reinterpret_cast<const char*>(&one);
-  const auto* others = reinterpret_cast<const char*>(&other);
-  const std::ptrdiff_t at = std::mismatch(bytes, bytes + sizeof(one), others).first - bytes;
-  return at == sizeof(one) ? "" : "from byte " + std::to_string(at) + " on";
-}
 
 std::string replaced(std::string text, const std::string& part, const std::string& by) {
   const std::size_t at = part.empty() ? text.npos : text.find(part);
@@ -66,8 +57,8 @@ class StateTable : public RegstateTest {
     });
   }
 
-  /// Puts "NAME ok" or "NAME failed" in the place of all the attempts, if they are what the guard makes of them, and
-  /// carries them out on the expectation.
+  /// Puts "NAME ok" or "NAME failed" in the place of all the attempts, and carries out on the expectation what the
+  /// guard makes of them: two challenges are tolerated, a success and whatever gives up begins the count anew.
   std::string without_attempts(const std::string& path, const std::string& call, Counter counter, World expected) {
     const std::string name = call.substr(0, call.find(' '));
     const std::string& sequence = results[name];
@@ -76,9 +67,9 @@ class StateTable : public RegstateTest {
       std::uint32_t& count = expected.counts.*counter;
       const std::string ret = c != 'x' ? std::string(1, c) : name == "enable" ? "3" : "0";
       attempts += call + '=' + c + "/ >>ret=" + ret + " auth_fail_count=" + std::to_string(count) + "/";
-      const auto [after, gives_up] = guard.at(c)[count];
-      count = after;
-      if (gives_up) expected.now.upd.resut = 2;
+      const bool taken = c == '1', tolerated_once_more = c == '2' && count < 2;
+      count = tolerated_once_more ? count + 1 : 0;
+      if (!taken && !tolerated_once_more) expected.now.upd.resut = 2;
     }
     const std::size_t success = sequence.find('1');
     if (success != sequence.npos)
@@ -127,8 +118,8 @@ TEST_F(StateTable, EveryPathIsATransition) {
       EXPECT_STREQ(state_name(now.state), state_name(then.state));
       EXPECT_EQ(std::memcmp(&auth_fail_count, &counts, sizeof(counts)), 0);
       std::strncpy(now.ue.port, std::string(now.ue.port).c_str(), port_len);  // what is behind the text does not matter
-      EXPECT_EQ(difference(now, then), "");
-      EXPECT_EQ(difference(last, then_last), "") << "last: ";
+      EXPECT_EQ(std::memcmp(&now, &then, sizeof(now)), 0) << "the record";
+      EXPECT_EQ(std::memcmp(&last, &then_last, sizeof(last)), 0) << "the last record";
       EXPECT_EQ(upnp_found_at_init, found_then);
       ASSERT_FALSE(HasFailure());
     } while (choices.next());

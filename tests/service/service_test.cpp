@@ -197,6 +197,8 @@ TEST_F(Service, ReferFileHoldsTimestampAndHostIdEnciphered) {
   }
   EXPECT_EQ(fake.log, Texts{});
   unlink(fake.refer_path.c_str());
+  const int lowest = dup(STDERR_FILENO);
+  close(lowest);
   const std::tuple<const char*, int, const char*> failures[] = {{"/dev/null", 0, "dev get refer file path failed\r\n"},
                                                                 {"/nonexistent/refer", 1, "fopen failed\r\n"},
                                                                 {"/dev/full", 1, "fputs failed\r\n"}};
@@ -206,6 +208,9 @@ TEST_F(Service, ReferFileHoldsTimestampAndHostIdEnciphered) {
     EXPECT_EQ(write_refer_file("HID00001", "012345"), 0) << path;
     EXPECT_TRUE(fake.log.back().starts_with("srv_util ") && fake.log.back().ends_with(line)) << fake.log.back();
   }
+  const int next = dup(STDERR_FILENO);
+  EXPECT_EQ(next, lowest) << "the file is closed on every path";
+  close(next);
 }
 
 // ---- Connecting ----

@@ -57,18 +57,26 @@ inline Child run_child(const std::function<int()>& work) {
   return child;
 }
 
-/// Gives the calling process a /tmp of its own, which nobody else sees. False where that is not allowed.
-inline bool own_tmp() {
+/// Gives the calling process namespaces of its own, the mounts' among them. False where that is not allowed.
+inline bool own_namespaces(int wanted) {
   const auto root_is = [](unsigned id) { return "0 " + std::to_string(id) + " 1"; };
   const std::string user = root_is(getuid()), group = root_is(getgid());
-  if (unshare(CLONE_NEWNS) != 0) {
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+  if (unshare(wanted | CLONE_NEWNS) != 0) {
+    if (unshare(wanted | CLONE_NEWNS | CLONE_NEWUSER) != 0) return false;
     write_file("/proc/self/setgroups", "deny");
     write_file("/proc/self/uid_map", user);
     write_file("/proc/self/gid_map", group);
   }
-  return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount("none", "/tmp", "tmpfs", 0, nullptr) == 0;
+  return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+/// Gives the calling process a folder of its own, empty, which nobody else sees.
+inline bool own_folder(const char* path) {
+  return mount("none", path, "tmpfs", 0, nullptr) == 0;
+}
+
+inline bool own_tmp() {
+  return own_namespaces(0) && own_folder("/tmp");
 }
 
 #endif

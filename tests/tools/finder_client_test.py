@@ -8,6 +8,7 @@ import os
 import pty
 import re
 import shutil
+import signal
 import socket
 import struct
 import subprocess
@@ -21,14 +22,9 @@ PROJECT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT))
 from lab import camera as lab_camera, world  # noqa: E402
 
-PORT, EVERYBODY = 62977, b"\xff" * 6
+PORT, EVERYBODY, TAGS = 62977, b"\xff" * 6, iter(range(1, 0x10000))
 MAC, MAC1, STUB_MAC = "02:4b:52:10:20:30", "02:4b:52:10:20:31", "02:4b:52:10:20:99"
 HEADER = struct.Struct("<HHH6s4sHHH")  # of a reply; a request has eight bytes in the place of address, result and flag
-SURVEY = (struct.Struct("<64s64s32s32sHI6s64s4sHH4s4s4s4sB15sBHB"),
-          "brand product model version type hardware mac name ip port zero mask gateway dns1 dns2 dhcp time zero2 "
-          "timezone dst")
-SERVICE_SURVEY = (struct.Struct("<64s32s32s32s6s64s64s4sHB3s"),
-                  "brand model version client mac name url ip port https zero")
 OPEN = {0xA1: 312, 0x109: 304, 0xD1: 16, 0x102: 16, 0x105: 64}  # operations and their payloads
 PROTECTED = {0xA5: 34, 0xD2: 16, 0x106: 64, 0x107: 16, 0x108: 16, 0x10A: 16}
 
@@ -43,7 +39,7 @@ def admin(argument=b"", user=b"admin", password=b"admin"):
 
 def ask(interface, opcode, payload=b"", mac=raw(MAC), length=None, wait_s=2.0):
     """Broadcasts a request on an interface; the reply that comes in by it as (address, result, payload), or None."""
-    tag = ask.tag = ask.tag % 0xFFFF + 1
+    tag = next(TAGS)
     with PC.inside(), socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as port:
         port.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, interface.encode())
         port.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
@@ -61,20 +57,11 @@ def ask(interface, opcode, payload=b"", mac=raw(MAC), length=None, wait_s=2.0):
     return sender, result, reply[22:]
 
 
-ask.tag = 0
-
-
 def words(reply):
     return reply[1], *struct.unpack("<4I", reply[2])
 
 
-def dissected(layout, payload):
-    """A payload's fields by name: texts to their end, MAC and IP addresses as bytes."""
-    fields = dict(zip(layout[1].split(), layout[0].unpack(payload)))
-    return {k: v.rstrip(b"\0").decode() if isinstance(v, bytes) and len(v) > 6 else v for k, v in fields.items()}
-
-
-def find(*arguments, password="admin", timeout="0.6", **options):
+def find(*arguments, password="admin", timeout="0.8", **options):
     """kestrel-find on the PC: its exit status, standard output and standard error."""
     env = {**os.environ, "KESTREL_PASSWORD": password} if password is not None else os.environ
     done = subprocess.run(PC.command(PC.build / "tools/kestrel-find", "--timeout", timeout, *arguments), env=env,
@@ -100,74 +87,56 @@ def start_camera():
 
 
 class Stub:
-    """A camera on a third LAN: forgets the first requests of every kind, has a name that means ill, or other sizes."""
+    """A camera on a third LAN that can forget requests, mean ill, have other sizes, hear badly, or be hundreds."""
 
     def __init__(self):
-        self.name, self.forgets, self.surplus, self.mute, self.seen = b"Stub", 0, b"", False, {}
+        self.reset()
         with STUB.inside():
             self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            self.socket.setsockopt(socket.IPPROTO_IP, 8, 1)  # IP_PKTINFO: where a request was sent to
             self.socket.bind(("", PORT))
         threading.Thread(target=self.serve, daemon=True).start()
 
+    def reset(self):
+        self.name, self.forgets, self.surplus, self.mute, self.herd, self.deaf, self.heard = b"Stub", 0, b"", False, 1, 0, []
+
     def serve(self):
         while True:
-            request, peer = self.socket.recvfrom(2048)
-            opcode = struct.unpack_from("<H", request, 4)[0]
-            self.seen[opcode] = self.seen.get(opcode, 0) + 1
-            if self.mute or self.seen[opcode] <= self.forgets or request[6:12] not in (EVERYBODY, raw(STUB_MAC)):
+            request, info, _, peer = self.socket.recvmsg(2048, 64)
+            opcode, broadcast = struct.unpack_from("<H", request, 4)[0], info[0][2][8:] == b"\xff" * 4
+            self.heard.append((opcode, broadcast))
+            if (self.mute or [op for op, _ in self.heard].count(opcode) <= self.forgets or opcode == self.deaf and not broadcast
+                    or request[6:12] not in (EVERYBODY, raw(STUB_MAC))):
                 continue
             size = {**OPEN, **PROTECTED}[opcode]
             name = {0xA1: 204, 0x109: 166}.get(opcode)
-            payload = b"\0" * name + self.name.ljust(size - name, b"\0") if name else b"\2" * size
-            payload += self.surplus if not name else b""
-            header = HEADER.pack(0xFEEE, *struct.unpack_from("<HH", request, 2), raw(STUB_MAC), b"\x0a\x09\0\2", 0, 1,
-                                 len(payload))
-            self.socket.sendto(header + payload, peer)
+            payload = b"\0" * name + self.name.ljust(size - name, b"\0") if name else b"\2" * size + self.surplus
+            for number in range(self.herd):
+                mac = (int.from_bytes(raw(STUB_MAC), "big") + number).to_bytes(6, "big")
+                self.socket.sendto(HEADER.pack(0xFEEE, *struct.unpack_from("<HH", request, 2), mac, b"\x0a\x09\0\2", 0, 1,
+                                               len(payload)) + payload, peer)
 
 
 class Finder(unittest.TestCase):
     def setUp(self):
-        STUB_CAMERA.__dict__.update(name=b"Stub", forgets=0, surplus=b"", mute=False, seen={})
+        STUB_CAMERA.reset()
         for key, value in {"alias": "yard", "last_alias": "front", "alias_status": "16", "enabled": "1"}.items():
             CAMERA.set(key, value)
 
     def test_the_answer_leaves_by_the_interface_of_the_request(self):
         for interface, ip, mac in (("a", "10.1.0.1", MAC), ("b", "10.1.0.3", MAC1)):  # one subnet, two cables
-            address, result, payload = ask(interface, 0xA1, mac=EVERYBODY)
-            survey = dissected(SURVEY, payload)
-            self.assertEqual((address, result), (ip, 0))
-            self.assertRegex(survey.pop("time"), r"^20\d{12}$")
-            self.assertEqual({k: v for k, v in survey.items() if not k.startswith("dns")}, {
-                "brand": "Lumen", "product": "Network Camera", "model": "LC-1200", "version": "1.2.0-oem", "type": 2,
-                "hardware": 0x10002, "mac": raw(mac), "name": "B\u00fcro", "ip": socket.inet_aton(ip), "port": 8080,
-                "zero": 0, "mask": b"\xff\xff\xff\0", "gateway": bytes(4), "dhcp": 0, "zero2": 0, "timezone": 0x1234,
-                "dst": 1})
-            address, result, payload = ask(interface, 0x109, mac=EVERYBODY)
-            self.assertEqual((address, result, dissected(SERVICE_SURVEY, payload)), (ip, 0, {
-                "brand": "Lumen", "model": "LC-1200", "version": "1.2.0-oem", "client": "1.2", "mac": raw(MAC),
-                "name": "B\u00fcro", "url": "http://front.skyport.test/", "ip": socket.inet_aton(ip), "port": 8080,
-                "https": 0, "zero": bytes(3)}))
+            for opcode, at_mac, own, at_ip in ((0xA1, 198, mac, 268), (0x109, 160, MAC, 294)):
+                address, result, told = ask(interface, opcode, mac=EVERYBODY)
+                self.assertEqual((address, result, len(told), told[at_mac:at_mac + 6], told[at_ip:at_ip + 4]),
+                                 (ip, 0, OPEN[opcode], raw(own), socket.inet_aton(ip)))
 
-    def test_every_operation_and_what_it_changes(self):
-        url = b"http://front.skyport.test/".ljust(64, b"\0")
-        self.assertEqual(ask("b", 0xA5, admin())[1:], (0, struct.pack("<17H", *range(0xA1, 0xB2))))
-        self.assertEqual(ask("a", 0xD1)[1:], (0, b"\1" + bytes(15)))
-        self.assertEqual(ask("a", 0x105)[1:], (0, url))
-        self.assertEqual(ask("a", 0x106, admin())[1:], (0, b"front".ljust(64, b"\0")))
-        self.assertEqual(words(ask("b", 0xD2, admin(b"\0"))), (0, 0, 0, 0, 0))
-        self.assertEqual(soon(lambda: words(ask("a", 0x102)), (0, 3, 0, 2, 0)), (0, 3, 0, 2, 0))  # switched off
-        self.assertEqual((stored("enabled"), ask("a", 0xD1)[2][0]), ("0", 0))
-        self.assertEqual(words(ask("b", 0xD2, admin(b"\2"))), (1, 1, 0, 0, 0))
-        self.assertEqual(words(ask("b", 0xD2, admin(b"\1"))), (0, 0, 0, 0, 0))
-        handle = words(ask("a", 0x107, admin(b"gate\0")))
-        self.assertEqual((handle[:2], handle[3:]), ((0, 0), (0, 0)))
-        self.assertEqual((stored("alias"), stored("alias_status")), ("gate", "1"))
+    def test_arguments_that_the_tool_never_sends(self):
+        self.assertEqual([words(ask("b", 0xD2, admin(argument))) for argument in (b"\2", b"")], [(1, 1, 0, 0, 0)] * 2)
+        handle = words(ask("a", 0x107, admin(b"gate")))  # without its zero byte
+        self.assertEqual((handle[:2], stored("alias"), stored("alias_status")), ((0, 0), "gate", "1"))
         self.assertEqual(words(ask("b", 0x107, admin(b"door"))), (1, 2, handle[2], 0, 0))
-        for status, verdict in {1: (0, 0, 2), 16: (0, 0, 0), 32: (1, 2, 0), 48: (1, 1, 0)}.items():
-            CAMERA.set("alias_status", str(status))
-            self.assertEqual(words(ask("a", 0x108, admin())), (*verdict, 0, 0))
         self.assertEqual(words(ask("a", 0x10A, admin(b"skyport.test"))), (0, 0, 0, 30000, 0))
-        self.assertIsNone(CAMERA.process.poll())
+        self.assertEqual((CAMERA.process.poll(), stored("enabled")), (None, "1"))
 
     def test_nobody_else_is_served(self):
         for opcode in PROTECTED:
@@ -184,56 +153,81 @@ class Finder(unittest.TestCase):
         both = {camera["mac"]: camera for camera in json.loads(out)}
         self.assertEqual((status, sorted(both)), (0, [MAC, STUB_MAC]))  # once, though reached by two interfaces
         shown = json.loads(find("show", "10.1.0.1", "--json")[1])
-        for key, value in {"name": "B\u00fcro", "address": "10.1.0.1", "interface": "a", "brand": "Lumen",
-                           "http_port": 8080, "https": False, "client_version": "1.2",
-                           "url": "http://front.skyport.test/", "product_type": 2, "hardware": 0x10002,
-                           "interface_mac": MAC, "netmask": "255.255.255.0", "dhcp": False,
-                           "timezone": 0x1234, "dst": True, "service": "on"}.items():
-            self.assertEqual(shown[key], value, key)
-        survey = dissected(SURVEY, ask("a", 0xA1)[2])
-        self.assertEqual([shown["dns1"], shown["dns2"]], [socket.inet_ntoa(survey[key]) for key in ("dns1", "dns2")])
-        STUB_CAMERA.name = b"a\x1b[31m\x9b\xe2\x80\xae\xff"
-        self.assertIn("a?[31m???", find("--interface", "c", "list")[1])
+        self.assertRegex(shown.pop("local_time"), r"^20\d\d-\d\d-\d\d \d\d:\d\d:\d\d$")
+        told_dns = [socket.inet_ntoa(ask("a", 0xA1)[2][at:at + 4]).replace("0.0.0.0", "") for at in (284, 288)]
+        self.assertEqual(shown, {
+            "name": "B\u00fcro", "address": "10.1.0.1", "mac": MAC, "interface": "a", "brand": "Lumen", "model": "LC-1200",
+            "oem_version": "1.2.0-oem", "http_port": 8080, "https": False, "client_version": "1.2", "gateway": "",
+            "url": "http://front.skyport.test/", "product": "Network Camera", "product_type": 2, "hardware": 0x10002,
+            "interface_mac": MAC, "interface_address": "10.1.0.1", "netmask": "255.255.255.0", "dns1": told_dns[0],
+            "dns2": told_dns[1], "dhcp": False, "timezone": 0x1234, "dst": True, "service": "on"})
+        self.assertRegex(find("show", MAC)[1], r"(?s)HARDWARE +0x00010002\n.*GATEWAY +-\n")
+        STUB_CAMERA.name = b"a\x1b[31m\x9b\xe2\x80\xae\xff;\\"
+        self.assertIn("a?[31m???;\\", find("--interface", "c")[1])
+        self.assertEqual(find("--interface", "c", "-p", "list")[1].split(";")[:5],
+                         ["a\\027[31m\\155\\226\\128\\174\\255\\059\\092", "10.9.0.2", "0", STUB_MAC, ""])
         self.assertEqual(json.loads(find("--interface", "c", "list", "--json")[1])[0]["name"][:2], "a\x1b")
+        STUB_CAMERA.herd = 400
+        self.assertEqual(len(json.loads(find("--interface", "c", "list", "--json", timeout="3")[1])), 400)
+
+    def test_find_lists_each_camera_as_it_comes(self):
+        command = PC.command(PC.build / "tools/kestrel-find", "--timeout", "8", "--interface", "c")
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as listing:
+            self.assertRegex(listing.stdout.readline() + listing.stdout.readline(), r"(?s)SERVICE URL\n.*" + STUB_MAC)
+            self.assertIsNone(listing.poll())
+            listing.kill()
+
+    def test_credentials_are_broadcast_only_when_told(self):
+        STUB_CAMERA.deaf = 0x106
+        status, _, said = find("alias", STUB_MAC)
+        self.assertEqual((status, "--broadcast" in said, (0x106, True) in STUB_CAMERA.heard), (1, True, False))
+        self.assertEqual((find("--broadcast", "alias", STUB_MAC)[0], (0x106, True) in STUB_CAMERA.heard), (0, True))
+        self.assertIn("is still on", find("service", STUB_MAC, "off")[2])  # whatever the reply said
 
     def test_find_changes_settings(self):
         def facts(*arguments):
             status, out, _ = find(*arguments, "--json")
-            told = json.loads(out).items()
-            return status, {k: v for k, v in told if k not in ("mac", "address", "interface", "handle")}
+            return status, {k: v for k, v in json.loads(out).items() if k not in ("mac", "address", "interface", "handle")}
 
-        self.assertEqual(facts("service", MAC, "off"), (0, {"service": "off"}))
+        self.assertEqual(facts("service", MAC, "OFF"), (0, {"service": "off", "changed": True}))
+        self.assertEqual(facts("service", MAC, "off"), (0, {"service": "off", "changed": False}))
         off = {"state": "not registered", "reason": "", "detail": "remote access is switched off", "conf_state": 3,
                "reason_code": 0, "detail_code": 2}
         self.assertEqual(soon(lambda: facts("status", "b\u00fcro"), (0, off)), (0, off))
-        self.assertEqual(facts("service", MAC, "on"), (0, {"service": "on"}))
+        self.assertEqual(find("service", MAC, password=None)[:2], (0, "off\n"))
+        self.assertEqual(facts("service", MAC, "on"), (0, {"service": "on", "changed": True}))
         self.assertEqual((facts("alias", MAC), stored("enabled")), ((0, {"alias": "front"}), "1"))
         self.assertEqual(facts("alias", MAC, "gate"), (0, {"alias": "gate"}))
         self.assertEqual((find("alias", MAC, "door")[0], stored("alias")), (4, "gate"))
         for status, code, word in ((1, 4, "pending"), (16, 0, "accepted"), (32, 5, "duplicate"), (48, 6, "failed")):
             CAMERA.set("alias_status", str(status))
             self.assertEqual(facts("alias-status", MAC), (code, {"alias_status": word}))
-        self.assertEqual(facts("ops", MAC), (0, {"operations": list(range(0xA1, 0xB2))}))
+        self.assertEqual(facts("alias", MAC, "door", "--wait=1"), (4, {"alias_status": "pending"}))
+        CAMERA.set("alias_status", "16")
+        for after_s, then in ((1, signal.SIGSTOP), (5, signal.SIGCONT)):  # silent at the second question
+            threading.Timer(after_s, CAMERA.process.send_signal, (then,)).start()
+        threading.Timer(4, CAMERA.set, ("alias_status", "16")).start()
+        self.assertEqual(facts("alias", MAC, "door", "--wait=20"), (0, {"alias_status": "accepted"}))
+        self.assertEqual(facts("ops", MAC), (0, {
+            "announced": [*range(0xA1, 0xB2)], "answered": [0xA1, 0xA5, 0xD1, 0x102, 0x105, 0x106, 0x108, 0x109], "silent": [],
+            "not_tried": [0xA2, 0xA3, 0xA4, *range(0xA6, 0xB2), 0xD2, 0x107, 0x10A]}))
         self.assertEqual(facts("domain", MAC, "skyport.test", "--yes"),
-                         (0, {"domain": "skyport.test", "wait_ms": 30000}))
+                         (0, {"domain": "skyport.test", "changed": False, "wait_ms": 30000}))
 
     def test_find_says_in_one_sentence_what_is_wrong(self):
         STUB_CAMERA.name = "B\u00fcro".encode()
         STUB_CAMERA.surplus = b"x"
         for status, sentence, arguments, options in (
-                (3, "refused 'admin'", ("alias", MAC), {"password": "wrong"}),
-                (3, "refused 'bob'", ("--user", "bob", "ops", MAC), {}),
-                (1, "did not answer", ("status", "02:4b:52:10:20:77"), {}),
-                (1, "did not answer", ("status", "nobody"), {}),
+                (3, "refused 'admin'", ("alias", MAC), {"password": "wrong"}), (3, "refused 'bob'", ("--user", "bob", "ops", MAC), {}),
+                (1, "did not answer", ("status", "02:4b:52:10:20:77"), {}), (1, "did not answer", ("status", "nobody"), {}),
                 (1, "did not answer", ("status", "10.1.0.9"), {}), (2, "several cameras", ("status", "b\u00fcro"), {}),
-                (6, "17 bytes instead of 16", ("status", STUB_MAC), {}),
-                (6, "interface nope", ("--interface", "nope", "list"), {}),
+                (6, "17 bytes instead of 16", ("status", STUB_MAC), {}), (6, "interface nope", ("--interface", "nope", "list"), {}),
                 (2, "'on' or 'off'", ("service", MAC, "maybe"), {}), (2, "at most 31", ("alias", MAC, "a b"), {}),
                 (2, "at most 31", ("alias", MAC, "a" * 32), {}), (2, "must not be empty", ("domain", MAC, ""), {}),
-                (2, "--yes", ("domain", MAC, "new.test"), {}), (2, "--help", ("frob",), {}), (2, "no command", (), {}),
-                (2, "at most 45", ("ops", MAC), {"password": "p" * 46}),
-                (2, "KESTREL_PASSWORD", ("ops", MAC), {"password": None, "start_new_session": True}),
-                (2, "can't be read", ("--password-file", "/nowhere", "ops", MAC), {})):
+                (2, "--yes", ("domain", MAC, "new.test"), {}), (2, "--help", ("frob",), {}),
+                (2, "'nan'", ("list", "--timeout", "nan"), {}), (2, "needs the alias", ("alias", MAC, "--wait"), {}),
+                (2, "can't be read", ("--password-file", "/nowhere", "ops", MAC), {}), (2, "at most 45", ("ops", MAC), {"password": "p" * 46}),
+                (2, "KESTREL_PASSWORD", ("ops", MAC), {"password": None, "start_new_session": True})):
             got, _, said = find(*arguments, **options)
             self.assertEqual(got, status, arguments)
             self.assertRegex(said, rf"^kestrel-find: [^\n]*{sentence}[^\n]*\n$")
@@ -260,6 +254,8 @@ class Finder(unittest.TestCase):
 
         status, shown = dialogue(["alias", MAC], (b"Password of admin", b"admin\n"))
         self.assertEqual((status, b"front" in shown, b"admin\r\n" in shown), (0, True, False))  # typed without echo
+        status, shown = dialogue(["ops", MAC], (b"Password", b"admin\n"))
+        self.assertEqual((status, shown.count(b"Password")), (0, 1))  # though four of its requests carry it
         self.assertEqual(dialogue(["alias", MAC], (b"Password", b"wrong\n"))[0], 3)
         self.assertEqual(dialogue(["alias", MAC], (b"Password", b"\3"))[0], 130)
         self.assertEqual(dialogue(["domain", MAC, "new.test"], (b"Go on", b"n\n"))[0], 2)
@@ -267,47 +263,46 @@ class Finder(unittest.TestCase):
 
     def test_find_watches_who_comes_and_goes(self):
         STUB_CAMERA.mute = True
-        command = PC.command(PC.build / "tools/kestrel-find", "--json", "--timeout", "0.3", "--interface", "c", "watch",
-                             "--interval", "0.4", "--rounds", "40")
-        watch = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
-        events = []
-        for mute in (False, True):
-            time.sleep(0.5)
-            STUB_CAMERA.mute = mute
-            events.append(json.loads(watch.stdout.readline()))
-        watch.terminate()
-        self.assertEqual([(e["event"], e["mac"]) for e in events], [("came", STUB_MAC), ("gone", STUB_MAC)])
-        self.assertEqual(watch.wait(10), 0)
-        watch.stdout.close()
+        command = PC.command(PC.build / "tools/kestrel-find", "--json", "--timeout", "0.6", "--interface", "c", "watch",
+                             "--interval", "0.7", "--rounds", "40")
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as watch:
+            for mute, event in ((False, "came"), (True, "gone")):
+                time.sleep(0.5)
+                STUB_CAMERA.mute = mute
+                told = json.loads(watch.stdout.readline())
+                self.assertEqual((told["event"], told["mac"]), (event, STUB_MAC))
+            watch.terminate()
+            self.assertEqual(watch.wait(10), 0)
 
     @unittest.skipUnless(shutil.which("killall"), "the camera's shell has no killall (package psmisc)")
     def test_new_domain_ends_the_daemon(self):
-        self.assertEqual(find("domain", MAC, "new.test", "--yes")[0], 0)
-        self.assertEqual((CAMERA.process.wait(10), stored("domain")), (-9, "new.test"))
+        def supervise():
+            ends.append(CAMERA.process.wait(20))
+            start_camera()
+
+        ends, supervisor = [], threading.Thread(target=supervise)
+        supervisor.start()
+        status, out, _ = find("domain", MAC, "new.test", "--yes")
+        supervisor.join()
+        self.assertEqual((status, "is back" in out, ends, stored("domain")), (0, True, [-9], "new.test"))
         CAMERA.set("domain", "skyport.test")
-        start_camera()
         self.assertEqual(words(ask("a", 0x108, admin())), (1, 3, 0, 0, 0))  # what it set before is forgotten
         self.assertEqual(find("alias-status", MAC)[0], 6)
 
 
 def check_dissection(capture):
     """What tshark makes of all the datagrams of the tests: a row each, of the fields that are asked for."""
-    fields = ("magic", "opcode", "length", "bad_length", "brand", "timezone", "hardware", "alias_status", "conf_state",
-              "wait", "user", "handle")
+    fields = "magic opcode bad_length brand timezone hardware alias_status conf_state wait user".split()
+    columns = ["_ws.malformed", "_ws.col.Protocol", "_ws.col.Info", *("kestrel_finder." + field for field in fields)]
     out = subprocess.run(["tshark", "-r", capture, "-X", f"lua_script:{PROJECT}/tools/wireshark/kestrel-finder.lua",
-                          "-Y", f"udp.port == {PORT} and not icmp", "-T", "fields",
-                          "-e", "_ws.malformed", "-e", "_ws.col.Protocol", "-e", "_ws.col.Info",
-                          *(part for field in fields for part in ("-e", f"kestrel_finder.{field}"))],
-                         env={**os.environ, "HOME": str(world.SCRATCH)}, check=True, capture_output=True,
-                         text=True).stdout
+                          "-Y", f"udp.port == {PORT} and not icmp", "-T", "fields", *(p for c in columns for p in ("-e", c))],
+                         env={**os.environ, "HOME": str(world.SCRATCH)}, check=True, capture_output=True, text=True).stdout
     rows = [dict(zip(("malformed", "protocol", "info", *fields), line.split("\t"))) for line in out.splitlines()]
-    seen = {(row["magic"], int(row["opcode"], 16)): row for row in rows}
     check = unittest.TestCase()
     check.assertEqual({row["protocol"] for row in rows}, {"FINDER"})
     check.assertEqual([row["bad_length"] for row in rows if row["malformed"]], ["1"] * BROKEN)
     for magic, word in (("0xfdfd", "Request"), ("0xfeee", "Reply")):
-        named = {op for (m, op), row in seen.items()
-                 if m == magic and re.match(rf"{word}: (?!operation 0x)", row["info"])}
+        named = {int(row["opcode"], 16) for row in rows if row["magic"] == magic and re.match(rf"{word}: (?!operation 0x)", row["info"])}
         check.assertEqual(named - {0xA3}, {*OPEN, *PROTECTED})
     check.assertTrue({("Lumen", "4660", "0x00010002")} <= {(r["brand"], r["timezone"], r["hardware"]) for r in rows})
     check.assertTrue({"0", "2"} <= {r["alias_status"] for r in rows} and {"3"} <= {r["conf_state"] for r in rows})

@@ -118,7 +118,6 @@ TEST_F(UpnpTest, ReplaceCases) {
         {"del=4", del80 + gone + mapped("443")},
         {"del=7,4", del80 + del80 + gone + mapped("443")},
         {"add=718,718", del80 + done + success + not_added(row.name, "80") + mapped("443")},
-        {"del=7,7 add=1,1", del80 + del80 + success + not_added(row.name, "80") + mapped("443")},
     };
     for (const auto& outcome : outcomes) {
       begin("", row.table, outcome.results);
@@ -154,7 +153,7 @@ TEST_F(UpnpTest, SearchesOverCandidates) {
       {"8081", "", "", "", mapped("8082", "8082"), "8082 "},
       {"", own_80, "query=-1,-1", "", asked + again + timeout + "1)/ret=-1/" + stopped + "=> 0 ", "80 "},
       {"", own_80, "query=-1", "", asked + again + "ret=1/ignore adding port mapping/=> 1 80", "80 "},
-      {"", "", "query=501", "", queried("80", "501") + "unhandled return value(501),UPF() failed/=> 0 ", ""},
+      {"", "", "query=0", "", queried("80", "0") + "unhandled return value(0),UPF() failed/=> 0 ", ""},
       {"", "", "", "reload", "Querying eport:(80)/=> 0 ", ""},
       {"", game_80, "", "reload Mupnpcp_query", foreign("80", "Game") + next, "80 "},
       {"", "", "query=-1", "reload Mupnpcp_query", asked + timeout + "0)/ret=5/=> 5 ", ""},
@@ -191,6 +190,25 @@ TEST_F(UpnpTest, ConsoleTellsOfEveryQuery) {
   const std::string end = ",type=1,UPNP_DEF_TIMEOUT=8\n\n";
   EXPECT_EQ(fake.console,
             (Texts{before + rest + "80" + end, after + "2\n", before + "Game" + rest + "443" + end, after + "3\n"}));
+}
+
+TEST_F(UpnpTest, TheFourthOfMoreAttemptsIsTheLast) {
+  fake.always = {{"Mupnpcp_query_eport_ex", -1}, {"Mupnp_add_eport", 1}, {"Mupnp_del_eport", 7}};
+  struct {
+    char description[MUPNP_DESCRIPTION_LEN], client[MUPNP_CLIENT_LEN];
+    int port, lease_s;
+  } at{};
+  trace.on_call = [&](const std::string&) { std::memset(&at, 'x', sizeof(at)); };  // the texts end nowhere
+  EXPECT_EQ(query_eport_retry(at.description, at.client, &at.port, &at.lease_s, 80, 1, 5, &reload), -1);
+  EXPECT_EQ(std::strlen(at.description) + std::strlen(at.client), 126U);
+  EXPECT_EQ(add_eport_retry("name", 80, http_port, 1, 5) + delete_port(80, 5), 0);
+  std::string expected;
+  for (const char* attempt : {"0", "1", "2", "3"})
+    expected += "query 80 1 8/*** timeout! in querying eport:(80) retry(" + std::string(attempt) + ")/";
+  expected += "*** query eport:(80) failed! stop/";
+  for (int attempt = 0; attempt < 4; ++attempt) expected += "add name 80 8000 1 8/";
+  expected += "*** Port mapping add port 80 failed/" + del80 + del80 + del80 + del80;
+  EXPECT_EQ(trace.take(), expected + "*** Port mapping delete port (80) failed/");
 }
 
 TEST_F(UpnpTest, FiftyCandidatesFollowTheStoredPort) {
@@ -259,9 +277,8 @@ TEST_F(UpnpTest, CleanUpRemovesOwnMappings) {
   };
   for (const auto& row : rows) {
     begin("", row.table, row.results);
-    trace.on_call = [&](const std::string& call) {
-      if (row.exit && call.starts_with("Mupnp_del")) current_record.run = 0;
-    };
+    if (row.exit)
+      trace.on_call = [](const std::string& call) { current_record.run = call.starts_with("Mupnp_del") ? 0 : 1; };
     EXPECT_EQ(remove_own_mappings(uid), 0);
     EXPECT_EQ(trace.take(), "======== uid_info : LC_0A0B0C-1.2 ========/" + row.trace);
     EXPECT_EQ(left(), row.left) << row.trace;

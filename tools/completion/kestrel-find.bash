@@ -3,7 +3,7 @@
 _kestrel_find() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local commands="list show status service alias alias-status domain ops watch"
-  local options="--json --timeout --interface --user --password-file --help --version"
+  local options="--json -p --parsable --timeout --interface --user --password-file --broadcast --help --version"
   local command="" position=0 i
   COMPREPLY=()
   case $previous in
@@ -28,6 +28,7 @@ _kestrel_find() {
     esac
   done
   case $command in
+    alias) options+=" --wait" ;;
     domain) options+=" --yes" ;;
     watch) options+=" --interval --rounds" ;;
   esac

@@ -1,6 +1,7 @@
 // What the camera and its remote-access service encipher: bodies, answers, request tokens and the
 // refer file. All of them are Blowfish in 8-bit cipher feedback, in base64; keys and wrapping differ.
-#pragma once
+#ifndef KESTREL_TOOLS_BODY_H
+#define KESTREL_TOOLS_BODY_H
 
 #include <cstdint>
 #include <optional>
@@ -41,3 +42,5 @@ Result decode_any(std::string_view input);
 Result encode(Kind kind, std::string_view text, std::string_view digits);
 
 }  // namespace decode
+
+#endif

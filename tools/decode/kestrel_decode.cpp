@@ -17,9 +17,9 @@
 
 namespace {
 
-constexpr int kFaulty = 1;
-constexpr int kUsage = 2;
-constexpr std::size_t kMaxInput = std::size_t{1} << 20;  // bodies have 2 KiB; more is a mistaken file
+constexpr int faulty = 1;
+constexpr int usage_error = 2;
+constexpr std::size_t max_input_len = std::size_t{1} << 20;  // bodies have 2 KiB; more is a mistaken file
 
 struct Options {
   std::string file = "-";
@@ -33,11 +33,11 @@ std::string read_input(const std::string& path) {
   std::ifstream file;
   if (path != "-") file.open(path, std::ios::binary);
   std::istream& in = path == "-" ? std::cin : file;
-  std::string text(kMaxInput + 1, '\0');
+  std::string text(max_input_len + 1, '\0');
   in.read(text.data(), static_cast<std::streamsize>(text.size()));
   if (in.bad() || (path != "-" && !file.is_open())) throw std::runtime_error("can't read " + path);
   text.resize(static_cast<std::size_t>(in.gcount()));
-  if (text.size() > kMaxInput)
+  if (text.size() > max_input_len)
     throw std::runtime_error(path + " is larger than 1 MiB; that is no body, answer, token or refer file");
   return text;
 }
@@ -64,7 +64,7 @@ int run(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);
     complain(fmt::format("{}; see kestrel-decode --help", e.what()));
-    return kUsage;
+    return usage_error;
   }
   const std::string input = read_input(options.file);
   const auto kind = decode::parse_kind(options.kind);
@@ -78,7 +78,7 @@ int run(int argc, char** argv) {
     if (options.verbose) complain(note);
   }
   for (const std::string& fault : result.faults) complain(fault);
-  return result.faults.empty() ? 0 : kFaulty;
+  return result.faults.empty() ? 0 : faulty;
 }
 
 }  // namespace
@@ -88,6 +88,6 @@ int main(int argc, char** argv) {
     return run(argc, argv);
   } catch (const std::exception& e) {
     complain(e.what());
-    return kUsage;
+    return usage_error;
   }
 }

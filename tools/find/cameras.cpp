@@ -9,16 +9,17 @@
 #include <cerrno>
 #include <cstring>
 #include <random>
+#include <set>
 #include <string_view>
 #include <utility>
 
 namespace finder {
 namespace {
 
-constexpr int kAttempts = 4;
+constexpr int send_attempts = 4;
 
 struct Target {
-  Mac mac = kAnyCamera;
+  Mac mac = any_camera;
   std::optional<in_addr> address;  // asked directly, besides the broadcast
 };
 
@@ -63,7 +64,7 @@ std::vector<Camera> run_survey(const Network& network, const Target& target, Eno
       }
     }
   };
-  exchange(network.ports, network.time, kAttempts, send, [&](const Answer& answer) {
+  exchange(network.ports, network.time, send_attempts, send, [&](const Answer& answer) {
     const Camera* camera = merge(cameras, answer, tag);
     return camera != nullptr && enough(*camera, answer);
   });
@@ -93,6 +94,11 @@ Camera find_by_name(const Network& network, const std::string& name) {
                 fmt::format("several cameras are called '{}' ({}); name one by its MAC address", name, all)};
 }
 
+// A server or router that the camera doesn't have.
+std::string or_none(in_addr address) {
+  return address.s_addr == INADDR_ANY ? "" : to_text(address);
+}
+
 std::string date_and_time(const std::string& digits) {
   if (digits.size() != 14 || digits.find_first_not_of("0123456789") != std::string::npos) return digits;
   const std::string_view d = digits;
@@ -113,8 +119,16 @@ std::string Camera::name() const {
   return service ? service->name : std::string();
 }
 
-std::vector<Camera> survey(const Network& network) {
-  auto cameras = run_survey(network, {}, [](const Camera&, const Answer&) { return false; });
+std::vector<Camera> survey(const Network& network, const std::function<void(const Camera&)>& came) {
+  std::set<Mac> told;
+  const auto tell = [&](const Camera& camera) {
+    if (came && told.insert(camera.mac).second) came(camera);
+  };
+  auto cameras = run_survey(network, {}, [&](const Camera& camera, const Answer&) {
+    if (camera.survey && camera.service) tell(camera);
+    return false;
+  });
+  std::ranges::for_each(cameras, tell);
   std::ranges::sort(cameras, {}, [](const Camera& c) { return std::pair(ntohl(c.from.s_addr), c.mac); });
   return cameras;
 }
@@ -145,25 +159,34 @@ Camera find_camera(const Network& network, const std::string& which) {
   return *found;
 }
 
-Reply ask(const Network& network, const Camera& camera, Request request, int* sends) {
+Request question(Op op) {
+  Request request;
+  request.op = op;
+  return request;
+}
+
+std::optional<Reply> ask_for(const Network& network, Milliseconds time, const Camera& camera, Request request,
+                             int* sends) {
   const OpInfo& info = *find_op(static_cast<std::uint16_t>(request.op));
+  const bool may_broadcast = !info.needs_administrator || network.broadcast_credentials;
   request.tag = random_tag();
   request.mac = camera.mac;
   const auto datagram = encode(request);
   const auto send = [&](int attempt) {
     bool sent = camera.port->send(camera.from, datagram);
     // A camera whose address doesn't fit this network hears only broadcasts.
-    if (attempt >= kAttempts / 2 || !sent) sent = camera.port->send(camera.port->broadcast, datagram);
+    if (may_broadcast && (attempt >= send_attempts / 2 || !sent))
+      sent = camera.port->send(camera.port->broadcast, datagram);
     if (sent && sends != nullptr) ++*sends;
   };
   std::optional<Reply> reply;
-  exchange(network.ports, network.time, kAttempts, send, [&](const Answer& answer) {
+  exchange(network.ports, time, send_attempts, send, [&](const Answer& answer) {
     const Reply& r = answer.reply;
     if (r.tag != request.tag || r.opcode != static_cast<std::uint16_t>(request.op) || r.mac != camera.mac) return false;
     reply = r;
     return true;
   });
-  if (!reply) no_answer(network, to_text(camera.mac));
+  if (!reply) return std::nullopt;
   if (reply->authentication_refused()) {
     throw Failure{
         Exit::refused,
@@ -173,7 +196,18 @@ Reply ask(const Network& network, const Camera& camera, Request request, int* se
     throw Failure{Exit::failed, fmt::format("the camera's answer to {} has {} bytes instead of {}", info.name,
                                             reply->payload.size(), info.reply_length)};
   }
-  return std::move(*reply);
+  return reply;
+}
+
+Reply ask(const Network& network, const Camera& camera, Request request, int* sends) {
+  const bool kept_back = find_op(static_cast<std::uint16_t>(request.op))->needs_administrator;
+  auto reply = ask_for(network, network.time, camera, std::move(request), sends);
+  if (reply) return std::move(*reply);
+  if (!kept_back || network.broadcast_credentials) no_answer(network, to_text(camera.mac));
+  throw Failure{Exit::no_answer,
+                fmt::format("camera {} did not answer a request with credentials, which went to {} alone; give it "
+                            "longer with --timeout, or with --broadcast send them to everybody on {}",
+                            to_text(camera.mac), to_text(camera.from), network.interfaces())};
 }
 
 Record whose(const Camera& camera) {
@@ -209,13 +243,13 @@ Record camera_record(const Camera& camera) {
     const Survey& s = *camera.survey;
     r.insert(r.end(), {{"product", "PRODUCT", s.product},
                        {"product_type", "PRODUCT TYPE", number(s.product_type)},
-                       {"hardware", "HARDWARE", number(s.hardware)},
+                       {"hardware", "HARDWARE", Hex{s.hardware}},
                        {"interface_mac", "INTERFACE MAC", to_text(s.interface_mac)},
                        {"interface_address", "INTERFACE ADDRESS", to_text(s.address)},
                        {"netmask", "NETMASK", to_text(s.mask)},
-                       {"gateway", "GATEWAY", to_text(s.gateway)},
-                       {"dns1", "DNS 1", to_text(s.dns1)},
-                       {"dns2", "DNS 2", to_text(s.dns2)},
+                       {"gateway", "GATEWAY", or_none(s.gateway)},
+                       {"dns1", "DNS 1", or_none(s.dns1)},
+                       {"dns2", "DNS 2", or_none(s.dns2)},
                        {"dhcp", "DHCP", s.dhcp},
                        {"local_time", "LOCAL TIME", date_and_time(s.local_time)},
                        {"timezone", "TIMEZONE", number(s.timezone)},

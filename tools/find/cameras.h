@@ -1,7 +1,9 @@
 // Finding cameras and asking one of them: surveys merged per camera, a camera by MAC address,
 // address or name, and a request with its repeats.
-#pragma once
+#ifndef KESTREL_TOOLS_CAMERAS_H
+#define KESTREL_TOOLS_CAMERAS_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,6 +27,7 @@ struct Failure {
 struct Network {
   std::vector<Port> ports;
   Milliseconds time;
+  bool broadcast_credentials = false;            // to everybody on the network, when a camera is silent
   [[nodiscard]] std::string interfaces() const;  // "eth0, wlan0"
 };
 
@@ -38,17 +41,25 @@ struct Camera {
 };
 
 /// Sends both surveys to every camera, several times, for the whole time; a camera that was reached
-/// by several interfaces appears once. Sorted by address. Throws Failure when nothing could be sent.
-std::vector<Camera> survey(const Network& network);
+/// by several interfaces appears once. `came` gets each camera as soon as both of its answers are there, at the end at
+/// the latest. Sorted by address. Throws Failure when nothing could be sent.
+std::vector<Camera> survey(const Network& network, const std::function<void(const Camera&)>& came = {});
 
 /// The camera of a MAC address, an IPv4 address or a camera name (letters' case doesn't matter).
 /// Throws Failure when none answers or several have the name.
 Camera find_camera(const Network& network, const std::string& which);
 
-/// Sends the request to the camera, directly at first and by broadcast too when it stays silent, and
-/// returns its reply; `sends` tells how often it was sent. Tag and MAC are filled in. Throws Failure
-/// when no reply came, when it has a wrong size, or when the camera refused the credentials.
+/// A request of an operation that is for anyone.
+Request question(Op op);
+
+/// Sends the request to the camera, directly at first and by broadcast too when it stays silent (credentials only if
+/// the network says so), and returns its reply; `sends` tells how often it was sent. Tag and MAC are filled in. Throws
+/// Failure when no reply came, when it has a wrong size, or when the camera refused the credentials.
 Reply ask(const Network& network, const Camera& camera, Request request, int* sends = nullptr);
+
+/// As ask(), for so long; nothing when no reply came.
+std::optional<Reply> ask_for(const Network& network, Milliseconds time, const Camera& camera, Request request,
+                             int* sends = nullptr);
 
 /// All that the surveys told; keys as in the manual page.
 Record camera_record(const Camera& camera);
@@ -57,3 +68,5 @@ Record camera_record(const Camera& camera);
 Record whose(const Camera& camera);
 
 }  // namespace finder
+
+#endif

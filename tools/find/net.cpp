@@ -20,6 +20,9 @@
 namespace finder {
 namespace {
 
+// Hundreds of cameras answer a broadcast in the same millisecond, each twice. The kernel cuts this to its own limit.
+constexpr int receive_buffer_len = 4 << 20;
+
 volatile std::sig_atomic_t g_interrupted = 0;
 
 in_addr host_order(std::uint32_t address) {
@@ -38,6 +41,7 @@ int open_socket(const char* interface, in_addr own) {
   local.sin_family = AF_INET;
   local.sin_addr = own;
   if (setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0 ||
+      setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer_len, sizeof receive_buffer_len) != 0 ||
       setsockopt(fd, IPPROTO_IP, IP_UNICAST_IF, &index, sizeof index) != 0 ||
       bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
     const int error = errno;
@@ -59,17 +63,32 @@ in_addr address_of(const ifaddrs& i) {
   return address.sin_addr;
 }
 
-bool receive(const Port& port, Answer& answer) {
+enum class Received { nothing, noise, reply };
+
+Received receive(const Port& port, Answer& answer) {
   std::array<std::uint8_t, 2048> buffer;  // a longer datagram is cut, and its length is then wrong
   sockaddr_in from{};
   socklen_t size = sizeof from;
   const ssize_t n =
       recvfrom(port.fd, buffer.data(), buffer.size(), MSG_TRUNC, reinterpret_cast<sockaddr*>(&from), &size);
-  if (n < 0 || static_cast<std::size_t>(n) > buffer.size()) return false;
+  if (n < 0) return Received::nothing;
+  if (static_cast<std::size_t>(n) > buffer.size()) return Received::noise;
   auto reply = decode(std::span(buffer).first(static_cast<std::size_t>(n)));
-  if (!reply) return false;
+  if (!reply) return Received::noise;
   answer = {std::move(*reply), from.sin_addr, &port};
-  return true;
+  return Received::reply;
+}
+
+// Takes a bounded number of datagrams that wait on a port, so that a flood ends no later than silence does.
+bool take_all(const Port& port, const std::function<bool(const Answer&)>& take) {
+  constexpr int max_turn = 1000;
+  Answer answer;
+  for (int i = 0; i < max_turn; ++i) {
+    const Received received = receive(port, answer);
+    if (received == Received::nothing) return false;
+    if (received == Received::reply && take(answer)) return true;
+  }
+  return false;
 }
 
 int milliseconds_until(Clock::time_point when) {
@@ -92,7 +111,7 @@ Port::~Port() {
 bool Port::send(in_addr to, const std::vector<std::uint8_t>& datagram) const {
   sockaddr_in peer{};
   peer.sin_family = AF_INET;
-  peer.sin_port = htons(kPort);
+  peer.sin_port = htons(finder_port);
   peer.sin_addr = to;
   const ssize_t n =
       sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
@@ -140,9 +159,8 @@ bool exchange(const std::vector<Port>& ports, Milliseconds time, int attempts, c
     do {
       if (interrupted()) return false;
       if (poll(set.data(), set.size(), milliseconds_until(until)) <= 0) continue;
-      Answer answer;
       for (std::size_t i = 0; i < set.size(); ++i) {
-        if (set[i].revents != 0 && receive(ports[i], answer) && take(answer)) return true;
+        if (set[i].revents != 0 && take_all(ports[i], take)) return true;
       }
     } while (Clock::now() < until);
   }

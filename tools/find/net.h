@@ -1,5 +1,6 @@
 // Datagrams to and from cameras: one socket per interface, repeated sends, replies until a deadline.
-#pragma once
+#ifndef KESTREL_TOOLS_NET_H
+#define KESTREL_TOOLS_NET_H
 
 #include <netinet/in.h>
 
@@ -60,3 +61,5 @@ void catch_interrupts();
 void pause_for(Milliseconds time);
 
 }  // namespace finder
+
+#endif

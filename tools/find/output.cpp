@@ -1,14 +1,18 @@
-// Text, table and JSON output; the one file that knows the JSON library.
+// Text, table, JSON and field output; the one file that knows the JSON library.
 #include "output.h"
 
 #include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <cwchar>
 #include <cwctype>
 #include <nlohmann/json.hpp>
+#include <type_traits>
 #include <utility>
 
 namespace finder {
@@ -56,7 +60,7 @@ std::string pad(std::string text, std::size_t columns) {
 
 std::string to_text(const Value& value) {
   struct Visitor {
-    std::string operator()(const std::string& text) const { return printable(text); }
+    std::string operator()(const std::string& text) const { return text; }
     std::string operator()(std::uint64_t number) const { return fmt::to_string(number); }
     std::string operator()(bool yes) const { return yes ? "yes" : "no"; }
     std::string operator()(const std::vector<std::uint64_t>& numbers) const {
@@ -64,23 +68,52 @@ std::string to_text(const Value& value) {
       for (const std::uint64_t n : numbers) all += fmt::format("{}0x{:04X}", all.empty() ? "" : " ", n);
       return all;
     }
+    std::string operator()(Hex hex) const { return fmt::format("0x{:08X}", hex.number); }
   };
   return std::visit(Visitor{}, value);
 }
 
 std::string shown(const Value& value) {
-  std::string text = to_text(value);
+  std::string text = printable(to_text(value));
   return text.empty() ? "-" : text;
 }
 
-std::string cell(const Record& record, std::string_view key) {
+const Value& value_of(const Record& record, std::string_view key) {
+  static const Value missing;
   const auto item = std::ranges::find(record, key, &Item::key);
-  return item == record.end() ? "-" : shown(item->value);
+  return item == record.end() ? missing : item->value;
+}
+
+std::string cell(const Record& record, std::string_view key) {
+  return shown(value_of(record, key));
+}
+
+std::string escaped(std::string_view foreign) {
+  std::string out;
+  each_character(foreign, [&](std::string_view bytes, int columns) {
+    if (columns >= 0 && bytes != ";" && bytes != "\\") {
+      out += bytes;
+      return;
+    }
+    for (const char c : bytes) out += fmt::format("\\{:03}", static_cast<unsigned char>(c));
+  });
+  return out;
+}
+
+Json json_of(const Value& value) {
+  return std::visit(
+      [](const auto& plain) -> Json {
+        if constexpr (std::is_same_v<std::decay_t<decltype(plain)>, Hex>)
+          return plain.number;
+        else
+          return plain;
+      },
+      value);
 }
 
 std::string to_json(const Record& record) {
   Json object = Json::object();
-  for (const Item& item : record) std::visit([&](const auto& value) { object[item.key] = value; }, item.value);
+  for (const Item& item : record) object[item.key] = json_of(item.value);
   // ASCII only: what isn't UTF-8 is replaced, controls are escaped, so a terminal is safe too.
   return object.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
@@ -90,9 +123,21 @@ void put_line(std::string text) {
   fmt::print("{}\n", text);
 }
 
-const char* heading(const std::vector<Record>& records, std::string_view key) {
-  const auto item = std::ranges::find(records.front(), key, &Item::key);
-  return item == records.front().end() ? "" : item->label;
+std::string heading_of(Columns columns) {
+  std::string line;
+  for (const Column& column : columns) line += pad(column.label, column.width) + "  ";
+  return line;
+}
+
+// Rows and columns of the terminal on standard output; none when it is no terminal that can move its cursor.
+winsize screen() {
+  winsize size{};
+  const char* term = std::getenv("TERM");
+  if (isatty(STDOUT_FILENO) == 0 || term == nullptr || std::string_view(term) == "dumb" ||
+      ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) {
+    return {};
+  }
+  return size;
 }
 
 }  // namespace
@@ -103,8 +148,12 @@ std::string printable(std::string_view foreign) {
   return out;
 }
 
-void print_record(const Record& record, bool json) {
-  if (json) return put_line(to_json(record));
+void print_record(const Record& record, Format format) {
+  if (format == Format::json) return put_line(to_json(record));
+  if (format == Format::lines) {
+    for (const Item& item : record) fmt::print("{};{}\n", item.key, escaped(to_text(item.value)));
+    return;
+  }
   std::size_t widest = 0;
   for (const Item& item : record) {
     if (item.label != nullptr) widest = std::max(widest, width(item.label));
@@ -114,17 +163,21 @@ void print_record(const Record& record, bool json) {
   }
 }
 
-void print_table(const std::vector<Record>& records, std::initializer_list<const char*> columns, bool json) {
-  if (json) {
+void print_table(const std::vector<Record>& records, Columns columns, Format format) {
+  if (format == Format::json) {
     for (std::size_t i = 0; i < records.size(); ++i) fmt::print("{}{}", i == 0 ? "[" : ",\n ", to_json(records[i]));
     fmt::print("{}\n", records.empty() ? "[]" : "]");
     return;
   }
+  if (format == Format::lines) {
+    for (const Record& record : records) fmt::print("{}\n", fields_of(record, columns));
+    return;
+  }
   if (records.empty()) return;
   std::vector<std::string> lines(records.size() + 1);
-  for (const char* key : columns) {
-    std::vector<std::string> cells{heading(records, key)};
-    for (const Record& record : records) cells.push_back(cell(record, key));
+  for (const Column& column : columns) {
+    std::vector<std::string> cells{column.label};
+    for (const Record& record : records) cells.push_back(cell(record, column.key));
     std::size_t widest = 0;
     for (const std::string& text : cells) widest = std::max(widest, width(text));
     for (std::size_t i = 0; i < cells.size(); ++i) lines[i] += pad(std::move(cells[i]), widest + 2);
@@ -132,9 +185,43 @@ void print_table(const std::vector<Record>& records, std::initializer_list<const
   for (std::string& line : lines) put_line(std::move(line));
 }
 
-std::string line_of(const Record& record, std::initializer_list<const char*> columns) {
+void GrowingTable::print_row(const std::string& row) {
+  put_line(row);
+  std::fflush(stdout);
+  ++rows_;
+  widest_ = std::max(widest_, width(row));
+}
+
+void GrowingTable::add(const Record& record) {
+  if (format_ == Format::json) return;
+  if (format_ == Format::lines) return print_row(fields_of(record, columns_));
+  if (rows_ == 0) print_row(heading_of(columns_));
+  std::string row;
+  for (const Column& column : columns_) row += pad(cell(record, column.key), column.width) + "  ";
+  print_row(row);
+}
+
+void GrowingTable::finish(const std::vector<Record>& records) {
+  if (format_ == Format::json) return print_table(records, columns_, format_);
+  const winsize size = screen();
+  // A row that was wrapped or has left the screen can't be taken back.
+  if (format_ != Format::text || rows_ == 0 || rows_ >= size.ws_row || widest_ > size.ws_col) return;
+  fmt::print("\033[{}A\033[J", rows_);
+  print_table(records, columns_, format_);
+}
+
+std::string line_of(const Record& record, Columns columns) {
   std::string line;
-  for (const char* key : columns) line += (line.empty() ? "" : "  ") + cell(record, key);
+  for (const Column& column : columns) line += (line.empty() ? "" : "  ") + cell(record, column.key);
+  return line;
+}
+
+std::string fields_of(const Record& record, Columns columns) {
+  std::string line;
+  for (const Column& column : columns) {
+    if (&column != columns.data()) line += ';';
+    line += escaped(to_text(value_of(record, column.key)));
+  }
   return line;
 }
 

@@ -50,17 +50,17 @@ class Silent {
 
 // Lets SIGINT and SIGTERM through only while it waits: one that came between the prompt and the reading
 // would otherwise leave the program waiting for a line that nobody types any more.
-class Interruptible_wait {
+class InterruptibleWait {
  public:
-  Interruptible_wait() {
+  InterruptibleWait() {
     sigset_t held;
     sigemptyset(&held);
     for (const int signal : {SIGINT, SIGTERM}) sigaddset(&held, signal);
     sigprocmask(SIG_BLOCK, &held, &before_);
   }
-  Interruptible_wait(const Interruptible_wait&) = delete;
-  Interruptible_wait& operator=(const Interruptible_wait&) = delete;
-  ~Interruptible_wait() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  InterruptibleWait(const InterruptibleWait&) = delete;
+  InterruptibleWait& operator=(const InterruptibleWait&) = delete;
+  ~InterruptibleWait() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
   // False when an interrupt came first.
   [[nodiscard]] bool readable(int fd) const {
@@ -85,7 +85,7 @@ std::string from_prompt(const std::string& user) {
   bool complete = false;
   {
     catch_interrupts();
-    const Interruptible_wait input;
+    const InterruptibleWait input;
     const Silent silent(fd);
     say(fd, fmt::format("Password of {}: ", printable(user)));
     char c = 0;
@@ -100,16 +100,22 @@ std::string from_prompt(const std::string& user) {
   return typed;
 }
 
+// A command may send several requests; whoever types is asked once.
+const std::string& typed_once(const std::string& user) {
+  static const std::string typed = from_prompt(user);
+  return typed;
+}
+
 }  // namespace
 
 std::string read_password(const std::string& file, const std::string& user) {
   const char* variable = std::getenv("KESTREL_PASSWORD");
   std::string password = !file.empty()         ? from_file(file)
                          : variable != nullptr ? std::string(variable)
-                                               : from_prompt(user);
-  if (password.size() > credentials::kMaxPlain) {
-    throw Failure{Exit::usage,
-                  fmt::format("the password is too long: a request carries at most {} bytes", credentials::kMaxPlain)};
+                                               : typed_once(user);
+  if (password.size() > credentials::max_plain_len) {
+    throw Failure{Exit::usage, fmt::format("the password is too long: a request carries at most {} bytes",
+                                           credentials::max_plain_len)};
   }
   return password;
 }

@@ -1,7 +1,8 @@
 // The LAN finder protocol as a PC tool sees it: offset tables, one encoder, one decoder.
 // Datagrams go to UDP port 62977 of the camera and come back from there. Integers are
 // little-endian, addresses are in network order, texts end at a NUL or at the end of their field.
-#pragma once
+#ifndef KESTREL_TOOLS_WIRE_H
+#define KESTREL_TOOLS_WIRE_H
 
 #include <netinet/in.h>
 
@@ -17,13 +18,13 @@
 
 namespace finder {
 
-inline constexpr std::uint16_t kPort = 62977;
-inline constexpr std::uint16_t kRequestMagic = 0xFDFD;
-inline constexpr std::uint16_t kReplyMagic = 0xFEEE;
+inline constexpr std::uint16_t finder_port = 62977;
+inline constexpr std::uint16_t request_magic = 0xFDFD;
+inline constexpr std::uint16_t reply_magic = 0xFEEE;
 
 using Bytes = std::span<const std::uint8_t>;
 using Mac = std::array<std::uint8_t, 6>;
-inline constexpr Mac kAnyCamera{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+inline constexpr Mac any_camera{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 
 enum class Op : std::uint16_t {
   survey = 0x00A1,
@@ -55,50 +56,49 @@ consteval bool packed(std::initializer_list<Field> fields, std::size_t size) {
   return end == size;
 }
 
-inline constexpr std::size_t kHeaderSize = 22;
+inline constexpr std::size_t header_len = 22;
 
 namespace request_header {
-inline constexpr Field kMagic{0, 2}, kTag{2, 2}, kOpcode{4, 2}, kMac{6, 6}, kReserved{12, 8}, kLength{20, 2};
-static_assert(packed({kMagic, kTag, kOpcode, kMac, kReserved, kLength}, kHeaderSize));
+inline constexpr Field magic{0, 2}, tag{2, 2}, opcode{4, 2}, mac{6, 6}, reserved{12, 8}, length{20, 2};
+static_assert(packed({magic, tag, opcode, mac, reserved, length}, header_len));
 }  // namespace request_header
 
 namespace reply_header {
-inline constexpr Field kMagic{0, 2}, kTag{2, 2}, kOpcode{4, 2}, kMac{6, 6}, kAddress{12, 4}, kResult{16, 2},
-    kFlag{18, 2}, kLength{20, 2};
-static_assert(packed({kMagic, kTag, kOpcode, kMac, kAddress, kResult, kFlag, kLength}, kHeaderSize));
+inline constexpr Field magic{0, 2}, tag{2, 2}, opcode{4, 2}, mac{6, 6}, address{12, 4}, result{16, 2}, flag{18, 2},
+    length{20, 2};
+static_assert(packed({magic, tag, opcode, mac, address, result, flag, length}, header_len));
 }  // namespace reply_header
 
 /// Payload of an operation that needs the administrator; the argument follows, up to the end.
 namespace credentials {
-inline constexpr Field kUser{0, 64}, kPassword{64, 64};  // base64, NUL-terminated
-inline constexpr std::size_t kSize = 128;
-static_assert(packed({kUser, kPassword}, kSize));
+inline constexpr Field user{0, 64}, password{64, 64};  // base64, NUL-terminated
+inline constexpr std::size_t payload_len = 128;
+static_assert(packed({user, password}, payload_len));
 /// Longest name or password in bytes: 60 base64 characters are the last multiple of 4 below 64.
-inline constexpr std::size_t kMaxPlain = 45;
+inline constexpr std::size_t max_plain_len = 45;
 }  // namespace credentials
 
-inline constexpr std::size_t kMaxAlias = 31;
-inline constexpr std::size_t kMaxDomain = 63;
+inline constexpr std::size_t max_alias_len = 31;
+inline constexpr std::size_t max_domain_len = 63;
 
 namespace survey_reply {
-inline constexpr Field kBrand{0, 64}, kProduct{64, 64}, kModel{128, 32}, kOemVersion{160, 32}, kProductType{192, 2},
-    kHardware{194, 4}, kInterfaceMac{198, 6}, kName{204, 64}, kAddress{268, 4}, kHttpPort{272, 2}, kZero1{274, 2},
-    kMask{276, 4}, kGateway{280, 4}, kDns1{284, 4}, kDns2{288, 4}, kDhcp{292, 1}, kLocalTime{293, 15}, kZero2{308, 1},
-    kTimezone{309, 2}, kDst{311, 1};
-inline constexpr std::size_t kSize = 312;
-static_assert(packed({kBrand, kProduct, kModel,     kOemVersion, kProductType, kHardware, kInterfaceMac,
-                      kName,  kAddress, kHttpPort,  kZero1,      kMask,        kGateway,  kDns1,
-                      kDns2,  kDhcp,    kLocalTime, kZero2,      kTimezone,    kDst},
-                     kSize));
+inline constexpr Field brand{0, 64}, product{64, 64}, model{128, 32}, oem_version{160, 32}, product_type{192, 2},
+    hardware{194, 4}, interface_mac{198, 6}, name{204, 64}, address{268, 4}, http_port{272, 2}, zero1{274, 2},
+    mask{276, 4}, gateway{280, 4}, dns1{284, 4}, dns2{288, 4}, dhcp{292, 1}, local_time{293, 15}, zero2{308, 1},
+    timezone{309, 2}, dst{311, 1};
+inline constexpr std::size_t payload_len = 312;
+static_assert(packed({brand, product, model,      oem_version, product_type, hardware, interface_mac,
+                      name,  address, http_port,  zero1,       mask,         gateway,  dns1,
+                      dns2,  dhcp,    local_time, zero2,       timezone,     dst},
+                     payload_len));
 }  // namespace survey_reply
 
 namespace service_survey_reply {
-inline constexpr Field kBrand{0, 64}, kModel{64, 32}, kOemVersion{96, 32}, kClientVersion{128, 32}, kOwnMac{160, 6},
-    kName{166, 64}, kUrl{230, 64}, kAddress{294, 4}, kHttpPort{298, 2}, kHttps{300, 1}, kZero{301, 3};
-inline constexpr std::size_t kSize = 304;
-static_assert(packed({kBrand, kModel, kOemVersion, kClientVersion, kOwnMac, kName, kUrl, kAddress, kHttpPort, kHttps,
-                      kZero},
-                     kSize));
+inline constexpr Field brand{0, 64}, model{64, 32}, oem_version{96, 32}, client_version{128, 32}, own_mac{160, 6},
+    name{166, 64}, url{230, 64}, address{294, 4}, http_port{298, 2}, https{300, 1}, zero{301, 3};
+inline constexpr std::size_t payload_len = 304;
+static_assert(packed({brand, model, oem_version, client_version, own_mac, name, url, address, http_port, https, zero},
+                     payload_len));
 }  // namespace service_survey_reply
 
 /// Words of a small reply; which of them mean something depends on the operation:
@@ -106,21 +106,21 @@ static_assert(packed({kBrand, kModel, kOemVersion, kClientVersion, kOwnMac, kNam
 ///   alias state:        error_number, status           service:      error_number, 0, 0
 ///   domain change:      error_number, 0, milliseconds until the camera is back
 namespace small_reply {
-inline constexpr Field kWord0{0, 4}, kWord1{4, 4}, kWord2{8, 4}, kZero{12, 4};
-inline constexpr std::size_t kSize = 16;
-static_assert(packed({kWord0, kWord1, kWord2, kZero}, kSize));
+inline constexpr Field word0{0, 4}, word1{4, 4}, word2{8, 4}, zero{12, 4};
+inline constexpr std::size_t payload_len = 16;
+static_assert(packed({word0, word1, word2, zero}, payload_len));
 }  // namespace small_reply
 
 namespace text_reply {
-inline constexpr Field kText{0, 64};
-inline constexpr std::size_t kSize = 64;
-static_assert(packed({kText}, kSize));
+inline constexpr Field text{0, 64};
+inline constexpr std::size_t payload_len = 64;
+static_assert(packed({text}, payload_len));
 }  // namespace text_reply
 
 /// The operation list: opcodes of two bytes each.
 namespace operations_reply {
-inline constexpr std::size_t kCodeSize = 2;
-inline constexpr std::size_t kSize = 17 * kCodeSize;
+inline constexpr std::size_t code_len = 2;
+inline constexpr std::size_t payload_len = 17 * code_len;
 }  // namespace operations_reply
 
 /// What a camera does with an operation. Only surveys may be addressed to every camera at once.
@@ -131,21 +131,21 @@ struct OpInfo {
   bool needs_administrator;
 };
 
-inline constexpr OpInfo kOps[] = {
-    {"survey", survey_reply::kSize, Op::survey, false},
-    {"operation list", operations_reply::kSize, Op::operations, true},
-    {"service state", small_reply::kSize, Op::get_service, false},
-    {"service on or off", small_reply::kSize, Op::set_service, true},
-    {"registration state", small_reply::kSize, Op::get_status, false},
-    {"service address", text_reply::kSize, Op::get_url, false},
-    {"alias", text_reply::kSize, Op::get_alias, true},
-    {"alias change", small_reply::kSize, Op::set_alias, true},
-    {"alias state", small_reply::kSize, Op::alias_status, true},
-    {"service survey", service_survey_reply::kSize, Op::service_survey, false},
-    {"domain change", small_reply::kSize, Op::set_domain, true},
+inline constexpr OpInfo known_ops[] = {
+    {"survey", survey_reply::payload_len, Op::survey, false},
+    {"operation list", operations_reply::payload_len, Op::operations, true},
+    {"service state", small_reply::payload_len, Op::get_service, false},
+    {"service on or off", small_reply::payload_len, Op::set_service, true},
+    {"registration state", small_reply::payload_len, Op::get_status, false},
+    {"service address", text_reply::payload_len, Op::get_url, false},
+    {"alias", text_reply::payload_len, Op::get_alias, true},
+    {"alias change", small_reply::payload_len, Op::set_alias, true},
+    {"alias state", small_reply::payload_len, Op::alias_status, true},
+    {"service survey", service_survey_reply::payload_len, Op::service_survey, false},
+    {"domain change", small_reply::payload_len, Op::set_domain, true},
 };
 
-/// Row of kOps for an opcode, or null for one that the tool doesn't know.
+/// Row of known_ops for an opcode, or null for one that the tool doesn't know.
 const OpInfo* find_op(std::uint16_t opcode);
 
 /// Checked reads out of a received header or payload. A field that lies beyond the end reads as
@@ -168,9 +168,9 @@ class Reader {
 struct Request {
   std::uint16_t tag = 0;  // comes back unchanged
   Op op = Op::survey;
-  Mac mac = kAnyCamera;
+  Mac mac = any_camera;
   std::string user;      // plain; user and password are sent only for operations that need them
-  std::string password;  // plain, at most credentials::kMaxPlain bytes each
+  std::string password;  // plain, at most credentials::max_plain_len bytes each
   std::string argument;  // raw bytes behind the credentials, terminator included
 };
 
@@ -186,6 +186,7 @@ struct Reply {
   std::vector<std::uint8_t> payload;
 
   [[nodiscard]] Reader fields() const { return Reader(payload); }
+  [[nodiscard]] std::uint32_t word(Field f) const { return fields().number(f); }
   /// The refusal of the credentials: result 1 and 16 zero bytes, whatever the operation. No
   /// handler of a protected operation answers so: each has a word that isn't zero on failure.
   [[nodiscard]] bool authentication_refused() const;
@@ -227,3 +228,5 @@ std::optional<Mac> parse_mac(std::string_view text);
 std::string to_text(in_addr address);
 
 }  // namespace finder
+
+#endif

@@ -1,0 +1,17 @@
+// The commands that ask one camera as its administrator, or change it.
+#ifndef KESTREL_TOOLS_CHANGES_H
+#define KESTREL_TOOLS_CHANGES_H
+
+#include "commands.h"
+
+namespace finder {
+
+Exit service(const Options& options, const Network& network);
+Exit alias(const Options& options, const Network& network);
+Exit alias_status(const Options& options, const Network& network);
+Exit domain(const Options& options, const Network& network);
+Exit operations(const Options& options, const Network& network);
+
+}  // namespace finder
+
+#endif
