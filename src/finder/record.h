@@ -16,7 +16,6 @@ namespace kestrel {
 
 constexpr std::uint32_t finder_port = 62977;
 constexpr int finder_max_if = 4;
-constexpr int finder_reply_room = 4 * 1024 * 1024;  // bytes, of replies that the kernel has not sent yet
 
 /// The interfaces as the platform gives them.
 struct FinderInterfaces {

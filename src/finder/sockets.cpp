@@ -102,11 +102,16 @@ bool bind_to_port(int fd) {
 }
 
 /// Room for the replies that wait in the kernel for neighbours that do not exist: whoever forges senders has it
-/// keep each for some seconds. Without the right to more, what the system allows.
-void widen(int fd) {
-  constexpr int room = finder_reply_room;
-  if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) == 0) return;
-  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+/// keep each for some seconds.
+constexpr int send_room = 4 * 1024 * 1024;  // bytes
+/// Room for a flood while this thread waits for the processor, so that an honest request in it is not lost; no
+/// more than what a camera works off while a tool waits.
+constexpr int receive_room = 1024 * 1024;  // bytes
+
+/// Without the right to more it is what the system allows.
+void widen(int fd, int forced, int option, int room) {
+  if (setsockopt(fd, SOL_SOCKET, forced, &room, sizeof(room)) == 0) return;
+  setsockopt(fd, SOL_SOCKET, option, &room, sizeof(room));
 }
 
 /// Prepares one interface's socket. Returns what failed; null for success.
@@ -115,7 +120,8 @@ const char* prepare_socket(int fd, const char* name) {
   if (!switch_on(fd, SO_REUSEADDR)) return "SO_REUSEADDR:ERROR";
   if (!switch_on(fd, SO_BROADCAST)) return "SO_BROADCAST:ERROR";
   if (!bind_to_port(fd)) return "bind error";
-  widen(fd);
+  widen(fd, SO_SNDBUFFORCE, SO_SNDBUF, send_room);
+  widen(fd, SO_RCVBUFFORCE, SO_RCVBUF, receive_room);
   return nullptr;
 }
 
@@ -230,12 +236,27 @@ void Finderd_DST() {
   close_sockets();
 }
 
+namespace {
+
+/// Whether an address stands for everybody on the interface's network: the host's part all ones, or all zeros as of
+/// old. Networks of two addresses or one have none such.
+bool is_everybody(std::uint32_t ip, const IFINFO& on) {
+  const std::uint32_t host_part = ~on.mask;
+  if (ip == htonl(INADDR_BROADCAST)) return true;
+  if (ntohl(host_part) <= 1 || ((ip ^ on.ip) & on.mask) != 0) return false;
+  return (ip & host_part) == host_part || (ip & host_part) == 0;
+}
+
+}  // namespace
+
 int Finderd_send(const std::uint8_t* buf, std::uint32_t len) {
   const int fd = finder.fd[finder.iReportSocketIndex];
   char to[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &finder.peer.sin_addr, to, sizeof(to));
   debug_log("%s(), sendto: socket=%d, iReportSocketIndex=%d, len=%d, send_addr=%s\n", "Finderd_send", fd,
             finder.iReportSocketIndex, static_cast<int>(len), to);
+  // Whoever forges such a sender would have the camera call to everybody.
+  if (is_everybody(finder.peer.sin_addr.s_addr, finder.served.ifinfo[finder.iReportSocketIndex])) return 0;
   const ssize_t sent =
       sendto(fd, buf, len, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&finder.peer), sizeof(finder.peer));
   if (sent < 0) {

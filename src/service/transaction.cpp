@@ -283,7 +283,12 @@ int run_exchange(DeviceContext& ctx, const Request& request, const char (&server
   Route route{};
   choose_route(ctx, request, server, route);
   char out[max_send_len + 1];
-  const int out_len = fill_send_buffer(request, build_packet(request, route, body, auth), body, out);
+  int out_len = fill_send_buffer(request, build_packet(request, route, body, auth), body, out);
+  if (out_len < 0 && auth.on == 1) {
+    // A challenge that cannot be answered must not end all requests: without credentials there is a new one.
+    auth.on = 0;
+    out_len = fill_send_buffer(request, build_packet(request, route, body, auth), body, out);
+  }
   if (out_len < 0) {
     debug_log("[kestreld] *** request does not fit into its buffer\n");
     return request.no_answer_result;

@@ -17,7 +17,6 @@
 #include "service/post_body.h"
 #include "service/requests.h"
 #include "service/token.h"
-#include "service/xml_value.h"
 #include "support/child.h"
 #include "support/nettle_cipher.h"
 #include "support/sockets.h"
@@ -178,33 +177,6 @@ TEST_F(Service, ABodyThatDoesNotFitIsRefused) {
     put(body, "%s</a>", value);
     EXPECT_EQ(body.fits, std::strlen(value) == 2) << text;
     EXPECT_TRUE(std::string(text).starts_with("123456<a>12")) << text;
-  }
-}
-
-TEST(XmlValue, Table) {
-  struct Row {
-    const char* text;
-    std::size_t size;
-    const char* value;  // null: not found
-  };
-  const Row rows[] = {
-      {"<?xml?>\n<x><ip>\n1\n</ip></x>", 16, "\n1\n"},
-      {"<ip></ip>", 16, ""},
-      {"<ip>123</ip>", 4, "123"},
-      {"<ip>1234</ip>", 4, "123"},
-      {"<ip>1234</ip>", 1, ""},
-      {"", 16, nullptr},
-      {"<ipx>1</ipx>", 16, nullptr},
-      {"<ip>1.2.3.4</ip", 16, nullptr},
-      {"</ip>1.2.3.4<ip>", 16, nullptr},
-      {"</ip><ip>1.2.3.4</ip>", 16, nullptr},
-      {"<ip>1</ip><ip>2</ip>", 16, "1"},
-      {"<IP>1</IP>", 16, nullptr},
-  };
-  for (const Row& row : rows) {
-    char out[16] = "old";
-    EXPECT_EQ(get_xml_value(row.text, "ip", 2, out, row.size), row.value != nullptr ? 1 : 0) << row.text;
-    EXPECT_STREQ(out, row.value != nullptr ? row.value : "old") << row.text;
   }
 }
 

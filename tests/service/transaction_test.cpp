@@ -451,33 +451,6 @@ TEST_F(Transaction, LogOfEachRequest) {
   }
 }
 
-TEST_F(Transaction, AnswersOfTheQueries) {
-  struct Row {
-    const char* plain;  // null: an empty body
-    std::string ip, port, da;
-  };
-  const Row rows[] = {
-      {"<ext_ip>198.51.100.1</ext_ip>\n<ext_port>51000</ext_port>", "198.51.100.1", "51000", "192.0.2.20"},
-      {"<ext_ip>198.51.100.1</ext_ip>", "198.51.100.1", "4444", "192.0.2.20"},
-      {"<ext_port>1</ext_port>", "203.0.113.5", "1", "192.0.2.20"},
-      {"<x><da_eip>192.0.2.99</da_eip></x>", "203.0.113.5", "4444", "192.0.2.99"},
-      {"<da_eip>198.51.100.123456</da_eip>", "203.0.113.5", "4444", "198.51.100.1234"},
-      {"<ext_ip>no address of any kind</ext_ip><ext_port>1234567</ext_port>", "no address of a", "12345", "192.0.2.20"},
-      {"</ext_ip>1<ext_ip><ext_port>2</ext_porter>", "203.0.113.5", "4444", "192.0.2.20"},
-      {"", "203.0.113.5", "4444", "192.0.2.20"},
-      {nullptr, "203.0.113.5", "4444", "192.0.2.20"},
-  };
-  for (const Row& row : rows) {
-    start();
-    const FakeResponse response{.body = row.plain != nullptr ? seal(row.plain) : ""};
-    EXPECT_EQ(exchange(subjects[eip], response), 1);
-    EXPECT_EQ(exchange(subjects[daip], response), 1);
-    EXPECT_EQ(ctx.e.ip, row.ip);
-    EXPECT_EQ(ctx.e.port, row.port);
-    EXPECT_EQ(ctx.da_ip, row.da);
-  }
-}
-
 TEST_F(Transaction, ConnectBackTestsTheAddressThatMayBeReached) {
   struct Row {
     const char *ue_ip, *ue_port, *tested, *line;

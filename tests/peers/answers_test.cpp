@@ -1,0 +1,273 @@
+// What a bad service or whoever stands in its place may answer to each of the seven requests, once and again and again,
+// until it is well: through the host's HTTP packets, over loopback.
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+
+#include "fake_platform/fixture.h"
+#include "service/exchange_watch.h"
+#include "service/requests.h"
+#include "support/nettle_cipher.h"
+#include "support/peer.h"
+
+namespace kestrel {
+
+namespace {
+
+using Text = std::string;
+
+enum Outcome { unanswered, challenged, taken, refused };
+constexpr int bytes = -99;  // a result that is the number of bytes sent
+
+const Text ok = "HTTP/1.1 200 OK\r\n", whole = ok + "Content-Length: #\r\n\r\n@", n2 = "\r\n\r\n";
+const Text pieces = ok + "Transfer-Encoding: chunked\r\n\r\n";
+const Text digest = "HTTP/1.1 401 No\r\nContent-Length: 0\r\nWWW-Authenticate: ";
+const Text good = "198.51.100.7", marked = "<@>198.51.100.7</@>";
+
+Text many(std::size_t count, const Text& text) {
+  return count == 0 ? "" : text + many(count - 1, text);
+}
+
+Peer::Script drips(const Text& text) {
+  return drip(text, 100);
+}
+Peer::Script stays(const Text& text) {
+  return hold(say(text));
+}
+Peer::Script drips_on(const Text& text) {
+  return hold(drip(text, 10'000));
+}
+/// What stands behind the bar again and again.
+Peer::Script floods(const Text& text) {
+  return [at = text.find('|'), text](int fd) {
+    const timeval patience{0, 200'000};  // some requests leave their socket open, and read no more of it
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    Text more = text.substr(0, at);
+    for (int i = 0; i < 50'000 && send(fd, more.data(), more.size(), MSG_NOSIGNAL) >= 0; ++i)
+      more = text.substr(at + 1);
+  };
+}
+
+struct Kind {
+  const char* what;
+  Outcome outcome = taken;
+  Text text = whole;  // @ stands for the enciphered body, # for its length, #x for that in hexadecimal
+  Peer::Script (*manner)(const Text&) = say;
+  Text plain = marked;               // the body laid open; @ stands for a tag
+  std::optional<Text> value = good;  // what is stored; nothing: it stays as it was
+};
+
+// clang-format off
+const Kind kinds[] = {
+    // In every odd form.
+    {"drip", taken, whole, drips},
+    {"names in small letters", taken, ok + "content-length:#\r\n\r\n@"},
+    {"HTTP/1.0, to the end", taken, "HTTP/1.0 200 OK\r\n\r\n@"},
+    {"no reason, no blank", unanswered, "HTTP/1.1 200\r\nContent-Length: #\r\n\r\n@"},
+    {"folded field", taken, ok + "X: a\r\n  b\r\nContent-Length: #\r\n\r\n@"},
+    {"interim answers", taken, "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nLink: x\r\n\r\n" + whole},
+    {"more behind it", taken, whole + "HTTP/1.1 404 No" + many(500, "x")},
+    {"chunks", taken, pieces + "#x\r\n@\r\n0\r\n\r\n"},
+    {"chunks, zeros, extension, trailer", taken, pieces + "000#x;a=\"b\"\r\n@\r\n00;c\r\nX: Content-Length: 5\r\n\r\n"},
+    {"both lengths alike", taken, ok + "Content-Length: #\r\nContent-Length: #\r\n\r\n@"},
+    {"bare line feeds", unanswered, "HTTP/1.1 200 OK\nContent-Length: #\n\n@"},
+    {"empty line first", unanswered, "\r\n" + whole},
+    {"chunks and a length", unanswered, ok + "Content-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n#x\r\n@\r\n0\r\n\r\n"},
+    // In every wrong form.
+    {"nothing", unanswered, ""},
+    {"reset", unanswered, "", reset_after},
+    {"reset in the body", unanswered, ok + "Content-Length: 5000\r\n\r\n@", reset_after},
+    {"TLS", unanswered, Text("\x15\x03\x03\0\2\2\x28", 7)},
+    {"binary", unanswered, Text("\0\xff\x1b[2J%n%s\r\n\r\n", 14)},
+    {"status of letters", unanswered, "HTTP/1.1 2x0 OK\r\n\r\n@"},
+    {"status 0", unanswered, "HTTP/1.1 000 OK\r\n\r\n@"},
+    {"another version", unanswered, "HTTP/2.y 200 OK\r\n\r\n@"},
+    {"no colon", unanswered, ok + "Content-Length #\r\n\r\n@"},
+    {"zero byte in the head", unanswered, ok + Text("X: \0\r\n\r\n@", 9)},
+    {"head too long", unanswered, ok + "X: " + Text(20000, 'x') + n2 + "@"},
+    {"lengths that differ", unanswered, ok + "Content-Length: 3\r\nContent-Length: #\r\n\r\n@"},
+    {"length below zero", unanswered, ok + "Content-Length: -1\r\n\r\n@"},
+    {"length beyond 64 bits", unanswered, ok + "Content-Length: 18446744073709551617\r\n\r\n@"},
+    {"length too large", unanswered, ok + "Content-Length: 99999999\r\n\r\n@"},
+    {"cut", unanswered, ok + "Content-Length: 5000\r\n\r\n@"},
+    {"chunk cut", unanswered, pieces + "ffff\r\n@"},
+    {"chunks without the last", unanswered, pieces + "#x\r\n@\r\n"},
+    {"chunk longer than it says", unanswered, pieces + "3\r\n@\r\n0\r\n\r\n"},
+    {"chunk size beyond 64 bits", unanswered, pieces + "10000000000000003\r\n@\r\n0\r\n\r\n"},
+    {"flood of head", unanswered, ok + "|X: y\r\n", floods},
+    {"flood of interim answers", unanswered, "|HTTP/1.1 100 Continue\r\n\r\n", floods},
+    {"flood of body", unanswered, pieces + "|1\r\nA\r\n", floods},
+    {"silent", unanswered, "", stays},
+    {"drip for ever", unanswered, Text(1000, 'x'), drips_on},
+    {"stops in the body", unanswered, ok + "Content-Length: 5000\r\n\r\n@", stays},
+    {"stops in a chunk", unanswered, pieces + "ffff\r\n@", stays},
+    // Other statuses.
+    {"302", refused, "HTTP/1.1 302 No\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n"},
+    {"404", refused, "HTTP/1.1 404 No\r\nContent-Length: #\r\n\r\n@"},
+    {"407", refused, "HTTP/1.1 407 No\r\nProxy-Authenticate: Digest realm=\"p\", nonce=\"p\"\r\nContent-Length: 0\r\n\r\n"},
+    // Challenges.
+    {"401 without a challenge", challenged, "HTTP/1.1 401 No\r\n\r\n"},
+    {"empty", challenged, digest + "Digest" + n2},
+    {"another algorithm", challenged, digest + "Digest realm=\"r\", nonce=\"n\", algorithm=SHA-256, qop=\"auth-int\"" + n2},
+    {"no nonce", challenged, digest + "Digest realm=\"r\", qop=\"auth\"" + n2},
+    {"twenty", challenged, digest + many(20, "Digest realm=\"r\", nonce=\"n\", ") + n2},
+    {"over-long texts", challenged, digest + "Digest realm=\"" + Text(1500, 'r') + "\", nonce=\"" + Text(1500, 'n') +
+        "\", algorithm=" + Text(1500, 'a') + ", qop=\"" + many(100, "auth-int,") + "\"" + n2},
+    {"texts for a shell and a format", challenged, digest + "Digest realm=\"$(reboot)`x`;%n%s\", nonce=\"';%99999d\"" + n2},
+    {"control characters", challenged, digest + "Digest realm=\"a\tb\x80\", nonce=\"n\tn\"" + n2},
+    // Values.
+    {.what = "no body", .text = ok + "Content-Length: 0" + n2, .value = {}},
+    {.what = "empty", .plain = "<@></@>", .value = ""},
+    {.what = "missing", .plain = "<x>1</x>", .value = {}},
+    {.what = "unclosed", .plain = "<@>1", .value = {}},
+    {.what = "crossed", .plain = "</@>1<@>", .value = {}},
+    {.what = "crossed, and another", .plain = "</@><@>1</@>", .value = {}},
+    {.what = "two", .plain = "<@>1</@><@>2</@>", .value = "1"},
+    {.what = "nested", .plain = "<@><@>1</@></@>", .value = "<@>1"},
+    {.what = "over-long", .plain = "<@>" + Text(9000, '9') + "</@>", .value = Text(9000, '9')},
+    {.what = "binary", .plain = "<@>\x01\xff\r\n\x1b[2J</@>", .value = "\x01\xff\r\n\x1b[2J"},
+    {.what = "for a shell and a format", .plain = "<@>%n%s$(reboot)`x`</@>", .value = "%n%s$(reboot)`x`"},
+    {.what = "zero byte inside", .plain = Text("<@>1\0</@>", 9), .value = {}},
+};
+// clang-format on
+
+Text replaced(Text text, const Text& from, const Text& to) {
+  for (std::size_t at = 0; (at = text.find(from, at)) != text.npos; at += to.size()) text.replace(at, from.size(), to);
+  return text;
+}
+
+struct Asked {
+  const char* name;
+  int (*send)(DeviceContext& ctx, char* verdict);
+  std::initializer_list<int> reads = {};  // which of the four fields
+  int unanswered = 0, refused = bytes;
+};
+
+const Asked requests[] = {
+    {"data server", [](DeviceContext& ctx, char*) { return srv_get_daip(&ctx); }, {0}},
+    {"address", [](DeviceContext& ctx, char*) { return srv_get_eip(&ctx); }, {1, 2}},
+    {"update", [](DeviceContext& ctx, char*) { return srv_update(&ctx, nullptr, &ctx.auth_info); }},
+    {"connect-back", [](DeviceContext& ctx, char*) { return srv_connectback(&ctx); }},
+    {"alias", [](DeviceContext& ctx, char* verdict) { return srv_alias(&ctx, "yard", verdict); }, {3}},
+    {"switch", [](DeviceContext& ctx, char*) { return srv_enable_dev_account(&ctx, 1, &ctx.auth_info); }, {}, 3, 3},
+    {"report", [](DeviceContext& ctx,
+                  char*) { return conn_report(&ctx, &ctx.auth_info, Text(first_connection_len, '\0').data()); }},
+};
+
+long descriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
+class Camera {
+ public:
+  explicit Camera(const Asked& asked) : asked_(asked) {
+    begin_record(ctx_, peer_);
+    copy_text(ctx_.ue.port, "51000");
+  }
+
+  /// The peer is bad once, is well, is bad three times, and well again.
+  void suffer(const Kind& kind) {
+    const bool slow = kind.manner == stays || kind.manner == drips_on;  // ended by the shorter limit of a daemon's end
+    for (const int times : {1, 3}) {
+      for (int i = 0; i < (slow ? 1 : times); ++i) attempt(kind, slow ? 0 : 1);
+      const Text fresh = "Digest realm=\"fresh\", nonce=\"fresh\", algorithm=MD5, qop=\"auth\"";
+      attempt({"fresh challenge", challenged, digest + fresh + n2}, 1);
+      const Text request = attempt({"well again"}, 1);
+      EXPECT_NE(request.find("\"HID00001\", realm=\"fresh\", qop=\"auth\", algorithm=\"MD5\""), request.npos)
+          << request;
+      EXPECT_NE(request.find("nonce=\"fresh\", nc=00000002"), request.npos) << request;
+    }
+  }
+
+ private:
+  /// One exchange. The request as the peer read it.
+  Text attempt(const Kind& kind, unsigned run) {
+    SCOPED_TRACE(Text(asked_.name) + ": " + kind.what);
+    Text body = "123456";
+    for (const Field& field : fields_) {
+      body += replaced(kind.plain, "@", field.tag);
+      copy_text(field.text, field.size, "was");
+    }
+    body = nettle_cipher::seal(body);
+    char hex[20];
+    format_text(hex, sizeof(hex), "%zX", body.size());
+    const Text head = replaced(replaced(kind.text, "#x", hex), "#", std::to_string(body.size()));
+    ctx_.run = run;
+    const DeviceContext before = ctx_;
+    int result = -1;
+    double took_s = 0;
+    const Text request = peer_.serve(kind.manner(replaced(head, "@", body)),
+                                     [&] { took_s = seconds_of([&] { result = asked_.send(ctx_, verdict_); }); });
+    EXPECT_LT(took_s, 10);  // an answer may take 30
+    const int expected[] = {asked_.unanswered, request_challenged, request_ok, asked_.refused};
+    EXPECT_EQ(result, expected[kind.outcome] == bytes ? static_cast<int>(request.size()) : expected[kind.outcome]);
+    check(before, kind);
+    EXPECT_LE(descriptors(), descriptors_ + 1);  // of a request that leaves its socket to the next one
+    return request;
+  }
+
+  /// Nothing of the record has changed but what the outcome allows.
+  void check(DeviceContext before, const Kind& kind) {
+    for (int i = 0; i < 4; ++i) {
+      const bool stored = kind.outcome == taken && kind.value && std::ranges::count(asked_.reads, i) > 0;
+      EXPECT_EQ(fields_[i].text,
+                stored ? replaced(*kind.value, "@", fields_[i].tag).substr(0, fields_[i].size - 1) : "was");
+    }
+    AuthenticateInfo& auth = before.auth_info;
+    const AuthenticateInfo& now = ctx_.auth_info;
+    if (kind.outcome == challenged) {
+      EXPECT_EQ(now.on, 1U);
+      auth = now;  // but for the account
+      copy_text(auth.user, "HID00001");
+      copy_text(auth.pass, "secret");
+    }
+    auth.nc = now.nc;
+    copy_text(auth.method, now.method);
+    std::memcpy(auth.uri, now.uri, sizeof(now.uri) + sizeof(now.cnonce) + sizeof(now.response));
+    before.e = ctx_.e;
+    copy_text(before.da_ip, ctx_.da_ip);
+    EXPECT_EQ(std::memcmp(&before, &ctx_, sizeof(ctx_)), 0) << "another field of the record";
+  }
+
+  struct Field {
+    const char* tag;
+    char* text;
+    std::size_t size;
+  };
+
+  const Asked& asked_;
+  Peer peer_;
+  DeviceContext ctx_;
+  char verdict_[verdict_len] = "";
+  const Field fields_[4] = {{"da_eip", ctx_.da_ip, ip_len},
+                            {"ext_ip", ctx_.e.ip, ip_len},
+                            {"ext_port", ctx_.e.port, port_len},
+                            {"ahret", verdict_, verdict_len}};
+  const long descriptors_ = descriptors() + 1;  // the watch has one
+};
+
+TEST(Answers, EachHasItsResultAndLeavesNothingBehind) {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::vector<pid_t> children;  // side by side: some of it is waiting
+  for (const Asked& asked : requests) {
+    children.push_back(fork());
+    if (children.back() != 0) continue;
+    fake.first_connection = "<fc>1</fc>";
+    Camera camera(asked);
+    for (const Kind& kind : kinds) camera.suffer(kind);
+    std::fflush(nullptr);
+    _exit(HasFailure() ? 1 : 0);
+  }
+  for (const pid_t child : children) {
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+}
+
+}  // namespace
+
+}  // namespace kestrel

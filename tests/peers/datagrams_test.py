@@ -1,0 +1,149 @@
+#!/usr/bin/env python3
+"""Datagrams of every bad kind, forged where need be, to the finder of a real daemon: while each comes, honest surveys
+stay answered. usage: datagrams_test.py BUILD; 77 where namespaces can't be made"""
+import base64
+import os
+import random
+import socket
+import struct
+import sys
+import threading
+import time
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
+from lab import camera as cam, world  # noqa: E402
+
+PORT, CAMERA, PC, ALL = 62977, "10.1.0.1", "10.1.0.2", "255.255.255.255"
+PC_MAC, MAC, EVERYBODY = bytes.fromhex("024b52000002"), bytes.fromhex(cam.MAC.replace(":", "")), b"\xff" * 6
+
+
+def ask(opcode, payload=b"", mac=MAC, length=None):
+    return struct.pack("<HHH6s8xH", 0xFDFD, 7, opcode, mac, len(payload) if length is None else length) + payload
+
+
+def as_user(password, opcode=0xA5):
+    return ask(opcode, base64.b64encode(b"admin").ljust(64, b"\0") + base64.b64encode(password).ljust(64, b"\0"))
+
+
+def frame(data, source=PC, port=50001, to=CAMERA, offset=0, surplus=0):
+    """An Ethernet frame with a datagram in it; `surplus` is what UDP says too much, `offset` a fragment's word."""
+    udp = struct.pack("!HHHH", port, PORT, 8 + len(data) + surplus, 0) + data
+    head = [0x4500, 20 + len(udp), random.getrandbits(16), offset, 0x4011, 0,
+            *struct.unpack("!4H", socket.inet_aton(source) + socket.inet_aton(to))]
+    head[5] = 0xFFFF - (sum(head) % 0xFFFF)
+    return (EVERYBODY if to == ALL else MAC) + PC_MAC + b"\x08\0" + struct.pack("!10H", *head) + udp
+
+
+SURVEY, ANY = ask(0xA1, mac=EVERYBODY), range(1501 - 28)
+CHECKS = -1  # as many replies as there may be checks of passwords
+# What comes, how often a second, and how many replies go out.
+KINDS = [
+    ("own reply, back", 1000, lambda: [frame(REPLY, port=PORT)] * 20, 0),
+    ("own reply as a request", 1000, lambda: [frame(b"\xfd\xfd" + REPLY[2:], port=PORT)] * 20, 20),
+    ("from port 0", 1000, lambda: [frame(SURVEY, port=0)] * 20, 0),
+    ("from an echo service", 1000, lambda: [frame(SURVEY, port=7)] * 20, 20),
+    ("from the finder's port", 1000, lambda: [frame(SURVEY, port=PORT)] * 20, 20),
+    ("from the camera itself", 1000, lambda: [frame(SURVEY, CAMERA, PORT)] * 20, 0),
+    ("from loopback", 1000, lambda: [frame(SURVEY, "127.0.0.1", PORT)] * 20, 0),
+    ("from broadcast", 1000, lambda: [frame(SURVEY, source) for source in ("10.1.0.255", "10.1.0.0", ALL)] * 10, 0),
+    ("from a group", 1000, lambda: [frame(SURVEY, "239.1.2.3")] * 20, 0),
+    ("from nowhere to everybody", 1000, lambda: [frame(SURVEY, "0.0.0.0", PORT, ALL)] * 20, 0),
+    ("from absent neighbours", 200, lambda: [frame(SURVEY, f"10.1.0.{10 + i % 200}") for i in range(500)], 0),
+    ("from 1,000 sources", 1000, lambda: [frame(SURVEY, f"10.2.{i // 250}.{i % 250 + 1}", i + 1) for i in range(1000)], 1000),
+    ("zeros of every length", 5000, lambda: [frame(b"\0" * n) for n in ANY], 0),
+    ("surveys of every length", 5000, lambda: [frame(ask(0xA1, b"x" * n, EVERYBODY)) for n in ANY[:-22]], 1003),
+    ("lengths that lie", 5000, lambda: [frame(ask(0xA1, b"x" * n, EVERYBODY, n + 1)) for n in ANY[:-22]], 0),
+    ("noise", 5000, lambda: [frame(random.randbytes(n)) for n in ANY], 0),
+    ("every length without a password", 20000, lambda: [frame(ask(0xA5, b"\xff" * n)) for n in ANY[:-22]] * 7, CHECKS),
+    ("every kind of question", 20000, lambda: [frame(ask(n)) for n in range(0x10000) if n not in (0xD1, 0x102, 0x105)][::6], CHECKS),
+    ("wrong passwords", 20000, lambda: [frame(as_user(b"%d" % n)) for n in range(10000)], CHECKS),
+    ("a right one, again and again", 20000, lambda: [frame(as_user(b"admin"))] * 10000, CHECKS),
+    ("fragments without an end", 5000, lambda: [frame(SURVEY, offset=0x2000)] * 1000, 0),
+    ("longer than they are", 5000, lambda: [frame(SURVEY, surplus=40)] * 20, 0),
+]
+
+
+class Lan:
+    """The PC's end of the cable: sends frames, and counts replies that do not go to the honest tool."""
+
+    def __init__(self, pc):
+        with pc.inside():
+            self.wire = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+            self.wire.bind(("a", 0x0800))
+            self.honest, self.echo = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
+        self.honest.connect((CAMERA, PORT))
+        self.honest.settimeout(1)
+        self.echo.bind(("", 7))
+        self.replies = 0
+        for work in (self.count, self.send_back):
+            threading.Thread(target=work, daemon=True).start()
+
+    def count(self):
+        own = self.honest.getsockname()[1]
+        while True:
+            data = self.wire.recv(2048).ljust(64)
+            source, port = struct.unpack_from("!HH", data, 34)
+            self.replies += (data[6:12], source, data[42:44]) == (MAC, PORT, b"\xee\xfe") and port != own
+
+    def send_back(self):
+        while True:
+            self.echo.sendto(*self.echo.recvfrom(2048))
+
+    def send(self, frames, rate):
+        start = time.monotonic()
+        for index, data in enumerate(frames):
+            if (early := start + index / rate - time.monotonic()) > 0:
+                time.sleep(early)
+            self.wire.send(data)
+
+    def ask(self, datagram=SURVEY):
+        try:
+            self.honest.send(datagram)
+            return self.honest.recv(2048)
+        except OSError:
+            return b""
+
+    def suffer(self, what, rate, make, expected):
+        frames, lost, tries = make(), 0, 0
+        self.replies, start = 0, time.monotonic()
+        sender = threading.Thread(target=self.send, args=(frames, rate))
+        sender.start()
+        while sender.is_alive() or tries < 3:
+            lost, tries = lost + (not self.ask()), tries + 1
+            time.sleep(0.02)
+        time.sleep(0.1)
+        took = time.monotonic() - start
+        least, most = (1, 21 + 10 * took) if expected == CHECKS else (expected * 0.98, expected)
+        print(f"{what}: {len(frames)} in {took:.1f} s, {self.replies} replies; {lost} of {tries} honest surveys lost", flush=True)
+        return least <= self.replies <= most and lost <= max(1, tries / 20)
+
+
+def body():
+    global REPLY
+    world.show_build(Path(sys.argv[1]).resolve())
+    machine, pc = world.Node("camera"), world.Node("pc")
+    world.link(machine, "eth0", pc, "a", cam.MAC)
+    pc.run("ip", "link", "set", "dev", "a", "address", PC_MAC.hex(":"))
+    machine.address("eth0", f"{CAMERA}/24")
+    pc.address("a", f"{PC}/24")
+    machine.route(PC)
+    machine.run("sysctl", "-qw", "net.ipv4.conf.all.rp_filter=0", "net.ipv4.conf.eth0.rp_filter=0")
+    camera = cam.Camera(machine, "10.1.0.200", "eth0", network="active_interface=eth0")
+    camera.start()
+    lan, end = Lan(pc), time.monotonic() + 10
+    while not (REPLY := lan.ask()):
+        assert time.monotonic() < end, camera.said()
+        time.sleep(0.05)
+    bad = [kind[0] for kind in KINDS if not lan.suffer(*kind)]
+    time.sleep(0.3)  # three checks of passwords
+    if lan.ask(as_user(b"admin"))[16:18] != b"\0\0":
+        bad.append("the administrator is not served")
+    if len(os.listdir(f"/proc/{camera.process.pid}/fd")) > 9:  # five, and those of an exchange with the service
+        bad.append("descriptors")
+    print(camera.end() or "the daemon ended in order", *bad, sep="\n")
+    return 1 if bad else 0
+
+
+if __name__ == "__main__":
+    sys.exit(world.enter(body, longest_s=110))
