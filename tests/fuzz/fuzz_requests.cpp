@@ -1,0 +1,34 @@
+// What the bench service reads of a request: the Authorization header (first line of the input) and the body.
+#include <algorithm>
+
+#include "../../skyport/cipher.h"
+#include "../../skyport/digest.h"
+#include "fuzz.h"
+#include "support/nettle_cipher.h"
+
+Texts fuzz_seeds() {
+  const std::string fields = R"(username="HID00001", realm="sky", nonce="ab", uri="/ext.html", qop=auth, nc=00000001)";
+  return {"Digest " + fields + "\n" + nettle_cipher::seal("012345<?xml version=\"1.0\"?>\n<ldev>\n</ldev>\n"),
+          "Digest realm=\"a \\\"q\\\" , b\" , NC = 1\n" + nettle_cipher::seal(std::string("999999<a/>\0\0\0", 13)),
+          "Basic YTpi\n" + nettle_cipher::seal("12345x<ldev>")};
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string input = text_of(data, size), header = input.substr(0, input.find('\n'));
+  skyport::Credentials fields;
+  if (skyport::parse_authorization(header, fields)) {
+    require(header.size() > 6 && (header[0] | 0x20) == 'd', "only Digest is taken");
+    for (const auto& [name, value] : fields) {
+      require(!name.empty() && std::ranges::none_of(name, [](char c) { return c >= 'A' && c <= 'Z'; }), "lower case");
+      require(value.size() <= header.size(), "a value stands in the header");
+    }
+  }
+  const std::string text = input.substr(std::min(header.size() + 1, input.size()));
+  const skyport::RequestBody body = skyport::decode_request(text);
+  if (!body.error.empty()) return 0;
+  const std::string read = body.digits + body.xml, plain = nettle_cipher::unseal(text);
+  require(body.digits.size() == 6 && body.digits.find_first_not_of("0123456789") == read.npos, "six digits");
+  require(plain.starts_with(read) && plain.size() - read.size() < 8, "the body is what was sent");
+  require(plain.find_first_not_of('\0', read.size()) == plain.npos, "nothing but zeros behind it");
+  return 0;
+}
