@@ -18,8 +18,8 @@ PORT, CAMERA, PC, ALL = 62977, "10.1.0.1", "10.1.0.2", "255.255.255.255"
 PC_MAC, MAC, EVERYBODY = bytes.fromhex("024b52000002"), bytes.fromhex(cam.MAC.replace(":", "")), b"\xff" * 6
 
 
-def ask(opcode, payload=b"", mac=MAC, length=None):
-    return struct.pack("<HHH6s8xH", 0xFDFD, 7, opcode, mac, len(payload) if length is None else length) + payload
+def ask(opcode, payload=b"", mac=MAC, length=None, tag=7):
+    return struct.pack("<HHH6s8xH", 0xFDFD, tag, opcode, mac, len(payload) if length is None else length) + payload
 
 
 def as_user(password, opcode=0xA5):
@@ -104,6 +104,15 @@ class Lan:
         except OSError:
             return b""
 
+    def settle(self):
+        """Until all that was sent is worked off: what is asked last is answered last."""
+        self.honest.settimeout(10)
+        self.honest.send(ask(0xA1, mac=EVERYBODY, tag=8))
+        while self.honest.recv(2048)[2:4] != b"\x08\0":
+            pass
+        self.honest.settimeout(1)
+        time.sleep(0.1)
+
     def suffer(self, what, rate, make, expected):
         frames, lost, tries = make(), 0, 0
         self.replies, start = 0, time.monotonic()
@@ -112,9 +121,9 @@ class Lan:
         while sender.is_alive() or tries < 3:
             lost, tries = lost + (not self.ask()), tries + 1
             time.sleep(0.02)
-        time.sleep(0.1)
+        self.settle()
         took = time.monotonic() - start
-        least, most = (1, 21 + 10 * took) if expected == CHECKS else (expected * 0.98, expected)
+        least, most = (1, 21 + 10 * took) if expected == CHECKS else (expected * 0.97, expected)
         print(f"{what}: {len(frames)} in {took:.1f} s, {self.replies} replies; {lost} of {tries} honest surveys lost", flush=True)
         return least <= self.replies <= most and lost <= max(1, tries / 20)
 
