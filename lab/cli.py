@@ -10,7 +10,7 @@ import sys
 import time
 from pathlib import Path
 
-from lab import world
+from lab import window, world
 from lab.control_point import Refused
 from lab.follower import Failed
 from lab.scenarios import SCENARIOS
@@ -78,7 +78,7 @@ def _play_one(name: str, options: argparse.Namespace, build: Path) -> int:
     kept = (options.keep_log or build / "lab" / name).resolve()
     speed = 1 if options.real_time or options.here else options.speed or scenario.speed
     scene_options = Options(speed=speed, kept=kept, watch=options.watch,
-                            register_within_s=options.within)
+                            register_within_s=options.within, window=window.frame() if options.watch else None)
     if options.here:
         return _play_here(scenario, scene_options, build)
     return world.enter(lambda: _play(scenario, scene_options, build), longest_s=0 if options.watch else _LONGEST_S)
@@ -139,6 +139,8 @@ def _tell(scenario, options: Options) -> int:
     scene.account.title(f"{scenario.name}: {scenario.text}")
     if options.speed != 1:
         scene.account.plain(f"The camera's clock runs {options.speed:g} times as fast; times are the camera's.")
+    if options.window:
+        scene.account.plain(f"The bench service's page: {window.url(options.window)}")
     try:
         scenario.play(scene)
         scene.finish()

@@ -1,11 +1,13 @@
 """The machines of a scene: who is where, with which address, and how they are joined."""
 
+import socket
 from dataclasses import dataclass
 from pathlib import Path
 
 from lab import camera as cam
 from lab.router import Router
 from lab.service import Service
+from lab.window import look_into
 from lab.world import Node, ThisMachine, link
 
 SERVICE = "5.4.3.2"
@@ -23,6 +25,7 @@ class Options:
     machine: ThisMachine | None = None  # for the scene that uses the loopback interface
     kept: Path | None = None  # where the full log goes
     watch: bool = False  # stay until Ctrl-C when all is shown
+    window: socket.socket | None = None  # of this machine, where the page of the service is to be seen
     register_within_s: float = 0  # 0: as long as the scenario allows
 
 
@@ -46,6 +49,8 @@ class Stage:
         self.internet.run("sysctl", "-qw", "net.ipv4.ip_forward=1")
         self.service = Service(self.internet, [cam.HID, cam.SECOND_HID], list(options))
         self.service.start()
+        if self.options.window:
+            look_into(self.options.window, self.internet)
 
     def home(self, outside: str = OUTSIDE, isp: str = ISP, behind: Node | None = None,
              isp_interface: str = "isp") -> None:

@@ -14,7 +14,7 @@ import sys
 from pathlib import Path
 
 from lab import camera as cam
-from lab import world
+from lab import window, world
 from lab.cli import find_build
 from lab.scene import Scene
 from lab.stage import SERVICE, Options
@@ -39,6 +39,7 @@ def up(argv: list[str]) -> int:
     except OSError:
         print("lab/up: the lab is up already; lab/enter goes in, lab/down ends it", file=sys.stderr)
         return 1
+    options = Options(window=window.frame())
     told, tell = os.pipe()
     if os.fork() == 0:
         os.close(told)
@@ -47,7 +48,7 @@ def up(argv: list[str]) -> int:
         null = os.open(os.devnull, os.O_RDWR)
         for stream, place in ((0, null), (1, null), (2, tell)):
             os.dup2(place, stream)
-        os._exit(world.enter(lambda: _stand(build, tell), door=door))
+        os._exit(world.enter(lambda: _stand(build, options, tell), door=door))
     os.close(tell)
     text = _read_until_end(told)
     stands = text.endswith(_STANDS)
@@ -55,9 +56,9 @@ def up(argv: list[str]) -> int:
     return 0 if stands else world.SKIPPED if "can't be" in text else 1
 
 
-def _stand(build: Path, tell: int) -> int:
+def _stand(build: Path, options: Options, tell: int) -> int:
     world.show_build(build)
-    scene = Scene(Options())
+    scene = Scene(options)
     scene.start_service()
     scene.home()
     scene.router.start_upnp()
@@ -68,6 +69,7 @@ The lab is up: {", ".join(_NODES)}. In them the build is at {world.BUILD}.
    lab/enter camera tail -F /tmp/kestreld_log.txt    read its log, meanwhile
    lab/enter router nft list table inet home         see the router's table
    lab/enter internet bash                           a shell; the service's status is at 127.0.0.1:8089
+   {window.url(options.window)}                         the service's page, for a browser on this machine
    lab/down                                          end it
 {_STANDS}""".encode())
     null = os.open(os.devnull, os.O_WRONLY)

@@ -10,7 +10,7 @@ build_packages=(
 # What the lab's namespaces and its router take; libfaketime speeds the scenarios up.
 lab_packages=(python3 iproute2 util-linux procps psmisc nftables miniupnpd-nftables libfaketime)
 # What the checks of style and the tests take beside these.
-check_packages=(clang-format clang-tidy shellcheck mandoc binutils tinyproxy tshark)
+check_packages=(clang-format clang-tidy shellcheck mandoc binutils tinyproxy tshark chromium chromium-driver)
 export build_packages lab_packages check_packages
 
 # say WORDS: one line for the person at the terminal, on standard error.

@@ -11,9 +11,9 @@ RequestBody decode_request(std::string_view base64) {
   RequestBody body;
   const service_cipher::Unbase64 sealed = service_cipher::read_base64(base64);
   // The wire carries no blanks, which the reader passes over.
-  if (sealed.cut || sealed.bad_at != std::string::npos ||
-      base64.find_first_of(" \t\r\n\v\f") != std::string_view::npos) {
-    body.error = "body is not base64";
+  const size_t bad_at = std::min(sealed.bad_at, base64.find_first_of(" \t\r\n\v\f"));
+  if (sealed.cut || bad_at != std::string::npos) {
+    body.error = "body is not base64 at byte " + std::to_string(std::min(bad_at, base64.size()));
     return body;
   }
   const std::string plain = service_cipher::cfb8(false, service_cipher::service_key, sealed.raw);

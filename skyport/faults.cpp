@@ -101,6 +101,10 @@ bool parse_fault(std::string_view spec, Fault& out, std::string& error) {
     error = quoted + "is not PATH:KIND[=ARG][@WHEN][*COUNT]";
     return false;
   }
+  if (out.path != "*" && std::ranges::none_of(request_paths, [&](const char* path) { return out.path == path; })) {
+    error = quoted + "names a path that is not served; * names all";
+    return false;
+  }
   std::string_view rest = spec.substr(colon + 1);
   if (!take_count(rest, out.left)) {
     error = quoted + "has a count of 0";
@@ -143,6 +147,15 @@ std::string fault_text(const Fault& fault) {
   return text;
 }
 
+std::vector<FaultChoice> fault_choices() {
+  constexpr const char* arguments[] = {"none", "number", "text", "maybe text"};
+  std::vector<FaultChoice> choices;
+  for (const KindRow& row : kinds)
+    choices.push_back(
+        {row.name, arguments[static_cast<size_t>(row.argument)], row.least, row.most, row.usual, row.when_free});
+  return choices;
+}
+
 bool fault_prevents_work(FaultKind kind) {
   return kind != FaultKind::none && row_of(kind).prevents_work;
 }
@@ -157,6 +170,14 @@ bool FaultList::add(const std::vector<Fault>& faults) {
 void FaultList::clear() {
   const std::lock_guard lock(mutex_);
   faults_.clear();
+}
+
+bool FaultList::remove(const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  const auto found = std::ranges::find_if(faults_, [&](const Fault& f) { return fault_text(f) == text; });
+  if (found == faults_.end()) return false;
+  faults_.erase(found);
+  return true;
 }
 
 std::vector<Fault> FaultList::list() {

@@ -47,8 +47,21 @@ struct Fault {
   int64_t left = -1;  // requests that it still strikes; -1: no end
 };
 
-/// Reads one fault. False with a sentence in `error` when it cannot be one.
+/// Reads one fault; its path is one of `request_paths` or "*". False with a sentence in `error` when it cannot be one.
 bool parse_fault(std::string_view spec, Fault& out, std::string& error);
+
+/// The paths that the service serves.
+inline constexpr const char* request_paths[] = {"/daip.html",  "/ext.html",    "/iupd.html",       "/connectbk.html",
+                                                "/alias.html", "/enable.html", "/conn_report.html"};
+
+/// What may be asked of a kind: its argument is "none", "number", "text" or "maybe text".
+struct FaultChoice {
+  const char* name;
+  const char* argument;
+  double least, most, usual;  // of a number; usual < 0: it must be given
+  bool when_free;             // @auth and @challenge may narrow it
+};
+std::vector<FaultChoice> fault_choices();
 
 /// The fault as it would be written, with the count that is left.
 std::string fault_text(const Fault& fault);
@@ -65,6 +78,8 @@ class FaultList {
   /// Adds all of them, or none and false when there would be more than `max_faults`.
   [[nodiscard]] bool add(const std::vector<Fault>& faults);
   void clear();
+  /// Ends the first fault that reads so. False when there is none.
+  [[nodiscard]] bool remove(const std::string& text);
   std::vector<Fault> list();
   /// The first fault that fits, one of its count used up; kind `none` when there is none.
   Fault take(const std::string& path, bool authorized);

@@ -1,4 +1,5 @@
-// HTTP listeners on libmicrohttpd: a thread a connection, bounded in number, size and idle time.
+// HTTP listeners on libmicrohttpd: a thread a connection, bounded in number, size and idle time. What ends without a
+// request that HTTP allows is told, too.
 #ifndef KESTREL_SKYPORT_HTTP_H
 #define KESTREL_SKYPORT_HTTP_H
 
@@ -16,10 +17,13 @@ struct Request {
   Endpoint peer, local;
   std::string method;
   std::string target;  // of the request line, as it stood there
-  std::string host, origin, authorization;
+  std::string host, origin, accept, authorization;
   std::string body;
   int fd = -1;  // the connection's socket, for answers that are not HTTP
 };
+
+/// A body that never ends by itself: waits until there is more, and appends it. False ends it.
+using Stream = std::function<bool(std::string& more)>;
 
 /// What goes back.
 struct Answer {
@@ -27,25 +31,32 @@ struct Answer {
   std::string challenge;  // of WWW-Authenticate; empty: none
   std::string body;
   const char* type = "text/html";
-  bool drop = false;  // the server wrote on the socket by itself, or nothing: close it
+  bool drop = false;             // the server wrote on the socket by itself, or nothing: close it
+  const char* policy = nullptr;  // of Content-Security-Policy; null: none
+  Stream stream = nullptr;       // in place of `body`
 };
 
 /// Called on the connection's thread, by many at once. An exception becomes status 500.
 using Serve = std::function<Answer(const Request&)>;
+/// Told of a connection that ended without a whole request, with what is known of it, and why.
+using Broken = std::function<void(const Request&, const std::string& error)>;
 
 /// A running listener; its destructor closes every connection and waits for their threads, so what
 /// blocks in `serve` must end first.
 class Listener {
  public:
-  /// Takes over the listening socket `fd`. Throws std::runtime_error when the library refuses.
-  Listener(int fd, Serve serve);
+  /// Takes over the listening socket `fd`; `broken` may be empty. At most `max_connections` are served at a time.
+  /// Throws std::runtime_error when the library refuses.
+  Listener(int fd, unsigned max_connections, Serve serve, Broken broken);
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
   Answer serve(const Request& request) const;
+  void broke(const Request& request, const std::string& error) const;
 
  private:
   Serve serve_;
+  Broken broken_;
   MHD_Daemon* daemon_;
 };
 

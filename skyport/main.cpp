@@ -20,6 +20,7 @@ struct Opening {
   const char* name;
   Endpoint endpoint;
   Serve serve;
+  bool for_cameras = true;
 };
 
 /// Opens every listener; `report` gets a line for each. False when one can't be opened.
@@ -31,7 +32,7 @@ bool open_all(Service& service, std::vector<std::unique_ptr<Listener>>& listener
   for (const Endpoint& endpoint : service.settings.listen) openings.push_back({"listen", endpoint, serve_as(false)});
   for (const Endpoint& endpoint : service.settings.relay) openings.push_back({"relay", endpoint, serve_as(true)});
   openings.push_back({"status", service.settings.status,
-                      [&service](const Request& request) { return serve_status(service, request); }});
+                      [&service](const Request& request) { return serve_status(service, request); }, false});
   for (Opening& opening : openings) {
     std::string error;
     const int fd = listen_on(opening.endpoint, error);
@@ -41,7 +42,11 @@ bool open_all(Service& service, std::vector<std::unique_ptr<Listener>>& listener
                    opening.name);
       return false;
     }
-    listeners.push_back(std::make_unique<Listener>(fd, std::move(opening.serve)));
+    const Broken broken = [&service](const Request& request, const std::string& why) {
+      note_broken(service, request, why);
+    };
+    listeners.push_back(std::make_unique<Listener>(fd, service.settings.max_connections, std::move(opening.serve),
+                                                   opening.for_cameras ? broken : nullptr));
     report += std::string("skyport: ") + opening.name + " " + at + "\n";
   }
   return true;

@@ -18,7 +18,7 @@
 namespace skyport {
 namespace {
 
-constexpr int backlog = 128;
+constexpr int backlog = 4096;  // a power cut brings all cameras at once
 constexpr int send_stall_ms = 30000;
 
 std::string error_text(int error) {

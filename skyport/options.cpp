@@ -75,6 +75,14 @@ std::string set_connect_timeout(Settings& s, const std::string& value) {
   return error;
 }
 
+std::string set_max_connections(Settings& s, const std::string& value) {
+  constexpr uint64_t most = 100000;
+  uint64_t number = 0;
+  if (!parse_number(value, most, number) || number == 0) return "is not a number from 1 to 100000";
+  s.max_connections = static_cast<unsigned>(number);
+  return "";
+}
+
 std::string set_nonce_scope(Settings& s, const std::string& value) {
   s.nonce_per_path = value == "path";
   return value == "path" || value == "service" ? "" : "is neither 'service' nor 'path'";
@@ -113,6 +121,7 @@ constexpr OptionRow option_rows[] = {
     {"--nonce-timeout", set_nonce_timeout, "SECONDS", "300", "Life of a nonce"},
     {"--nonce-scope", set_nonce_scope, "service|path", "service", "What one nonce is good for"},
     {"--connect-timeout", set_connect_timeout, "SECONDS", "5", "Limit of a connection back"},
+    {"--max-connections", set_max_connections, "N", "4096", "Connections of a listener at a time; more are refused"},
     {"--alias-taken", set_alias_taken, "NAME", "", "An alias that nobody gets (repeatable)"},
     {"--fault", set_fault, "FAULT", "", "PATH:KIND[=ARG][@WHEN][*COUNT] (repeatable; see the README)"},
 };

@@ -78,9 +78,13 @@ bool continues_utf8(std::string_view text, size_t at, size_t count) {
   return true;
 }
 
-/// What pugixml lets pass and XML forbids: control characters, bytes that are not UTF-8, a bare '&'.
-std::string character_error(std::string_view xml) {
-  for (size_t i = 0; i < xml.size(); ++i) {
+std::string at_byte(size_t offset) {
+  return " at byte " + std::to_string(offset);
+}
+
+/// What pugixml lets pass and XML forbids, and where: control characters, bytes that are not UTF-8, a bare '&'.
+std::string character_error(std::string_view xml, size_t& i) {
+  for (i = 0; i < xml.size(); ++i) {
     const auto c = static_cast<unsigned char>(xml[i]);
     if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') return "a control character";
     if (c >= 0x80) {
@@ -101,12 +105,15 @@ std::string character_error(std::string_view xml) {
 std::string parse_xml(const std::string& xml, pugi::xml_document& document, pugi::xml_node& ldev) {
   if (!xml.starts_with(xml_head)) return "XML does not begin with its declaration and <ldev>";
   if (!xml.ends_with(xml_tail)) return "XML does not end with </ldev>";
-  if (const std::string error = character_error(xml); !error.empty()) return "XML holds " + error;
+  size_t bad_at = 0;
+  if (const std::string error = character_error(xml, bad_at); !error.empty())
+    return "XML holds " + error + at_byte(bad_at);
   const pugi::xml_parse_result result = document.load_buffer(
       xml.data(), xml.size(),
       pugi::parse_default | pugi::parse_declaration | pugi::parse_fragment | pugi::parse_ws_pcdata_single,
       pugi::encoding_utf8);
-  if (!result) return std::string("XML is not well-formed: ") + result.description();
+  if (!result)
+    return std::string("XML is not well-formed: ") + result.description() + at_byte(static_cast<size_t>(result.offset));
   for (const pugi::xml_node node : document) {
     if (node.type() == pugi::node_declaration && node == document.first_child()) continue;
     if (node.type() != pugi::node_element || ldev) return "XML is not well-formed: more than one element at the top";
@@ -351,10 +358,11 @@ Service::Service(Settings wanted, int stop)
       nonces(settings.nonce_timeout_s, settings.nonce_per_path),
       store(settings.database) {
   if (!faults.add(settings.faults)) throw std::runtime_error("too many faults");
-  store.put_aliases(settings.aliases_taken);
+  if (!store.put_aliases(settings.aliases_taken)) throw std::runtime_error("too many aliases");
 }
 
-Answer decide(Service& service, const Request& request, bool relay_only, Exchange& exchange, Fault& fault) {
+Exchange begin_exchange(const Request& request) {
+  Exchange exchange;
   exchange.time = wall_ms();
   exchange.peer = request.peer.address + ":" + std::to_string(request.peer.port);
   exchange.local = request.local.address + ":" + std::to_string(request.local.port);
@@ -363,7 +371,10 @@ Answer decide(Service& service, const Request& request, bool relay_only, Exchang
   exchange.path = target_path(request.target);
   exchange.host = request.host;
   exchange.relay = request.target.starts_with("http://");
+  return exchange;
+}
 
+Answer decide(Service& service, const Request& request, bool relay_only, Exchange& exchange, Fault& fault) {
   const auto* const route =
       std::find_if(std::begin(routes), std::end(routes), [&](const Route& r) { return exchange.path == r.path; });
   if (relay_only && !exchange.relay) return refusal(400, exchange, "a relay needs an absolute URL");

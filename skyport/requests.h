@@ -25,6 +25,7 @@ struct Settings {
   int nonce_timeout_s = 300;
   bool nonce_per_path = false;
   double connect_timeout_s = 5;
+  unsigned max_connections = 4096;  // a listener's
   std::vector<Alias> aliases_taken;
   std::vector<Fault> faults;
 };
@@ -42,7 +43,10 @@ struct Service {
   ExchangeLog exchanges;
 };
 
-/// Decides on a request: credentials, fault, body, work. Fills `exchange` with all of it and `fault`
+/// What a request itself tells of its exchange.
+Exchange begin_exchange(const Request& request);
+
+/// Decides on a request: credentials, fault, body, work. Fills `exchange`, which has begun, with all of it and `fault`
 /// with the one that the caller must apply on the wire. `relay_only`: absolute URLs alone are taken.
 Answer decide(Service& service, const Request& request, bool relay_only, Exchange& exchange, Fault& fault);
 

@@ -141,9 +141,11 @@ unsigned status_on_wire(const Fault& fault, const Answer& answer) {
 }  // namespace
 
 Answer serve_request(Service& service, const Request& request, bool relay_only) {
-  Exchange exchange;
+  Exchange exchange = begin_exchange(request);
   Fault fault;
+  const int64_t begun = steady_ms();
   Answer answer = decide(service, request, relay_only, exchange, fault);
+  exchange.took_ms = steady_ms() - begun;
   exchange.status = status_on_wire(fault, answer);
   if (fault.kind != FaultKind::none) {
     fault.left = -1;
@@ -153,6 +155,12 @@ Answer serve_request(Service& service, const Request& request, bool relay_only) 
   service.exchanges.add(std::move(exchange));
   answer.drop = apply({request.fd, service.stop_fd}, fault, answer);
   return answer;
+}
+
+void note_broken(Service& service, const Request& request, const std::string& error) {
+  Exchange exchange = begin_exchange(request);
+  exchange.error = error;
+  service.exchanges.add(std::move(exchange));
 }
 
 }  // namespace skyport

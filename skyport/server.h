@@ -11,6 +11,9 @@ namespace skyport {
 /// `relay_only`: the listener takes absolute URLs alone.
 Answer serve_request(Service& service, const Request& request, bool relay_only);
 
+/// Records a connection that ended without a whole request.
+void note_broken(Service& service, const Request& request, const std::string& error);
+
 }  // namespace skyport
 
 #endif

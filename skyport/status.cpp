@@ -1,108 +1,51 @@
 #include "status.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "events.h"
+#include "page.h"
+#include "query.h"
+#include "status_json.h"
+#include "text_page.h"
 #include "visitors.h"
 
 namespace skyport {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 Answer json_answer(unsigned status, const Json& json) {
-  // Texts of the wire may hold any bytes; those that are not UTF-8 become U+FFFD.
-  return {status, "", json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n", "application/json"};
+  return {status, "", json_text(json, 2) + "\n", "application/json"};
 }
 
 Answer error_answer(unsigned status, const std::string& error) {
   return json_answer(status, {{"error", error}});
 }
 
-/// A time in both of its forms under `name` and `name`_ms.
-void put_time(Json& json, const Service& service, const std::string& name, int64_t time) {
-  json[name] = iso_time(time);
-  json[name + "_ms"] = time - service.start;
+Answer get_page(Service& service, const Request& request) {
+  // A terminal's client takes anything; a browser asks for HTML by name.
+  if (request.accept.find("text/html") == std::string::npos) return text_page(service);
+  return page_file("/page.html");
 }
 
-template <typename Value>
-void put_reported(Json& json, const Service& service, const std::string& name,
-                  const std::optional<Reported<Value>>& reported) {
-  json[name] = nullptr;
-  if (!reported) return;
-  json[name] = reported->value;
-  put_time(json, service, name + "_time", reported->time);
-}
-
-Json device_json(const Service& service, const Device& device) {
-  Json json{{"hid", device.hid}};
-  put_time(json, service, "seen", device.seen);
-  json["updates"] = device.updates;
-  json["update"] = nullptr;
-  if (device.update) {
-    json["update"] = Json::object();
-    for (const auto& [name, value] : device.update->value) json["update"][name] = value;
-    put_time(json, service, "update_time", device.update->time);
-  }
-  put_reported(json, service, "enabled", device.enabled);
-  put_reported(json, service, "alias", device.alias);
-  put_reported(json, service, "first_connection", device.first_connection);
-  json["connect_back"] = Json::array();
-  for (const ConnectBack& result : device.connect_backs) {
-    Json one;
-    put_time(one, service, "time", result.time);
-    one.update({{"address", result.address},
-                {"port", result.port},
-                {"connected", result.connected},
-                {"took_ms", result.took_ms},
-                {"error", result.error}});
-    json["connect_back"].push_back(one);
-  }
-  return json;
-}
-
-Json exchange_json(const Service& service, const Exchange& e) {
-  Json json{{"id", e.id}};
-  put_time(json, service, "time", e.time);
-  json.update({{"peer", e.peer},
-               {"local", e.local},
-               {"method", e.method},
-               {"path", e.path},
-               {"target", e.target},
-               {"host", e.host},
-               {"relay", e.relay},
-               {"authorized", e.authorized},
-               {"user", e.user},
-               {"nc", e.nc},
-               {"cnonce", e.cnonce},
-               {"uri", e.uri},
-               {"status", e.status},
-               {"digits", e.digits},
-               {"request", e.request},
-               {"answer", e.answer},
-               {"fault", e.fault},
-               {"error", e.error}});
-  return json;
-}
-
-Answer get_devices(Service& service, const Request&) {
+Answer get_devices(Service& service, const Request& request) {
+  std::string hid;
+  uint64_t backs = connect_backs_kept;
+  const std::string error = read_query(request.target, {{"hid", &hid, nullptr}, {"backs", nullptr, &backs}});
+  if (!error.empty()) return error_answer(400, error);
   Json json = Json::array();
-  for (const Device& device : service.store.devices()) json.push_back(device_json(service, device));
+  for (const Device& device : service.store.devices(hid, backs)) json.push_back(device_json(service, device));
   return json_answer(200, json);
 }
 
 Answer get_exchanges(Service& service, const Request& request) {
-  constexpr std::string_view since_key = "since=";
-  uint64_t since = 0;
-  const size_t query = request.target.find('?');
-  if (query != std::string::npos) {
-    const std::string text = request.target.substr(query + 1);
-    if (!text.starts_with(since_key) || !parse_number(text.substr(since_key.size()), INT64_MAX, since))
-      return error_answer(400, "the query is not since=NUMBER");
-  }
+  std::string hid;
+  uint64_t since = 0, last = max_exchanges;
+  const std::string error =
+      read_query(request.target, {{"since", nullptr, &since}, {"last", nullptr, &last}, {"hid", &hid, nullptr}});
+  if (!error.empty()) return error_answer(400, error);
   Json json = Json::array();
-  for (const Exchange& exchange : service.exchanges.since(static_cast<int64_t>(since)))
+  const auto of_camera = [&hid](const Exchange& e) { return hid.empty() || e.user == hid; };
+  for (const Exchange& exchange : service.exchanges.since(static_cast<int64_t>(since), last, of_camera))
     json.push_back(exchange_json(service, exchange));
   return json_answer(200, json);
 }
@@ -138,8 +81,31 @@ Answer post_faults(Service& service, const Request& request) {
 }
 
 Answer delete_faults(Service& service, const Request& request) {
-  service.faults.clear();
+  std::string fault;
+  const std::string error = read_query(request.target, {{"fault", &fault, nullptr}});
+  if (!error.empty()) return error_answer(400, error);
+  if (fault.empty()) service.faults.clear();
+  if (!fault.empty() && !service.faults.remove(fault)) return error_answer(404, "that fault is not in force");
   return get_faults(service, request);
+}
+
+/// The faults that the service was started with, and no others.
+Answer reset_faults(Service& service, const Request& request) {
+  service.faults.clear();
+  static_cast<void>(service.faults.add(service.settings.faults));
+  return get_faults(service, request);
+}
+
+Answer get_kinds(Service&, const Request&) {
+  Json kinds = Json::array();
+  for (const FaultChoice& choice : fault_choices())
+    kinds.push_back({{"kind", choice.name},
+                     {"argument", choice.argument},
+                     {"least", choice.least},
+                     {"most", choice.most},
+                     {"usual", choice.usual},
+                     {"narrowed", choice.when_free}});
+  return json_answer(200, {{"paths", request_paths}, {"kinds", kinds}});
 }
 
 Answer get_aliases(Service& service, const Request&) {
@@ -157,66 +123,9 @@ Answer post_aliases(Service& service, const Request& request) {
       return error_answer(400, std::string(error).append(": ").append(line));
   }
   if (aliases.empty()) return error_answer(400, "the body has no alias; write NAME or NAME=HID, one a line");
-  service.store.put_aliases(aliases);
+  if (!service.store.put_aliases(aliases))
+    return error_answer(409, "at most " + std::to_string(max_aliases) + " aliases are kept, and these would be more");
   return get_aliases(service, request);
-}
-
-// ---- The page for people ----
-
-/// Foreign text on one line: control characters become '.', bytes that are not UTF-8 U+FFFD.
-std::string shown(std::string text) {
-  text = Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace)).get<std::string>();
-  for (char& c : text)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = c == '\n' ? ' ' : '.';
-  return text;
-}
-
-void show_device(std::ostream& out, const Device& device) {
-  out << device.hid << "   seen " << iso_time(device.seen) << ", " << device.updates << " updates";
-  if (device.enabled) out << ", " << (device.enabled->value != 0 ? "enabled" : "disabled");
-  if (device.alias) out << ", alias " << shown(device.alias->value);
-  out << "\n";
-  if (device.update) {
-    out << "  registered " << iso_time(device.update->time) << "\n   ";
-    for (const auto& [name, value] : device.update->value) out << " " << name << "=" << shown(value);
-    out << "\n";
-  }
-  if (device.first_connection) out << "  first connection: " << shown(device.first_connection->value) << "\n";
-  if (!device.connect_backs.empty()) {
-    const ConnectBack& last = device.connect_backs.back();
-    out << "  connect back " << iso_time(last.time) << " to " << last.address << ":" << last.port << ": "
-        << (last.connected ? "connected" : last.error) << "\n";
-  }
-}
-
-void show_exchange(std::ostream& out, const Exchange& e) {
-  out << "#" << e.id << " " << iso_time(e.time) << " " << e.peer << " " << e.method << " " << shown(e.target);
-  if (e.authorized) out << " user " << e.user << " nc " << e.nc;
-  out << " -> " << (e.status == 0 ? "no answer" : std::to_string(e.status));
-  if (!e.fault.empty()) out << " [fault " << shown(e.fault) << "]";
-  if (!e.error.empty()) out << " (" << shown(e.error) << ")";
-  out << "\n";
-  if (!e.request.empty()) out << "    sent     " << shown(e.request) << "\n";
-  if (!e.answer.empty()) out << "    answered " << shown(e.answer) << "\n";
-}
-
-Answer get_page(Service& service, const Request&) {
-  constexpr size_t exchanges_shown = 20;
-  std::ostringstream out;
-  out << "Bench service, up since " << iso_time(service.start) << ", now " << iso_time(wall_ms()) << "\n\nDevices\n\n";
-  const std::vector<Device> devices = service.store.devices();
-  if (devices.empty()) out << "none yet\n";
-  for (const Device& device : devices) show_device(out, device);
-  out << "\nFaults in force\n\n";
-  const std::vector<Fault> faults = service.faults.list();
-  if (faults.empty()) out << "none\n";
-  for (const Fault& fault : faults) out << shown(fault_text(fault)) << "\n";
-  out << "\nLast exchanges, newest first\n\n";
-  const std::vector<Exchange> exchanges = service.exchanges.since(0);
-  size_t left = exchanges_shown;
-  for (auto e = exchanges.rbegin(); e != exchanges.rend() && left > 0; ++e, --left) show_exchange(out, *e);
-  out << "\nAs JSON: /devices /exchanges?since=ID /faults /aliases\n";
-  return {200, "", out.str(), "text/plain; charset=utf-8"};
 }
 
 struct StatusRoute {
@@ -226,9 +135,19 @@ struct StatusRoute {
 };
 
 constexpr StatusRoute routes[] = {
-    {"GET", "/", get_page},           {"GET", "/devices", get_devices},   {"GET", "/exchanges", get_exchanges},
-    {"GET", "/faults", get_faults},   {"POST", "/faults", post_faults},   {"DELETE", "/faults", delete_faults},
-    {"GET", "/aliases", get_aliases}, {"POST", "/aliases", post_aliases},
+    {"GET", "/", get_page},
+    {"GET", "/page.js", [](Service&, const Request&) { return page_file("/page.js"); }},
+    {"GET", "/page.css", [](Service&, const Request&) { return page_file("/page.css"); }},
+    {"GET", "/events", get_events},
+    {"GET", "/devices", get_devices},
+    {"GET", "/exchanges", get_exchanges},
+    {"GET", "/faults", get_faults},
+    {"POST", "/faults", post_faults},
+    {"DELETE", "/faults", delete_faults},
+    {"POST", "/faults/start", reset_faults},
+    {"GET", "/faults/kinds", get_kinds},
+    {"GET", "/aliases", get_aliases},
+    {"POST", "/aliases", post_aliases},
 };
 
 }  // namespace

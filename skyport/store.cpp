@@ -3,7 +3,6 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <map>
 #include <string_view>
 
 #include "net.h"
@@ -11,8 +10,6 @@
 namespace skyport {
 namespace {
 
-constexpr size_t max_exchanges = 1000;
-constexpr int connect_backs_kept = 20;  // a camera's
 constexpr int busy_ms = 2000;
 
 constexpr const char* schema = R"(
@@ -20,7 +17,7 @@ constexpr const char* schema = R"(
   PRAGMA synchronous = NORMAL;
   CREATE TABLE IF NOT EXISTS device(
     hid TEXT PRIMARY KEY, seen INTEGER NOT NULL, updates INTEGER NOT NULL DEFAULT 0, updated INTEGER,
-    enabled INTEGER, enabled_at INTEGER, report TEXT, reported INTEGER);
+    enabled INTEGER, enabled_at INTEGER, report TEXT, reported INTEGER, since INTEGER NOT NULL DEFAULT 0);
   CREATE TABLE IF NOT EXISTS field(
     hid TEXT NOT NULL, position INTEGER NOT NULL, name TEXT NOT NULL, value TEXT NOT NULL,
     PRIMARY KEY(hid, position));
@@ -29,6 +26,7 @@ constexpr const char* schema = R"(
   CREATE TABLE IF NOT EXISTS connect_back(
     id INTEGER PRIMARY KEY, hid TEXT NOT NULL, time INTEGER NOT NULL, address TEXT NOT NULL,
     port INTEGER NOT NULL, connected INTEGER NOT NULL, took_ms INTEGER NOT NULL, error TEXT NOT NULL);
+  CREATE INDEX IF NOT EXISTS connect_back_of ON connect_back(hid, id);
 )";
 
 /// One statement: bind in order with <<, step, read columns.
@@ -93,27 +91,48 @@ class Transaction {
 };
 
 void mark_seen(sqlite3* db, const std::string& hid) {
-  (Query(db, "INSERT INTO device(hid, seen) VALUES(?1, ?2) ON CONFLICT(hid) DO UPDATE SET seen = ?2")
-   << hid << wall_ms())
+  (Query(db,
+         "INSERT INTO device(hid, seen, since) VALUES(?1, ?2, ?2) ON CONFLICT(hid) DO UPDATE SET "
+         "since = iif(?2 - seen > ?3 OR since > ?2, ?2, since), seen = ?2")
+   << hid << wall_ms() << long_silence_ms)
       .step();
 }
 
-Fields read_fields(sqlite3* db, const std::string& hid) {
-  Fields fields;
-  Query query(db, "SELECT name, value FROM field WHERE hid = ? ORDER BY position");
-  query << hid;
-  while (query.step()) fields.emplace_back(query.text(0), query.text(1));
-  return fields;
+/// Calls `take` with the device of each row's first column; both are in the order of hids.
+template <typename Take>
+void for_each_row(Query& query, std::vector<Device>& devices, const Take& take) {
+  auto device = devices.begin();
+  while (query.step()) {
+    const std::string hid = query.text(0);
+    while (device != devices.end() && device->hid < hid) ++device;
+    if (device != devices.end() && device->hid == hid) take(*device);
+  }
 }
 
-std::vector<ConnectBack> read_connect_backs(sqlite3* db, const std::string& hid) {
-  std::vector<ConnectBack> all;
-  Query query(db, "SELECT time, address, port, connected, took_ms, error FROM connect_back WHERE hid = ? ORDER BY id");
+void read_fields(sqlite3* db, const std::string& hid, std::vector<Device>& devices) {
+  Query query(db, "SELECT hid, name, value FROM field WHERE ?1 = '' OR hid = ?1 ORDER BY hid, position");
   query << hid;
-  while (query.step())
-    all.push_back({query.number(0), query.text(1), static_cast<uint16_t>(query.number(2)), query.number(3) != 0,
-                   query.number(4), query.text(5)});
-  return all;
+  for_each_row(query, devices, [&](Device& device) {
+    if (device.update) device.update->value.emplace_back(query.text(1), query.text(2));
+  });
+}
+
+void read_connect_backs(sqlite3* db, const std::string& hid, size_t most, std::vector<Device>& devices) {
+  Query query(db,
+              "SELECT hid, time, address, port, connected, took_ms, error FROM connect_back c "
+              "WHERE (?1 = '' OR hid = ?1) AND id >= (SELECT min(id) FROM (SELECT id FROM connect_back "
+              "WHERE hid = c.hid ORDER BY id DESC LIMIT ?2)) ORDER BY hid, id");
+  query << hid << static_cast<int64_t>(most);
+  for_each_row(query, devices, [&](Device& device) {
+    device.connect_backs.push_back({query.number(1), query.text(2), static_cast<uint16_t>(query.number(3)),
+                                    query.number(4) != 0, query.number(5), query.text(6)});
+  });
+}
+
+/// A database of before this column has its devices begin with the service.
+void add_since(sqlite3* db) {
+  Query columns(db, "SELECT 1 FROM pragma_table_info('device') WHERE name = 'since'");
+  if (!columns.step()) run(db, "ALTER TABLE device ADD COLUMN since INTEGER NOT NULL DEFAULT 0");
 }
 
 }  // namespace
@@ -123,6 +142,7 @@ Store::Store(const std::string& file) {
     if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) throw StoreError(sqlite3_errmsg(db_));
     sqlite3_busy_timeout(db_, busy_ms);
     run(db_, schema);
+    add_since(db_);
   } catch (const StoreError& error) {
     sqlite3_close(db_);
     throw StoreError("database '" + file + "': " + error.what());
@@ -178,7 +198,7 @@ void Store::connected_back(const std::string& hid, const ConnectBack& result) {
   (Query(db_,
          "DELETE FROM connect_back WHERE hid = ?1 AND id NOT IN "
          "(SELECT id FROM connect_back WHERE hid = ?1 ORDER BY id DESC LIMIT ?2)")
-   << hid << int64_t{connect_backs_kept})
+   << hid << static_cast<int64_t>(connect_backs_kept))
       .step();
   transaction.commit();
 }
@@ -196,32 +216,39 @@ bool Store::take_alias(const std::string& hid, const std::string& name) {
   return true;
 }
 
-void Store::put_aliases(const std::vector<Alias>& aliases) {
+bool Store::put_aliases(const std::vector<Alias>& aliases) {
   const std::lock_guard lock(mutex_);
   Transaction transaction(db_);
   for (const Alias& alias : aliases)
     (Query(db_, "INSERT OR REPLACE INTO alias VALUES(?, ?, ?)") << alias.name << alias.hid << wall_ms()).step();
+  Query count(db_, "SELECT count(*) FROM alias");
+  if (!count.step() || count.number(0) > static_cast<int64_t>(max_aliases)) return false;
   transaction.commit();
+  return true;
 }
 
-std::vector<Device> Store::devices() {
+std::vector<Device> Store::devices(const std::string& hid, size_t backs) {
   const std::lock_guard lock(mutex_);
   std::vector<Device> all;
   Query query(db_,
-              "SELECT d.hid, seen, updates, updated, enabled, enabled_at, report, reported, a.name, a.given "
-              "FROM device d LEFT JOIN alias a ON a.hid = d.hid GROUP BY d.hid ORDER BY d.hid");
+              "SELECT d.hid, seen, updates, updated, enabled, enabled_at, report, reported, a.name, a.given, since "
+              "FROM device d LEFT JOIN alias a ON a.hid = d.hid WHERE ?1 = '' OR d.hid = ?1 "
+              "GROUP BY d.hid ORDER BY d.hid");
+  query << hid;
   while (query.step()) {
     Device device;
     device.hid = query.text(0);
     device.seen = query.number(1);
     device.updates = query.number(2);
-    if (query.has(3)) device.update = {read_fields(db_, device.hid), query.number(3)};
+    if (query.has(3)) device.update = {{}, query.number(3)};
     if (query.has(4)) device.enabled = {query.number(4), query.number(5)};
     if (query.has(6)) device.first_connection = {query.text(6), query.number(7)};
     if (query.has(8)) device.alias = {query.text(8), query.number(9)};
-    device.connect_backs = read_connect_backs(db_, device.hid);
+    device.since = query.number(10);
     all.push_back(std::move(device));
   }
+  read_fields(db_, hid, all);
+  if (backs > 0) read_connect_backs(db_, hid, backs, all);
   return all;
 }
 
@@ -233,17 +260,41 @@ std::vector<Alias> Store::aliases() {
   return all;
 }
 
+namespace {
+
+size_t bytes_of(const Exchange& e) {
+  size_t bytes = sizeof(e);
+  for (const std::string* text : {&e.peer, &e.local, &e.method, &e.target, &e.path, &e.host, &e.user, &e.nc, &e.cnonce,
+                                  &e.uri, &e.digits, &e.request, &e.answer, &e.fault, &e.error})
+    bytes += text->size();
+  return bytes;
+}
+
+}  // namespace
+
 void ExchangeLog::add(Exchange exchange) {
   const std::lock_guard lock(mutex_);
   exchange.id = next_id_++;
+  bytes_ += bytes_of(exchange);
   last_.push_back(std::move(exchange));
-  if (last_.size() > max_exchanges) last_.pop_front();
+  while (last_.size() > max_exchanges || bytes_ > max_exchange_bytes) {
+    bytes_ -= bytes_of(last_.front());
+    last_.pop_front();
+  }
 }
 
-std::vector<Exchange> ExchangeLog::since(int64_t id) {
+std::vector<Exchange> ExchangeLog::since(int64_t id, size_t most, const std::function<bool(const Exchange&)>& wanted) {
   const std::lock_guard lock(mutex_);
-  const auto first = std::find_if(last_.begin(), last_.end(), [id](const Exchange& e) { return e.id > id; });
-  return {first, last_.end()};
+  std::vector<Exchange> found;
+  for (auto e = last_.rbegin(); e != last_.rend() && e->id > id && found.size() < most; ++e)
+    if (!wanted || wanted(*e)) found.push_back(*e);
+  std::reverse(found.begin(), found.end());
+  return found;
+}
+
+int64_t ExchangeLog::last_id() {
+  const std::lock_guard lock(mutex_);
+  return next_id_ - 1;
 }
 
 }  // namespace skyport

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -43,6 +44,7 @@ struct Reported {
 struct Device {
   std::string hid;
   int64_t seen = 0;     // last request with right credentials
+  int64_t since = 0;    // the first one that was followed by others without a long silence
   int64_t updates = 0;  // how many updates came
   std::optional<Reported<Fields>> update;
   std::optional<Reported<int64_t>> enabled;
@@ -56,6 +58,10 @@ struct Alias {
   std::string name;
   std::string hid;
 };
+
+inline constexpr size_t connect_backs_kept = 20;     // a camera's
+inline constexpr int64_t long_silence_ms = 660'000;  // more than two of a camera's longest waits
+inline constexpr size_t max_aliases = 10'000;
 
 class Store {
  public:
@@ -73,10 +79,11 @@ class Store {
   /// Gives `name` to `hid` in place of its old one; an empty name gives the old one up. False when
   /// another has it. Names differ in more than the case of their letters.
   bool take_alias(const std::string& hid, const std::string& name);
-  /// Makes names taken, whoever had them.
-  void put_aliases(const std::vector<Alias>& aliases);
+  /// Makes names taken, whoever had them. False, and none, when there would be more than `max_aliases`.
+  [[nodiscard]] bool put_aliases(const std::vector<Alias>& aliases);
 
-  std::vector<Device> devices();
+  /// All devices by hid, or the one of `hid`; each with its last `backs` connect-back results.
+  std::vector<Device> devices(const std::string& hid = "", size_t backs = connect_backs_kept);
   std::vector<Alias> aliases();
 
  private:
@@ -87,7 +94,8 @@ class Store {
 /// One request and what came of it. Texts are empty where there was none.
 struct Exchange {
   int64_t id = 0;
-  int64_t time = 0;  // wall-clock milliseconds
+  int64_t time = 0;     // wall-clock milliseconds
+  int64_t took_ms = 0;  // until the answer was ready, the connection back included
   std::string peer, local;
   std::string method, target, path, host;
   bool relay = false;
@@ -98,16 +106,23 @@ struct Exchange {
   std::string fault, error;
 };
 
+inline constexpr size_t max_exchanges = 20'000;
+inline constexpr size_t max_exchange_bytes = size_t{64} << 20;  // texts of all of them
+
 /// The last exchanges, of bounded number and size.
 class ExchangeLog {
  public:
   void add(Exchange exchange);
-  /// Those with an id above `id`, oldest first.
-  std::vector<Exchange> since(int64_t id);
+  /// Those with an id above `id`, oldest first; of them the last `most` that `wanted`, when given, takes.
+  std::vector<Exchange> since(int64_t id, size_t most = max_exchanges,
+                              const std::function<bool(const Exchange&)>& wanted = nullptr);
+  /// The id of the last one, 0 before it.
+  int64_t last_id();
 
  private:
   std::mutex mutex_;
   std::deque<Exchange> last_;
+  size_t bytes_ = 0;
   int64_t next_id_ = 1;
 };
 

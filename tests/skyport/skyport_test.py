@@ -191,12 +191,12 @@ class SkyportTest(unittest.TestCase):
                 ("rebound.test", "", 403), (f"rebound.test:{self.status}", "http://rebound.test", 403), ("127.0.0.1.test", "", 403),
                 (own, "http://other.test", 403), (own, "null", 403), (own, "http://127.0.0.1:1", 403)):
             headers = {"Host": host, **({"Origin": origin} if origin else {})}
-            self.people("/faults", "POST", "/x:reset", wanted, **headers)
+            self.people("/faults", "POST", "/ext.html:reset", wanted, **headers)
             self.people("/devices", wanted=wanted, **headers)
-        self.assertEqual(self.people("/faults"), ["/x:reset"] * 4)
-        self.people("/faults", "POST", "/x:reset\n" * 996)
-        self.assertRegex(self.people("/faults", "POST", "/y:reset", 409)["error"], "at most 1000 .* DELETE")
-        self.assertEqual(self.people("/faults"), ["/x:reset"] * 1000)
+        self.assertEqual(self.people("/faults"), ["/ext.html:reset"] * 4)
+        self.people("/faults", "POST", "/ext.html:reset\n" * 996)
+        self.assertRegex(self.people("/faults", "POST", "/alias.html:reset", 409)["error"], "at most 1000 .* DELETE")
+        self.assertEqual(self.people("/faults"), ["/ext.html:reset"] * 1000)
         self.assertEqual(self.people("/faults", "DELETE"), [])
 
     def test_connecting_back(self):

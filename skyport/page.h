@@ -1,0 +1,14 @@
+// The page of the status port: its files, compiled in.
+#ifndef KESTREL_SKYPORT_PAGE_H
+#define KESTREL_SKYPORT_PAGE_H
+
+#include "http.h"
+
+namespace skyport {
+
+/// "/page.html", "/page.css" or "/page.js", with what lets a browser run nothing else.
+Answer page_file(const char* path);
+
+}  // namespace skyport
+
+#endif

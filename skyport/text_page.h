@@ -1,0 +1,15 @@
+// The state of the service as plain text, for people at a terminal.
+#ifndef KESTREL_SKYPORT_TEXT_PAGE_H
+#define KESTREL_SKYPORT_TEXT_PAGE_H
+
+#include "http.h"
+#include "requests.h"
+
+namespace skyport {
+
+/// Devices, faults in force, and the last exchanges.
+Answer text_page(Service& service);
+
+}  // namespace skyport
+
+#endif
