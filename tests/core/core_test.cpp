@@ -12,6 +12,7 @@
 
 #include "core/debug_log.h"
 #include "core/shared_word.h"
+#include "core/text.h"
 #include "core/wait.h"
 #include "support/child.h"
 
@@ -169,6 +170,13 @@ TEST_F(LogFile, WhatSomebodyElseLaidThereIsNeverWritten) {
     debug_log("fourth\n");
     EXPECT_EQ(current(), "KLOGfourth\n");
   });
+}
+
+TEST(Texts, AFormatTellsWhatDidNotFit) {
+  char text[4];
+  EXPECT_EQ(format_text(text, sizeof(text), "%s", "abc"), 3);
+  EXPECT_EQ(format_text(text, sizeof(text), "%s", "abcd"), -1);
+  EXPECT_STREQ(text, "abc");
 }
 
 TEST(Console, AReaderThatDoesNotReadCostsLinesAndNoTime) {

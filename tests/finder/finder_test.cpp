@@ -390,6 +390,7 @@ TEST_F(FinderTest, OnlyTheAdministratorWithHisPasswordIsServed) {
       {"or decodes to a zero byte", named("", "pw"), raw("AAAA", "cHc="), refused},
       {"full fields", named(n48, p48), as_user(op_list, n48, p48), op_list_answer},
       {"full name, other password", named(n48, "pw"), as_user(op_list, n48, "p"), refused},
+      {"a name of one letter", named("a", "pw"), as_user(op_list, "a", "pw"), op_list_answer},
       {"user", nullptr, as_user(op_list, "bob", "pw"), refused},
       {"long name, cut by the table", nullptr, as_user(op_user_probe, "guardian-of-the-", "pw"), silence},
       {"user, other password", nullptr, as_user(op_user_probe, "bob", "bob"), refused},

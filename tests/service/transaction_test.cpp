@@ -566,6 +566,12 @@ TEST_F(Transaction, AliasFollowUp) {
     EXPECT_EQ(fake_logged("return fail.\n") + fake_logged("return success.\n"), row.attempts) << row.what;
     EXPECT_LE(fake_open_sockets(), 1) << row.what;
   }
+  start();
+  current_record = ctx;
+  current_record.run = 0;
+  fake.alias_status = ALIAS_REQUESTED;
+  EXPECT_EQ(alias_follow_up(), -1);
+  EXPECT_EQ(fake.requests.size(), 1U) << "no repetition once the daemon is to end";
 }
 
 }  // namespace
