@@ -90,7 +90,8 @@ class Account:
     """Prints the account. Feed it with log lines and exchanges; call tick() often."""
 
     def __init__(self):
-        self._terminal = sys.stdout.isatty()
+        self._terminal = sys.stdout.isatty() and os.environ.get("TERM") != "dumb"
+        self._colours = self._terminal and not os.environ.get("NO_COLOR")
         self._plain = "utf" not in (sys.stdout.encoding or "").lower()
         self._width = max(60, min(shutil.get_terminal_size((110, 24)).columns, 130)) - 1
         self._start, self._start_s, self.speed = time.monotonic(), 0.0, 1.0
@@ -216,7 +217,9 @@ class Account:
                 self._wait = None
         if text != self._under:
             self._under = text
-            sys.stdout.write(f"\r\x1b[K{text}")
+            # A line that the terminal wraps could not be taken back.
+            columns = shutil.get_terminal_size((110, 24)).columns
+            sys.stdout.write(f"\r\x1b[K{text[:columns - 1]}")
             sys.stdout.flush()
 
     def _wrapped(self, head: str, text: str, colour: str = "", bold: str = "") -> None:
@@ -227,7 +230,7 @@ class Account:
             self._print(" " * len(head) + self._paint(colour, line))
 
     def _paint(self, colour: str, text: str) -> str:
-        return f"\x1b[{colour}m{text}\x1b[0m" if self._terminal and colour and text else text
+        return f"\x1b[{colour}m{text}\x1b[0m" if self._colours and colour and text else text
 
     def _clear(self) -> None:
         if self._terminal and self._under:

@@ -2,11 +2,13 @@
 
 import argparse
 import contextlib
+import math
 import os
 import shutil
 import socket
 import subprocess
 import sys
+import tempfile
 import time
 from pathlib import Path
 
@@ -29,10 +31,10 @@ def run(argv: list[str]) -> int:
     parser.add_argument("--list", action="store_true", help="list the scenarios")
     parser.add_argument("--names", action="store_true", help="list their names only")
     parser.add_argument("--all", action="store_true", help="play all of them, one after the other")
-    parser.add_argument("--times", type=int, default=1, metavar="N", help="play that often in a row")
+    parser.add_argument("--times", type=_above_zero(int), default=1, metavar="N", help="play that often in a row")
     parser.add_argument("--build", type=Path, metavar="DIR", help="the build directory (default: the newest in build/)")
     parser.add_argument("--real-time", action="store_true", help="don't speed up the camera's clock")
-    parser.add_argument("--speed", type=float, metavar="N", help="speed the camera's clock up N times")
+    parser.add_argument("--speed", type=_above_zero(float), metavar="N", help="speed the camera's clock up N times")
     parser.add_argument("--within", type=float, default=0, metavar="S", help="fail when registering takes longer")
     parser.add_argument("--keep-log", type=Path, metavar="DIR",
                         help="where the logs go (default: lab/NAME in the build)")
@@ -61,13 +63,26 @@ def run(argv: list[str]) -> int:
     return _play_many(names, options, build)
 
 
+def _above_zero(kind: type):
+    def read(text: str):
+        try:
+            number = kind(text)
+        except ValueError:
+            number = 0
+        if not 0 < number < math.inf:
+            raise argparse.ArgumentTypeError(f"'{text}' is not a {'whole ' if kind is int else ''}number above 0")
+        return number
+    return read
+
+
 def find_build(command: str, build: Path | None) -> Path | None:
     """The build directory to use: the one that was named, or the newest in build/; None, having said so."""
     if not build:
         built = sorted((_LAB.parent / "build").glob("*/src/kestreld"), key=lambda file: file.stat().st_mtime)
         build = built[-1].parent.parent if built else None
-    if build and (build / "src/kestreld").exists() and (build / "skyport/skyport").exists():
-        return build.resolve()
+    with contextlib.suppress(PermissionError):
+        if build and (build / "src/kestreld").exists() and (build / "skyport/skyport").exists():
+            return build.resolve()
     print(f"{command}: no kestreld and skyport in {build or 'build/'}; build first, or name the directory by --build",
           file=sys.stderr)
     return None
@@ -76,6 +91,13 @@ def find_build(command: str, build: Path | None) -> Path | None:
 def _play_one(name: str, options: argparse.Namespace, build: Path) -> int:
     scenario = SCENARIOS[name]
     kept = (options.keep_log or build / "lab" / name).resolve()
+    try:
+        kept.mkdir(parents=True, exist_ok=True)
+        tempfile.TemporaryFile(dir=kept).close()
+    except OSError as error:
+        print(f"lab/run: logs can't be kept in {kept} ({error.strerror}); name another place by --keep-log",
+              file=sys.stderr)
+        return 2
     speed = 1 if options.real_time or options.here else options.speed or scenario.speed
     scene_options = Options(speed=speed, kept=kept, watch=options.watch,
                             register_within_s=options.within, window=window.frame() if options.watch else None)

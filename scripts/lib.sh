@@ -34,8 +34,8 @@ missing_packages() {
   done
 }
 
-# ensure_packages PACKAGE...: installs what is missing, as root or with sudo. Says in one sentence when it can't,
-# and returns 1.
+# ensure_packages PACKAGE...: installs what is missing, as root or with sudo, unless no_install is set. Says in one
+# sentence when it can't, and returns 1.
 ensure_packages() {
   local missing as_root=()
   if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
@@ -53,7 +53,11 @@ ensure_packages() {
     fi
     as_root=(sudo)
   fi
-  say "installing ${missing[*]}"
+  if [[ -n ${no_install:-} ]]; then
+    say "these packages are missing: ${missing[*]}; install them, or leave --no-install out"
+    return 1
+  fi
+  say "installing with apt-get on this machine: ${missing[*]}"
   if ! install_packages "${as_root[@]}" -- "${missing[@]}"; then
     say "apt-get could not install ${missing[*]}; its last words are above"
     return 1
@@ -84,8 +88,11 @@ install_packages() {
 build_preset() {
   local preset=$1 log
   shift
-  mkdir -p build
   log=build/$preset.log
+  if ! mkdir -p build || ! : >"$log"; then
+    say "nothing can be built here: $log can't be written; use a copy of the project that is yours"
+    return 1
+  fi
   if ! cmake --preset "$preset" >"$log" 2>&1; then
     tail -n 20 "$log" >&2
     say "configuring failed; the whole story is in $log"
