@@ -131,11 +131,13 @@ class Camera:
             server = ThreadingHTTPServer((address, self.http_port), _Page)
         threading.Thread(target=server.serve_forever, daemon=True).start()
 
-    def start(self) -> None:
-        """Start the daemon; its process id is the process's own, so that signals reach it."""
+    def start(self, supervised: bool = False) -> None:
+        """Start the daemon; its process id is the process's own, so that signals reach it. Supervised it is started
+        again whenever it ends, as on a camera; the process is then the supervisor."""
         env = [f"KESTREL_CONF={self.settings}", *self._clock.environment()]
         private = ["unshare", "--mount", "sh", "-c", PRIVATE, "sh", self.tmp] if self.node.private_tmp else ["env"]
-        self.process = self.node.spawn([*private, *env, self.node.build / "src/kestreld"], self.output)
+        again = ["sh", "-c", 'while :; do "$@"; sleep 1; done', "sh"] if supervised else []
+        self.process = self.node.spawn([*private, *env, *again, self.node.build / "src/kestreld"], self.output)
         self._clock.started()
 
     def signal(self, number: int) -> None:

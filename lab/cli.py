@@ -38,6 +38,7 @@ def run(argv: list[str]) -> int:
     parser.add_argument("--within", type=float, default=0, metavar="S", help="fail when registering takes longer")
     parser.add_argument("--keep-log", type=Path, metavar="DIR",
                         help="where the logs go (default: lab/NAME in the build)")
+    parser.add_argument("--capture", type=Path, metavar="FILE", help="write the camera's packets there, as pcapng")
     parser.add_argument("--watch", action="store_true", help="stay registered until Ctrl-C, where the scenario can")
     parser.add_argument("--here", action="store_true",
                         help="in real time on this machine itself, without namespaces (loopback only)")
@@ -58,9 +59,28 @@ def run(argv: list[str]) -> int:
     build = find_build("lab/run", options.build)
     if not build:
         return 2
+    if options.capture and len(names) * options.times > 1:
+        print("lab/run: --capture takes one scenario, played once", file=sys.stderr)
+        return 2
     if len(names) * options.times == 1:
         return _play_one(names[0], options, build)
     return _play_many(names, options, build)
+
+
+def capture(argv: list[str]) -> int:
+    """lab/capture: one scenario, and the camera's packets in a file for Wireshark."""
+    parser = argparse.ArgumentParser(
+        prog="lab/capture", description="Play a scenario and write the camera's packets to NAME.pcapng.")
+    parser.add_argument("name", help="the scenario, see lab/run --list")
+    parser.add_argument("file", nargs="?", type=Path, help="default: NAME.pcapng in this folder")
+    parser.add_argument("--build", type=Path, metavar="DIR", help="the build directory (default: the newest in build/)")
+    options = parser.parse_args(argv)
+    file = options.file or Path(f"{options.name}.pcapng")
+    code = run([options.name, "--capture", str(file), *(["--build", str(options.build)] if options.build else [])])
+    if code == 0:
+        print(f"The packets are in {file}; -X lua_script:{_LAB.parent / 'tools/wireshark/kestrel-finder.lua'} has "
+              "Wireshark and tshark read the finder's.")
+    return code
 
 
 def _above_zero(kind: type):
@@ -100,7 +120,8 @@ def _play_one(name: str, options: argparse.Namespace, build: Path) -> int:
         return 2
     speed = 1 if options.real_time or options.here else options.speed or scenario.speed
     scene_options = Options(speed=speed, kept=kept, watch=options.watch,
-                            register_within_s=options.within, window=window.frame() if options.watch else None)
+                            register_within_s=options.within, capture=options.capture and options.capture.resolve(),
+                            window=window.frame() if options.watch else None)
     if options.here:
         return _play_here(scenario, scene_options, build)
     return world.enter(lambda: _play(scenario, scene_options, build), longest_s=0 if options.watch else _LONGEST_S)

@@ -163,6 +163,7 @@ class Scene(Follower):
             self.pump()
             if wrong:
                 raise Failed(wrong)
+        self.end_capture()
         if self.service:
             self.service.stop()
         if self._file:

@@ -20,7 +20,7 @@ from lab.scene import Scene
 from lab.stage import SERVICE, Options
 
 _NAME = f"\0kestrel-lab-{os.getuid()}"
-_NODES = ("camera", "router", "internet")
+_NODES = ("camera", "camera2", "pc", "router", "internet")
 _LONGEST_START_S = 30
 _STANDS = "\0"  # ends what the lab says when it stands
 
@@ -28,9 +28,11 @@ _STANDS = "\0"  # ends what the lab says when it stands
 def up(argv: list[str]) -> int:
     """Build the home and the internet in the background, and return when they stand."""
     parser = argparse.ArgumentParser(
-        prog="lab/up", description="Make the namespaces: camera, NAT router with UPnP, internet.")
+        prog="lab/up", description="Make a home with two cameras, a PC and a NAT router with UPnP, and the internet.")
     parser.add_argument("--build", type=Path, metavar="DIR", help="the build directory (default: the newest in build/)")
-    build = find_build("lab/up", parser.parse_args(argv).build)
+    parser.add_argument("--bare", action="store_true", help="start no daemon, for one that is run by hand")
+    arguments = parser.parse_args(argv)
+    build = find_build("lab/up", arguments.build)
     if not build:
         return 2
     door = socket.socket(socket.AF_UNIX)
@@ -48,7 +50,7 @@ def up(argv: list[str]) -> int:
         null = os.open(os.devnull, os.O_RDWR)
         for stream, place in ((0, null), (1, null), (2, tell)):
             os.dup2(place, stream)
-        os._exit(world.enter(lambda: _stand(build, options, tell), door=door))
+        os._exit(world.enter(lambda: _stand(build, options, arguments.bare, tell), door=door))
     os.close(tell)
     text = _read_until_end(told)
     stands = text.endswith(_STANDS)
@@ -56,17 +58,25 @@ def up(argv: list[str]) -> int:
     return 0 if stands else world.SKIPPED if "can't be" in text else 1
 
 
-def _stand(build: Path, options: Options, tell: int) -> int:
+def _stand(build: Path, options: Options, bare: bool, tell: int) -> int:
     world.show_build(build)
     scene = Scene(options)
     scene.start_service()
     scene.home()
     scene.router.start_upnp()
-    cam.Camera(scene.node, SERVICE, "eth0").serve_page("0.0.0.0")
+    scene.plug_in_pc()
+    first = cam.Camera(scene.node, SERVICE, "eth0")
+    first.serve_page("0.0.0.0")
+    for camera in (first, scene.plug_in_second_camera()):
+        if not bare:
+            camera.start(supervised=True)
+    daemons = f"""lab/enter camera {world.BUILD}/src/kestreld    run the daemon""" if bare else \
+        "lab/enter camera killall kestreld                 end both daemons; their supervisors start them again"
     os.write(tell, f"""\
 The lab is up: {", ".join(_NODES)}. In them the build is at {world.BUILD}.
-   lab/enter camera {world.BUILD}/src/kestreld    run the daemon
-   lab/enter camera tail -F /tmp/kestreld_log.txt    read its log, meanwhile
+   {daemons}
+   lab/enter camera tail -F /tmp/kestreld_log.txt    read a daemon's log
+   lab/enter pc {world.BUILD}/tools/kestrel-find     find the cameras from the PC at home
    lab/enter router nft list table inet home         see the router's table
    lab/enter internet bash                           a shell; the service's status is at 127.0.0.1:8089
    {window.url(options.window)}                         the service's page, for a browser on this machine
@@ -98,8 +108,8 @@ def enter(argv: list[str]) -> int:
         into += ["--user", "--preserve-credentials"]
     command = options.command or [os.environ.get("SHELL", "/bin/sh")]
     node = ["nsenter", f"--net=/run/netns/{options.node}", "--"]
-    if options.node == "camera":
-        home = world.SCRATCH / "camera"
+    if options.node.startswith("camera"):
+        home = world.SCRATCH / options.node
         node += ["unshare", "--mount", "sh", "-c", cam.PRIVATE, "sh", str(home / "tmp"),
                  f"KESTREL_CONF={home / 'camera.conf'}"]
     os.execvp(into[0], [*into, "--", *node, *command])

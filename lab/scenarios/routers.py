@@ -37,7 +37,8 @@ def second_camera(scene: Scene) -> None:
     scene.until_registered()
     scene.check_walk(*ONE_NAT)
     scene.account.note(f"(another camera starts at {OTHER})")
-    second = scene.start_second_camera()
+    second = scene.plug_in_second_camera()
+    second.start()
     scene.until(lambda: scene.service.device(SECOND_HID).get("updates"), 90, "the other camera's registration")
     update = scene.service.device(SECOND_HID)["update"]
     scene.check((update["iip"], update["ueport"]) == (OTHER, "443"), "the service holds the other camera at port 443",
