@@ -4,6 +4,7 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <cstdio>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,19 @@ std::string set_account(Settings& s, const std::string& value) {
   const size_t colon = value.find(':');
   if (colon == 0 || colon == std::string::npos) return "is not HID:PASSWORD";
   s.accounts[value.substr(0, colon)] = value.substr(colon + 1);
+  return "";
+}
+
+std::string set_accounts(Settings& s, const std::string& value) {
+  std::ifstream file(value);
+  if (!file) return "can't be read";
+  int number = 0;
+  for (std::string line; std::getline(file, line);) {
+    ++number;
+    if (line.empty()) continue;
+    if (const std::string error = set_account(s, line); !error.empty())
+      return "line " + std::to_string(number) + " " + error;
+  }
   return "";
 }
 
@@ -115,6 +129,7 @@ constexpr OptionRow option_rows[] = {
     {"--status", set_status, "ADDR:PORT", "127.0.0.1:8089", "Status port, on loopback"},
     {"--database", set_database, "FILE", ":memory:", "Where registrations are kept"},
     {"--account", set_account, "HID:PASSWORD", "", "A camera's account (repeatable)"},
+    {"--accounts", set_accounts, "FILE", "", "Accounts, one a line"},
     {"--data-server", set_data_server, "ADDR", "",
      "Answer of /daip.html (default: the address that the request was sent to)"},
     {"--realm", set_realm, "TEXT", "skyport", "Realm of the challenges"},
