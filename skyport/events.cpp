@@ -22,7 +22,7 @@ struct Follower {
 };
 
 std::string event(const char* name, const Json& data) {
-  return std::string("event: ") + name + "\ndata: " + json_text(data, -1) + "\n\n";
+  return std::string("event: ") + name + "\ndata: " + json_text(data) + "\n\n";
 }
 
 void tell_exchanges(Service& service, Follower& follower, std::string& out) {

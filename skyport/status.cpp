@@ -13,8 +13,12 @@
 namespace skyport {
 namespace {
 
+/// An array has a line for each of its elements, so that it can be read by eye and by line.
 Answer json_answer(unsigned status, const Json& json) {
-  return {status, "", json_text(json, 2) + "\n", "application/json"};
+  if (!json.is_array()) return {status, "", json_text(json) + "\n", "application/json"};
+  std::string text = "[";
+  for (const Json& element : json) text.append(text.size() > 1 ? ",\n" : "\n").append(json_text(element));
+  return {status, "", text + "\n]\n", "application/json"};
 }
 
 Answer error_answer(unsigned status, const std::string& error) {

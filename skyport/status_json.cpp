@@ -20,8 +20,8 @@ void put_reported(Json& json, const Service& service, const std::string& name,
 
 }  // namespace
 
-std::string json_text(const Json& json, int indent) {
-  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
+std::string json_text(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 Json device_json(const Service& service, const Device& device) {

@@ -11,9 +11,8 @@ namespace skyport {
 
 using Json = nlohmann::ordered_json;
 
-/// As text, on one line where `indent` is -1. Texts of the wire may hold any bytes; those that are not UTF-8 become
-/// U+FFFD.
-std::string json_text(const Json& json, int indent);
+/// As text on one line. Texts of the wire may hold any bytes; those that are not UTF-8 become U+FFFD.
+std::string json_text(const Json& json);
 
 Json device_json(const Service& service, const Device& device);
 Json exchange_json(const Service& service, const Exchange& exchange);

@@ -9,7 +9,7 @@ namespace {
 
 /// Foreign text on one line: control characters become '.', bytes that are not UTF-8 U+FFFD.
 std::string shown(std::string text) {
-  text = Json::parse(json_text(Json(text), -1)).get<std::string>();
+  text = Json::parse(json_text(Json(text))).get<std::string>();
   for (char& c : text)
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = c == '\n' ? ' ' : '.';
   return text;

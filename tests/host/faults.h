@@ -45,10 +45,11 @@ ssize_t write(int fd, const void* data, size_t size) { return failing("write", S
 int fchmod(int fd, mode_t mode) noexcept { return static_cast<int>(failing("fchmod", SYS_fchmod, fd, mode)); }
 int rename(const char* from, const char* to) noexcept { return static_cast<int>(failing("rename", SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0)); }
 }
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would take the pair of one operator and the C library's other for a mistake.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   void* memory = strikes("new") ? nullptr : std::malloc(size);
   return memory == nullptr ? throw std::bad_alloc() : memory;
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
 // clang-format on

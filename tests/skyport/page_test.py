@@ -11,7 +11,7 @@ import sqlite3
 import sys
 import threading
 import time
-from http.server import BaseHTTPRequestHandler, HTTPServer
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 
 sys.path[:0] = [str(Path(__file__).resolve().parents[2]), str(Path(__file__).parent)]
@@ -145,7 +145,7 @@ class Bench(Stage):
 
     def foreign(self):
         with self.internet.inside():
-            other = HTTPServer(("127.0.0.1", 8888), Foreign)
+            other = ThreadingHTTPServer(("127.0.0.1", 8888), Foreign)
         threading.Thread(target=other.serve_forever, daemon=True).start()
         for name in ("127.0.0.1", "localhost"):
             self.browser.open(f"http://{name}:8888/")
