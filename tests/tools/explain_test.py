@@ -61,12 +61,12 @@ VERDICTS = {
     "no UPnP": (START + NAT + ["***[NoUPnP]***", *PART_DONE], ONLY, 1, 0, "no UPnP gateway", "guest network"),
     "two NATs": (START + ROUTER + ["***[NATM]***", "pdev->ue.ip  : c(192.168.100.2)-l()", *PART_DONE], ONLY, 1, 0,
                  "192.168.100.2, the service sees 5.1.1.2", "bridge"),
-    "refused": (START + ROUTER + 2 * ["***B1 Port mapping add port (443) failed,try next"] + NONE_LEFT, ONLY, 1, 0, "(2 t"),
+    "full": (START + ROUTER + 2 * ["***B1 Port mapping add port (80) failed,try next"] + NONE_LEFT, ONLY, 1, 0, "(2 t"),
     "code": (START + ROUTER + ["unhandled return value(501),UPF() failed"] + NONE_LEFT, ONLY, 1, 0, "'501'", "by hand"),
     "maps nothing": (START + ROUTER + MAPPED + UNREACHED + NONE_LEFT, ONLY, 1, 0, "maps ports", "connectbk", "404"),
     "no answer": (START + SEEN[:2] + ask("srv_get_eip", *TIMED_OUT) + NOT_READY + CYCLE
                   + ask("srv_get_daip", *TIMED_OUT) + NOT_READY + BOOT[-1:], OFF, 1, 600, "daip", "within 20 s"),
-    "password": (BOOT + CYCLE + 2 * ask("srv_update", "connect=0", "<-401 received!") + NOT_READY, OFF, 1, 0, "401 once"),
+    "password": (BOOT + CYCLE + 2 * ask("srv_update", "connect=0", "<-401 received!") + NOT_READY, OFF, 1, 0, "401 on"),
     "query's error": (START + SEEN[:2] + ask("srv_get_eip", " connect=0") + NOT_READY, OFF, 1, 0, "else than 200"),
     "error": (START + ask("srv_update", "connect=0", "Error=(503)") + NOT_READY, OFF, 1, 0, "iupd", "503", "own log"),
     "switch": (BOOT + CYCLE[:4] + [" Enable=0, Last_Spt_Enabled=-1", *NOT_READY], OFF, 1, 0, "switched"),
@@ -155,8 +155,7 @@ class Explain(unittest.TestCase):
                 tool = subprocess.Popen([TOOL, "--json", "-f", log], stdout=file)
                 self.addCleanup(tool.kill)
 
-                def until(count, word):
-                    end = time.monotonic() + 10
+                def until(count, word, end=time.monotonic() + 20):
                     while out.read_text().count(word) != count and time.monotonic() < end:
                         time.sleep(0.02)
                     self.assertEqual((word, out.read_text().count(word)), (word, count))

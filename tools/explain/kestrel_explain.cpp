@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "output.h"
 #include "printer.h"
 #include "reader.h"
 #include "redact.h"
@@ -42,7 +43,8 @@ void request_end(int /*signal*/) {
 }
 
 void complain(const std::string& sentence) {
-  fmt::print(stderr, "kestrel-explain: {}\n", sentence);
+  // A closed standard error must not end the tool in another way than by its status.
+  std::fputs(fmt::format("kestrel-explain: {}\n", finder::printable(sentence)).c_str(), stderr);
 }
 
 int finish(const explain::Story& story, const explain::Judge& judge, explain::Printer& printer,
@@ -135,7 +137,11 @@ int run(int argc, char** argv) {
     const auto addresses = options.addresses == "none"  ? explain::Addresses::none
                            : options.addresses == "all" ? explain::Addresses::all
                                                         : explain::Addresses::public_only;
-    explain::redact_files(explain::files_in_order(options.files, options.alone), options.output, addresses);
+    if (explain::redact_files(explain::files_in_order(options.files, options.alone), options.output, addresses)) {
+      complain(
+          "a host id, name or password is very short or a word of the log; it was replaced only where it stands "
+          "as one, so read the copy before you mail it");
+    }
     return 0;
   }
   return options.follow ? follow(options) : explain_files(options);

@@ -34,8 +34,8 @@ std::string line_text(const Event& event, std::string_view state, std::string_vi
 }
 
 std::string exchange_text(const Event& event) {
-  const std::string_view what = event.row != nullptr ? event.row->meaning : std::string_view(event.name);
-  return finder::printable(fmt::format("{}-> {}  <- {}", event.aside ? "(beside) " : "", what, event.text));
+  return finder::printable(
+      fmt::format("{}-> {}  <- {}", event.aside ? "(beside) " : "", event.row->meaning, event.text));
 }
 
 std::string sent_text(const Event& event) {
@@ -108,7 +108,7 @@ void Printer::print_json(const Event& event) {
                {"text", finder::printable(event.text)}};
   for (const std::string& argument : event.arguments) json["values"].push_back(finder::printable(argument));
   if (event.exchange) {
-    json["request"] = event.row != nullptr ? Json(event.row->meaning) : Json();
+    json["request"] = event.row->meaning;
     json["answer"] = event.answer != nullptr ? Json(event.answer->name) : Json();
     json["beside"] = event.aside;
     for (const auto& [key, value] : event.sent) json["sent"][finder::printable(key)] = finder::printable(value);

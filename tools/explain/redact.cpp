@@ -360,7 +360,7 @@ void deliver(std::FILE* from, const std::string& output) {
 
 }  // namespace
 
-void redact_files(const std::vector<std::string>& paths, const std::string& output, Addresses addresses) {
+bool redact_files(const std::vector<std::string>& paths, const std::string& output, Addresses addresses) {
   Redactor redactor(addresses);
   // A log that is still written to must be the same both times.
   const File log = scratch();
@@ -385,12 +385,7 @@ void redact_files(const std::vector<std::string>& paths, const std::string& outp
     });
     if (std::fflush(stdout) != 0) fail_writing(output);
   }
-  if (redactor.has_common_word()) {
-    fmt::print(stderr,
-               "kestrel-explain: a host id, name or password is very short or a word of the log; it was replaced only "
-               "where it "
-               "stands as one, so read the copy before you mail it\n");
-  }
+  return redactor.has_common_word();
 }
 
 }  // namespace explain

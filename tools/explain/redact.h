@@ -45,8 +45,8 @@ class Redactor {
 };
 
 /// Reads the files ("-": standard input) and writes a redacted copy to `output` ("-": standard output): all of it or
-/// nothing. Throws std::runtime_error.
-void redact_files(const std::vector<std::string>& paths, const std::string& output, Addresses addresses);
+/// nothing. True when a secret was a common word, see above. Throws std::runtime_error.
+bool redact_files(const std::vector<std::string>& paths, const std::string& output, Addresses addresses);
 
 }  // namespace explain
 

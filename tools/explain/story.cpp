@@ -11,7 +11,9 @@ namespace {
 
 constexpr std::string_view daemons_mark = "KLOG";
 constexpr std::string_view console_noise = " Strange bug";  // standard output only, and without a line end
+// What an exchange keeps of its request's elements; the daemon's have 25.
 constexpr std::size_t max_elements = 64;
+constexpr std::size_t max_element_len = 256;
 
 template <std::size_t N>
 bool is_one_of(std::string_view name, const std::array<std::string_view, N>& names) {
@@ -57,7 +59,7 @@ void Story::take_element(std::string_view text) {
   Exchange& exchange = exchange_.open && !exchange_.sending ? exchange_ : beside_;
   if (!exchange.open || exchange.sending || exchange.sent.size() >= max_elements) return;
   std::vector<std::string_view> parts;
-  if (!fits("<%s>%s</%s>", text, parts) || parts[0] != parts[2]) return;
+  if (text.size() > max_element_len || !fits("<%s>%s</%s>", text, parts) || parts[0] != parts[2]) return;
   exchange.sent.emplace_back(parts[0], parts[1]);
 }
 
@@ -147,6 +149,7 @@ void Story::begin_exchange(std::string_view name, bool aside) {
   Exchange& exchange = aside ? beside_ : exchange_;
   end_exchange(exchange, nullptr);
   exchange = {};
+  if (row_named(Mark::request, name) == nullptr) return;
   exchange.open = true;
   exchange.reports = name.find("_get_") == std::string_view::npos;
   exchange.name = name;
@@ -162,7 +165,6 @@ void Story::end_exchange(Exchange& exchange, const Match* answer) {
   event.exchange = true;
   event.aside = &exchange == &beside_;
   event.row = row_named(Mark::request, exchange.name);
-  event.name = exchange.name;
   event.sent = std::move(exchange.sent);
   if (answer == nullptr) {
     event.text = "something else than 200 and 401, which the log does not name";
@@ -174,7 +176,7 @@ void Story::end_exchange(Exchange& exchange, const Match* answer) {
 }
 
 void Story::tell(Event event) {
-  if (event.row != nullptr && !event.exchange) event.name = event.row->name;
+  event.name = event.row->name;
   event.line = line_;
   event.cycle = cycle_;
   event.waited_s = waited_s_;

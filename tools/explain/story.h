@@ -16,7 +16,7 @@ namespace explain {
 /// What a line tells. The log has no times: `waited_s` is the sum of the waits that had passed since its first line,
 /// and so the least time that had.
 struct Event {
-  const Row* row = nullptr;     // of an answer: that of the request; null for a request that the table does not know
+  const Row* row = nullptr;     // of an exchange: that of the request
   const Row* answer = nullptr;  // of an exchange only; null when the log does not tell what came
   std::uint64_t line = 0;
   unsigned cycle = 0;  // 0 before the first

@@ -60,8 +60,7 @@ void Judge::take(const Event& event) {
 }
 
 void Judge::take_exchange(const Event& event) {
-  const std::string step =
-      event.row != nullptr ? fmt::format("{} ({})", event.row->next, event.row->meaning) : event.name;
+  const std::string step = fmt::format("{} ({})", event.row->next, event.row->meaning);
   const std::string_view answer = event.answer != nullptr ? event.answer->name : "status";
   const bool again = challenged_ && request_ == step;
   challenged_ = answer == "challenged";
