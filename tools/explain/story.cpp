@@ -130,6 +130,7 @@ void Story::take_exchange(const Match& match) {
     exchange_.detail = beside_.detail = "nothing came within 20 s";
   } else if (name == "no-route") {
     exchange_.detail = beside_.detail = fmt::format("no way there (errno {})", number(match, 0));
+    exchange_.no_route = beside_.no_route = match.row;
   } else if (name == "too-long" || name == "exit-signal") {
     exchange_ = {};
   } else if (name == "turn" || name == "guard") {
@@ -169,8 +170,9 @@ void Story::end_exchange(Exchange& exchange, const Match* answer) {
   if (answer == nullptr) {
     event.text = "something else than 200 and 401, which the log does not name";
   } else {
-    event.answer = answer->row;
-    event.text = answer->row->name == "no-connection" ? connection_failure(exchange.detail) : meaning_of(*answer);
+    const bool failed = answer->row->name == "no-connection";
+    event.answer = failed && exchange.no_route != nullptr ? exchange.no_route : answer->row;
+    event.text = failed ? connection_failure(exchange.detail) : meaning_of(*answer);
   }
   tell(std::move(event));
 }

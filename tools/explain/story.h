@@ -48,6 +48,7 @@ class Story {
     bool sending = false;  // its elements have been seen
     std::string name;
     std::string detail;
+    const Row* no_route = nullptr;
     std::uint64_t line = 0;
     std::vector<std::pair<std::string, std::string>> sent;
   };

@@ -19,10 +19,23 @@ bool is_one_of(std::string_view name, const std::array<std::string_view, N>& nam
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-std::string advice_of(Mark mark, std::string_view name) {
-  const Row* row = row_named(mark, name);
-  return row != nullptr ? std::string(row->next) : std::string();
+std::string advice_of(std::string_view name) {
+  const auto found = std::find_if(rows().begin(), rows().end(), [&](const Row& row) {
+    return row.name == name && row.mark != Mark::request && !row.next.empty();
+  });
+  return found != rows().end() ? std::string(found->next) : std::string();
 }
+
+struct Reason {
+  std::string_view answer;
+  const char* why;
+};
+constexpr std::array<Reason, 4> reasons = {{
+    {"no-connection", "the service can't be reached"},
+    {"no-route", "the camera's own network leads nowhere"},
+    {"silent", "the service takes the connection and does not answer"},
+    {"challenged", "the service refuses the camera's credentials"},
+}};
 
 }  // namespace
 
@@ -51,8 +64,8 @@ void Judge::take(const Event& event) {
   if (name == "switch") enabled_ = event.arguments[0] == "0" ? 0 : 1;
   if (name == "start") {
     state_.clear();
-    settle(Standing::undecided, event, "the daemon has started and not come to the end of a cycle");
     started_ = true;
+    settle(Standing::undecided, event, "the daemon has started and not come to the end of a cycle");
   }
   if (name == "reloading") settle(Standing::off_line, event, "a reload is under way: everything starts anew");
   if (name == "exit-signal") end(event, "the daemon was told to end");
@@ -65,9 +78,9 @@ void Judge::take_exchange(const Event& event) {
   const bool again = challenged_ && request_ == step;
   challenged_ = answer == "challenged";
   request_ = step;
-  answered_ = answer == "ok";
+  kind_ = answer;
   answer_ = challenged_ && again ? "401 once more: it refuses the credentials" : event.text;
-  advice_ = advice_of(Mark::answer, answer);
+  advice_ = advice_of(answer);
 }
 
 void Judge::take_state(const Event& event) {
@@ -93,7 +106,7 @@ void Judge::take_failure(const Event& event) {
   last_failure_ = event.name;
   Failure& failure = failures_[event.name];
   failure.text = event.text;
-  failure.next = advice_of(Mark::bad, event.name);
+  failure.next = advice_of(event.name);
   if (is_one_of(event.name, coded)) failure.code = event.arguments[0];
   if (event.name == "unreached") {
     failure.step = request_;
@@ -141,13 +154,14 @@ void Judge::blame_service() {
     verdict_.next = {"the switch in the camera's settings"};
     return;
   }
-  if (request_.empty() || answered_) {
+  if (request_.empty() || kind_ == "ok") {
     verdict_.why = "the log does not show what failed";
     return;
   }
   verdict_.step = request_;
   verdict_.answer = answer_;
-  verdict_.why = "the service did not do what was asked of it";
+  const auto* reason = std::find_if(reasons.begin(), reasons.end(), [&](const Reason& r) { return r.answer == kind_; });
+  verdict_.why = reason != reasons.end() ? reason->why : "the service refused what was asked of it";
   if (!advice_.empty()) verdict_.next.push_back(advice_);
 }
 
@@ -159,10 +173,10 @@ void Judge::blame_router() {
   if (before_ == "NATM") {
     verdict_.why = fmt::format("more than one NAT: the router's outside address is {}, the service sees {}",
                                router_ip_.empty() ? "another" : router_ip_, seen_ip_.empty() ? "another" : seen_ip_);
-    verdict_.next = {advice_of(Mark::state, before_)};
+    verdict_.next = {advice_of(before_)};
   } else if (before_ == "NoUPnP") {
     verdict_.why = "no UPnP gateway has answered, so no port leads to it";
-    verdict_.next = {advice_of(Mark::state, before_)};
+    verdict_.next = {advice_of(before_)};
   } else if (failed != failures_.end()) {
     const Failure& failure = failed->second;
     const std::string times = failure.count > 1 ? fmt::format(" ({} times)", failure.count) : "";

@@ -65,9 +65,9 @@ class Judge {
   std::string port_;
   std::string request_;  // the last exchange: its step, what came, and what to look at
   std::string answer_;
+  std::string_view kind_;  // the name of the answer's row
   std::string advice_;
-  bool started_ = false;   // the log shows a start of the daemon
-  bool answered_ = false;  // by 200
+  bool started_ = false;  // the log shows a start of the daemon
   bool challenged_ = false;
   int enabled_ = -1;
 };
