@@ -84,20 +84,23 @@ int follow(const Options& options) {
   });
   explain::Standing told = explain::Standing::undecided;
   explain::FollowCalls calls;
+  bool news = true;  // since the last verdict
   calls.sink = [&](const explain::Line& line) {
     story.take(line);
-    return true;
+    return news = true;
   };
   // All that was there has been read: what stands now is news when it is another.
   calls.pause = [&] {
     const explain::Verdict verdict = judge.verdict();
-    if (verdict.standing != told) printer.print_verdict(verdict, {story.waited_s(), 0});
+    if (verdict.standing == told) return;
+    printer.print_verdict(verdict, {story.waited_s(), 0});
     told = verdict.standing;
+    news = false;
   };
   calls.lost = [&] { printer.remark("lines of the log were lost here: it was rotated twice, or cut"); };
   calls.ended = [] { return end_requested != 0; };
   explain::follow_file(options.files[0], calls);
-  return finish(story, judge, printer, {story.waited_s(), 0});
+  return news ? finish(story, judge, printer, {story.waited_s(), 0}) : 0;
 }
 
 void check(const Options& options) {

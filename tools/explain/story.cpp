@@ -131,7 +131,9 @@ void Story::take_exchange(const Match& match) {
   } else if (name == "no-route") {
     exchange_.detail = beside_.detail = fmt::format("no way there (errno {})", number(match, 0));
     exchange_.no_route = beside_.no_route = match.row;
-  } else if (name == "too-long" || name == "exit-signal") {
+  } else if (name == "too-long") {
+    (exchange_.open ? exchange_ : beside_) = {};
+  } else if (name == "exit-signal") {
     exchange_ = {};
   } else if (name == "turn" || name == "guard") {
     end_exchange(exchange_, nullptr);

@@ -134,7 +134,7 @@ void Judge::end(const Event& event, const std::string& why) {
 
 void Judge::settle(Standing standing, const Event& event, std::string why) {
   const bool first = !started_ && !verdict_.decided();
-  if (standing != verdict_.standing || first) {
+  if (standing != verdict_.standing || first || verdict_.since_line == 0) {
     verdict_.since_line = event.line;
     verdict_.since_cycle = event.cycle;
     verdict_.since_waited_s = event.waited_s;
