@@ -10,73 +10,54 @@ import shutil
 import sys
 import textwrap
 import time
+from dataclasses import dataclass
+from pathlib import Path
 
 from lab.service import fields
 
 _STATE = re.compile(r"\*\*\*\[(\w+?)\.?\]\*\*\*")
 
-# What the daemon's log says, and what that means. A line that is in no row is only in the full log.
-_MEANINGS = [(re.compile(pattern), meaning) for pattern, meaning in [
-    (r"^=> uid=\((.*)\)", "this is {0}"),
-    (r"^=> hid=\((.*)\)", "its host id is {0}; looking for a UPnP gateway"),
-    (r"get_dev_sip_account fail", "!no account at the service yet"),
-    (r"^======== uid_info", "found a gateway; looking for old mappings of its own"),
-    (r"Remove pollution ExtPort\((\d+)\)", "removes its old mapping of port {0}"),
-    (r"Occupy by other service", "leaves another's mapping alone"),
-    (r"proxy srv:\((.+)\):\((.+)\)", "relay proxy {0}:{1}"),
-    (r"redirip=\S*, gethostbyname_addr=(\S+)", "the service is at {0}"),
-    (r"iface=\(\d+\) active ip is=(\S+)", "its LAN address is {0}"),
-    (r"\*\*\* No IP", "!no LAN address"),
-    (r"\*\*\* get ddns ip failed", "!the service's address can't be found"),
-    (r"must update Enable state\((\d)\)", "reports the user's switch to the service: {0}"),
-    (r"update Enable state\(\d\) fail", "!could not tell it"),
-    (r"must Query DAIP", "asks for its access server"),
-    (r"get daip fail", "!got none"),
-    (r"Physical DA eip: (\S*)", "its access server is {0}"),
-    (r"Test proxy srv", "no answer; tries the relay proxy"),
-    (r"==>\[eip:eport\] (\S+)", "the service sees it at {0}"),
-    (r"diff eip, private iip", "so it is behind a NAT"),
-    (r"diff eip, public iip", "another address, but a public one"),
-    (r"^friendlyName=\[(.*)\]", "found the gateway \"{0}\""),
-    (r"^upnpcp_get_eip ret=0", "the router tells its outside address"),
-    (r"^upnpcp_get_eip ret=([1-9-]\d*)", "!the router does not tell its outside address ({0})"),
-    (r"Querying eport:\((\d+)\)", "asks the router about port {0}"),
-    (r"ueport:\(\d+\) EMPTY", "it is free; maps it"),
-    (r"ueport:\((\d+)\) occupied", "port {0} belongs to another machine"),
-    (r"Previously Added by Me", "the mapping is its own, made at an earlier address; replaces it"),
-    (r"^ignore adding port mapping", "the mapping is its own and right"),
-    (r"add port \((\d+)\) failed", "!the router refuses port {0}"),
-    (r"^(?:A\d|B1) Port mapping i\((\d+)\)-e\((\d+)\) ok", "+the router's port {1} leads to the camera's port {0}"),
-    (r"unhandled return value\((-?\d+)\)", "!no use of the router ({0})"),
-    (r"connect back failed", "!the service does not reach it"),
-    (r"^ ?connect back test ok|^Connect back ok!", "+the service reaches it from outside"),
-    (r"Connect back need authentication", "once more, with credentials"),
-    (r"delete port=(\d+)", "deletes the mapping of port {0}"),
-    (r"must do first update", "first report since the start"),
-    (r"must\s?update\.?$", "what it reported has changed"),
-    (r"last state \((\w+)\), need to update", "the last cycle ended in {0}: reports again"),
-    (r"BYPASS update", "nothing has changed: no report"),
-    (r"go to reload", "reload: starts anew"),
-    (r"requestReloadHandler", "SIGUSR1 has come: reload"),
-    (r"requestConfigure", "SIGUSR2 has come: hold before the next start-over"),
-    (r"signalRequestExit", "told to end"),
-]]
-_WAITS = [(re.compile(pattern), seconds, why) for pattern, seconds, why in [
-    (r"^user name=\(", 6, "at start-up"),
-    (r"\*\*\*\[NATU\.\]", 5, "before the test"),
-    (r"\*\*\*\[UpnpPfReady\]", 5, "before the test"),
-    (r"wait \((\d+)\)secs to start over", 0, "before the next cycle"),
-    (r"wait \((\d+)\)secs to connect back", 0, "before the next test"),
-    (r"^sleep (\d+) secs", 0, "because of SIGUSR2"),
-    (r"sleep (\d+) sec to try again", 0, "before asking again"),
-    (r"\*\*\* No IP|\*\*\* get ddns ip failed|\*\*\* get http srv port failed", 10, "before trying again"),
-]]
-_ANSWERED = re.compile(r"<-401 received|200 OK|Error[:=]\(|Unknow Error")
-_UNANSWERED = re.compile(r"^\s*connect=-1|^\s*null$")
+# The daemon's log lines and what they mean: the table of kestrel-explain.
+TABLE = Path(__file__).resolve().parents[1] / "tools/explain/log_lines.txt"
+
+
+@dataclass(frozen=True)
+class Row:
+    """A row of the table."""
+    mark: str
+    name: str
+    pattern: re.Pattern
+    meaning: str
+    condition: str = ""  # of a wait, its seconds; "if 0" or "unless 0" of the first number
+
+    def fit(self, line: str) -> re.Match | None:
+        """The line as this row's text, or None."""
+        match = self.pattern.fullmatch(line)
+        if match and self.condition in ("if 0", "unless 0") and (int(match[1]) == 0) != (self.condition == "if 0"):
+            return None
+        return match
+
+
+def _pattern(text: str) -> re.Pattern:
+    return re.compile(re.escape(text).replace("%d", r"(-?\d+)").replace("%s", "(.*?)"))
+
+
+def read_table() -> list[Row]:
+    """All rows of the table."""
+    rows = []
+    for line in TABLE.read_text().splitlines():
+        if line and not line.startswith("#"):
+            mark, name, text, meaning, *_ = line.split(" | ")
+            mark, _, condition = mark.partition(" ")
+            rows.append(Row(mark, name, _pattern(text), "" if meaning == "-" else meaning, condition))
+    return rows
+
+
+_ROWS = read_table()
 # Elements of little interest here.
 _UNTOLD = ("mac", "ptype", "model", "ver", "sptver", "oif", "mask", "gw", "tch", "tstamp", "chno", "stype")
 SEARCH_S = 8  # what a search for a gateway takes when none answers
-_SEARCHES = [(re.compile(r"^=> hid="), SEARCH_S), (re.compile(r"\*\*\*\[NATMode\]"), 2 * SEARCH_S)]
+_SEARCHES = {"hid": SEARCH_S, "NATMode": 2 * SEARCH_S}
 _SPINNER = "|/-\\"
 
 
@@ -146,27 +127,26 @@ class Account:
 
     def log(self, line: str) -> bool:
         """One line of the daemon's log. True when an exchange with the service has just ended."""
-        self._account_for_searches(line)
+        found = [(row, match) for row in _ROWS if row.mark != "request" and (match := row.fit(line.strip()))]
+        names = {row.name for row, _ in found}
+        self._account_for_searches(names)
         if name := state_in(line):
             self._enter(name)
-        if _UNANSWERED.search(line):
+        if names & {"no-connection", "silent"}:
             self.note("no answer from the service", "!")
-        for pattern, meaning in _MEANINGS:
-            if match := pattern.search(line):
+        for row, match in [pair for pair in found if pair[0].mark in ".+!"][:1]:
+            if row.meaning:
                 self._wait = None
-                mark = meaning[0] if meaning[0] in "+!" else " "
-                self.note(meaning.lstrip("+!").format(*match.groups()), mark)
-                break
-        for pattern, seconds, why in _WAITS:
-            if match := pattern.search(line):
-                seconds = seconds or int(match[1])
-                self.mandated.append((seconds, why))
-                self.note(f"waits {seconds} s {why}")
-                self._wait = (self.now(), seconds, why)
-        for pattern, seconds in _SEARCHES:
-            if pattern.search(line):
-                self._wait = (self.now(), seconds, "for a gateway's answer")
-        return bool(_ANSWERED.search(line))
+                self.note(row.meaning.format(*match.groups()), " " if row.mark == "." else row.mark)
+        for row, match in found:
+            if row.mark == "wait":
+                seconds = int(row.condition.format(*match.groups()))
+                self.mandated.append((seconds, row.meaning))
+                self.note(f"waits {seconds} s {row.meaning}")
+                self._wait = (self.now(), seconds, row.meaning)
+        for name in names & _SEARCHES.keys():
+            self._wait = (self.now(), _SEARCHES[name], "for a gateway's answer")
+        return bool(names & {"challenged", "ok", "status"})
 
     def _enter(self, name: str) -> None:
         if name == "UPnP" and self._state == "NATMode" and not self._second_header:
@@ -178,12 +158,12 @@ class Account:
             self._shown_state = ""
             self.note(_STATES.get(name, ""))
 
-    def _account_for_searches(self, line: str) -> None:
-        if line.startswith("======== uid_info") or line.startswith("friendlyName=["):
+    def _account_for_searches(self, names: set[str]) -> None:
+        if names & {"first-gateway", "gateway"}:
             self._searched_s = 0
-        elif "***[NATMode]***" in line:
+        elif "NATMode" in names:
             self._searched_s = 2 * SEARCH_S
-        elif line.startswith("user name=(") or "***[NoUPnP]***" in line:
+        elif names & {"user", "NoUPnP"}:
             if self._searched_s:
                 self.mandated.append((self._searched_s, "for a gateway that does not answer"))
                 self.note("no gateway has answered")
@@ -248,22 +228,4 @@ class Account:
 
 
 # What each state is for, in a few words.
-_STATES = {
-    "START": "gathers addresses and settings",
-    "IpReady": "asks the service how it sees the camera",
-    "InternetReady": "compares that with its own address",
-    "NATMode": "looks for the router's UPnP",
-    "PublicMode": "has a public address",
-    "UPnP": "asks the router for its outside address",
-    "NoUPnP": "no UPnP: reports without a mapping",
-    "UPnP_A": "is the router's outside address the one that the service sees?",
-    "UPnP_B": "maps a port without knowing the router's address",
-    "NATU": "has the fresh mapping tested from outside",
-    "NAT1": "one NAT: maps a port",
-    "NATM": "more than one NAT: reports without a mapping",
-    "UpnpPfReady": "has the mapping tested from outside, then reports",
-    "UpnpPfFailed": "no mapping to be had: reports without one",
-    "LumenDevPartDone": "registered, but not reachable from outside",
-    "LumenDevDone": "registered",
-    "LumenDevNotReady": "not registered",
-}
+_STATES = {row.name: row.meaning for row in _ROWS if row.mark == "state"}
