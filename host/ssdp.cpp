@@ -29,8 +29,9 @@ int open_socket(const Interface& on) {
   ip_mreqn multicast{};
   multicast.imr_address.s_addr = on.ip;
   multicast.imr_ifindex = static_cast<int>(on.index);
+  // The address names the interface to the kernel as well; some emulators do not know the option.
+  static_cast<void>(setsockopt(fd.get(), IPPROTO_IP, IP_MULTICAST_IF, &multicast, sizeof(multicast)));
   if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0 ||
-      setsockopt(fd.get(), IPPROTO_IP, IP_MULTICAST_IF, &multicast, sizeof(multicast)) != 0 ||
       setsockopt(fd.get(), IPPROTO_IP, IP_MULTICAST_TTL, &multicast_ttl, sizeof(multicast_ttl)) != 0) {
     return -1;
   }

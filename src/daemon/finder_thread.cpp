@@ -1,5 +1,6 @@
 // The finder thread's entry, see kestreld.h.
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -30,7 +31,7 @@ void* finderd_thread(void* context) {
   if (blocked != 0) {
     // This line and the last one speak of other subsystems. Readers of logs know them so; they stay.
     debug_log("%s %d pthread_exit: PlayAudio thread id = %d, iSigMaskResult = %d(%s) \n", module_name, __LINE__,
-              static_cast<int>(gettid()), blocked, std::strerror(blocked));
+              static_cast<int>(syscall(SYS_gettid)), blocked, std::strerror(blocked));
     return nullptr;
   }
   debug_log("%s %s %d New finderd_thread pid:%d ppid:%d\n", module_name, "finderd_thread", __LINE__,

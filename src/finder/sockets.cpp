@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "core/debug_log.h"
@@ -178,7 +179,11 @@ bool lost_device() {
   for (int i = 0; finder.complete && i < finder.served.iIfNum; ++i) {
     char name[IFNAMSIZ] = "";
     socklen_t len = sizeof(name);
-    if (getsockopt(finder.fd[i], SOL_SOCKET, SO_BINDTODEVICE, name, &len) != 0) return true;
+    if (getsockopt(finder.fd[i], SOL_SOCKET, SO_BINDTODEVICE, name, &len) != 0) {
+      // Kernels before 3.8 do not tell the name, nor do emulators; a socket is not lost for that.
+      if (errno == ENODEV || errno == EBADF) return true;
+      continue;
+    }
     if (std::strcmp(name, finder.served.act_if[i].name) != 0) return true;
   }
   return false;

@@ -53,8 +53,8 @@ TEST(Shell, ACommandRunsToItsEndWithNoSignalBlockedOrIgnored) {
   std::signal(SIGPIPE, SIG_DFL);
   EXPECT_EQ(child.status, 0);
   // The C library keeps two signals of its own, 32 and 33, out of this.
-  unsigned long blocked = 1, ignored = 1;
-  EXPECT_EQ(std::sscanf(child.out.c_str(), "SigBlk: %lx SigIgn: %lx", &blocked, &ignored), 2) << child.out;
+  unsigned long long blocked = 1, ignored = 1;
+  EXPECT_EQ(std::sscanf(child.out.c_str(), "SigBlk: %llx SigIgn: %llx", &blocked, &ignored), 2) << child.out;
   EXPECT_EQ(blocked, 0U);
   EXPECT_EQ(ignored & 0x7FFFFFFF, 0U);
 }

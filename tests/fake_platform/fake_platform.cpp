@@ -23,7 +23,7 @@ std::mutex fake_mutex;  // two threads record; hooks run outside of it
 std::string shown(const std::string& argument) {
   return argument;
 }
-std::string shown(long argument) {
+std::string shown(long long argument) {
   return std::to_string(argument);
 }
 

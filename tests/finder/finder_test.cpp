@@ -440,10 +440,12 @@ TEST_F(FinderTest, RepliesTakeWhatThePlatformGives) {
   }
   setenv("TZ", "XXX-5", 1);  // the zone is changed while the daemon runs
   EXPECT_EQ(payload(op_survey).substr(293, 14), "20010909064640");
-  fake.unix_time_s = std::numeric_limits<long>::max();  // a year that no calendar has
-  EXPECT_EQ(outcome(request(op_survey)).substr(0, 2), hex("0100"));
-  EXPECT_EQ(fake.console, Texts{"localtime: Value too large for defined data type\n"});
-  EXPECT_EQ(payload(op_survey).substr(292), hex("01") + Bytes(16, '\0') + hex("341201"));
+  if (sizeof(std::time_t) > 4) {  // a year that no calendar has
+    fake.unix_time_s = std::numeric_limits<long>::max();
+    EXPECT_EQ(outcome(request(op_survey)).substr(0, 2), hex("0100"));
+    EXPECT_EQ(fake.console, Texts{"localtime: Value too large for defined data type\n"});
+    EXPECT_EQ(payload(op_survey).substr(292), hex("01") + Bytes(16, '\0') + hex("341201"));
+  }
 
   fake.http_port = 0x10000 + 8080;
   fake.brand = fake.product = fake.model = fake.oem_version = fake.camera_name = Bytes(200, 'x');
@@ -692,7 +694,14 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
       {"a port that stays taken", hold_port, nullptr, {"bind error\n"}, 1, {}, false, false},
       {"no descriptor", descriptors(0), nullptr, {}, 1, {}, false, false},
       {"no descriptor at first", descriptors(0), descriptors(1024), {}, 1, {}, false}};
+  char name[16] = "lo";
+  socklen_t len = sizeof(name);
+  const int bound = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  setsockopt(bound, SOL_SOCKET, SO_BINDTODEVICE, name, len);
+  const bool device_is_told = getsockopt(bound, SOL_SOCKET, SO_BINDTODEVICE, name, &len) == 0;
+  close(bound);
   for (const auto& row : rows) {
+    if (!device_is_told && row.what == std::string("a device made anew")) continue;  // an emulator
     again(row.given);
     const auto served = [&] { return exchange(request(op_survey, "", everybody)).size() == 334; };
     const auto set_ups = [] { return fake_logged(" In get_ifinfo: "); };

@@ -1,0 +1,130 @@
+// What writes: settings, the status, a mapping. Each puts back what it found.
+#include <cstring>
+
+#include "check.h"
+#include "platform/sptcontrol.h"
+#include "platform/tesselcfg.h"
+#include "platform/upnpc.h"
+
+namespace platform_check {
+
+namespace {
+
+constexpr std::size_t room = 128;
+constexpr char kept_old[] = "tells the tool that it was refused, or goes on with the old one";
+
+/// A text that is stored and read back, and the old one put back.
+void store(Finding& finding, int (*get)(char*), int (*set)(char*), const char* test) {
+  char old[room] = "", now[room] = "", wanted[room];
+  std::strcpy(wanted, test);
+  get(old);
+  if (old[0] == '\0') return tell(finding, "none is stored that could be put back, not tried");
+  const int result = set(wanted);
+  get(now);
+  set(old);
+  char back[room] = "";
+  get(back);
+  tell(finding, "result %d, \"%.40s\"", result, now);
+  if (std::strcmp(now, test) != 0) note(finding, kept_old, "\"%.40s\" was not stored", test);
+  if (result == 0 && std::strcmp(now, test) == 0)
+    note(finding, "looks whether it was stored", "result 0 though stored");
+  if (std::strcmp(old, back) != 0) note(finding, "has nothing to do with it", "\"%.40s\" could not be put back", old);
+}
+
+int get_domain(char* domain) {
+  char ip[room] = "";
+  return cre_get_skyport_domain_ip(domain, ip);
+}
+
+void domain(Finding& finding) {
+  store(finding, get_domain, cre_set_skyport_domain, "platform-check.test");
+}
+void redirect_server(Finding& finding) {
+  store(finding, get_redirsrv_ip, set_redirsrv_ip, "192.0.2.77");
+}
+
+void host_id(Finding& finding) {
+  char hid[room] = "", password[room] = "";
+  if (get_dev_sip_account(hid, password) == 0) return tell(finding, "no account, not tried");
+  const int result = cre_set_skyport_hid(hid);
+  tell(finding, "result %d", result);
+  if (result == 0) note(finding, "logs a failure, and goes on", "result 0");
+}
+
+void enable_switch(Finding& finding) {
+  char old = 0, now = 0;
+  cre_get_skyport_enable_state(&old);
+  const char wanted = old == 0 ? 1 : 0;
+  const int result = cre_set_skyport_enable_state(wanted);
+  cre_get_skyport_enable_state(&now);
+  cre_set_skyport_enable_state(old);
+  tell(finding, "result %d, %d", result, now);
+  if (now != wanted) note(finding, kept_old, "the switch keeps %d", now);
+}
+
+void alias(Finding& finding) {
+  char old[room] = "", now[room] = "", test[] = "platform-check";
+  char old_status = 0, status = 0, only = 0;
+  srv_get_aliasname_status(old, &old_status);
+  const int result = srv_update_aliasname_status(test, ALIAS_REQUESTED);
+  srv_get_aliasname_status(now, &status);
+  srv_set_skyport_alias_status(ALIAS_FAILED);
+  srv_get_skyport_alias_status(&only);
+  srv_update_aliasname_status(old, old_status);
+  tell(finding, "result %d, \"%.31s\", %d, then %d", result, now, status, only);
+  if (result == 0) note(finding, "refuses the tool's alias", "result 0");
+  if (std::strcmp(now, test) != 0 || status != ALIAS_REQUESTED) {
+    note(finding, "never asks the service for the alias", "the alias or its status was not stored");
+  }
+  if (only != ALIAS_FAILED) note(finding, "asks the service for it in every cycle", "the status alone was not stored");
+}
+
+/// The daemon says it anew with its next state.
+void status(Finding& finding) {
+  SetSptOnLineStatus(0);
+  SetSptURI("http://platform-check.test");
+  tell(finding, "returned");
+}
+
+void mapping(Finding& finding) {
+  constexpr int port = 50997, timeout_s = 8;
+  constexpr char description[] = "kestrel-platform-check";
+  MupnpIgd gateway{};
+  if (Mupnpcp_discover(&gateway, timeout_s) != 0) return tell(finding, "no gateway, not tried");
+  const int added = Mupnp_add_eport(description, port, 80, MUPNP_PROTOCOL_HTTP, timeout_s);
+  if (added != 0) return tell(finding, "the router refuses: %d", added);
+  char text[room] = "", client[room] = "";
+  int internal = 0, lease_s = 0;
+  const int found = Mupnpcp_query_eport_ex(text, client, &internal, &lease_s, port, MUPNP_PROTOCOL_HTTP, timeout_s);
+  const int deleted = Mupnp_del_eport(port, MUPNP_PROTOCOL_HTTP, timeout_s);
+  const int again = Mupnp_del_eport(port, MUPNP_PROTOCOL_HTTP, timeout_s);
+  tell(finding, "added, found %d, deleted %d, again %d", found, deleted, again);
+  if (found != MUPNP_MAPPED_HERE || internal != 80)
+    note(finding, "takes another port", "the mapping is not known as ours");
+  if (std::strcmp(text, description) != 0)
+    note(finding, "never removes its mappings", "the description is \"%.40s\"", text);
+  if (deleted != 0) note(finding, "tries 5 times, and leaves it", "a mapping cannot be deleted: %d", deleted);
+  if (again == 0) note(finding, "cannot tell what the router has", "a mapping that is gone is deleted");
+}
+
+constexpr Row own(const char* name, const char* asked, void (*examine)(Finding&), int limit_ms = quick_ms) {
+  return {name, asked, nullptr, {}, Result::unused, "", false, examine, true, limit_ms};
+}
+
+constexpr Row rows[] = {
+    own("cre_set_skyport_hid", "the same host id", host_id),
+    own("cre_set_skyport_domain", "another, and back", domain),
+    own("cre_set_skyport_enable_state", "the other, and back", enable_switch),
+    own("set_redirsrv_ip", "another, and back", redirect_server),
+    own("srv_update_aliasname_status", "another, and back", alias),
+    own("SetSptOnLineStatus, SetSptURI", "off line, a URI", status),
+    own("Mupnp_add_eport, del_eport", "port 50997, and away", mapping, 5 * router_ms),
+};
+
+}  // namespace
+
+Rows writing_rows() {
+  return {rows, sizeof(rows) / sizeof(rows[0])};
+}
+
+}  // namespace platform_check
