@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "core/quotient.h"
+
 namespace kestrel {
 
 int DbgLevel = 0;
@@ -44,8 +46,9 @@ void put_decimal(Line& line, int value) {
   std::size_t i = sizeof(digits);
   unsigned rest = value < 0 ? 0U - static_cast<unsigned>(value) : static_cast<unsigned>(value);
   do {
-    digits[--i] = static_cast<char>('0' + rest % 10);
-    rest /= 10;
+    const unsigned tens = quotient<10>(rest);
+    digits[--i] = static_cast<char>('0' + (rest - 10 * tens));
+    rest = tens;
   } while (rest != 0);
   if (value < 0) put_char(line, '-');
   put_text(line, digits + i, sizeof(digits) - i);

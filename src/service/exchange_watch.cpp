@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "core/quotient.h"
 #include "core/signals_blocked.h"
 #include "service/requests.h"
 
@@ -47,7 +48,7 @@ constexpr std::size_t watch_stack_len = 131072;  // bytes of address space; two 
 std::uint32_t now_ms() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint32_t>(now.tv_sec) * 1000U + static_cast<std::uint32_t>(now.tv_nsec / 1'000'000);
+  return static_cast<std::uint32_t>(now.tv_sec) * 1000U + quotient<1'000'000>(static_cast<std::uint32_t>(now.tv_nsec));
 }
 
 /// Milliseconds to the deadline, which may lie in the past.
@@ -158,7 +159,8 @@ void ExchangeWatch::limit(unsigned ms) const {
     static_cast<void>(eventfd_write(wake_fd, 1));
     return;
   }
-  const timeval time_out{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
+  const std::uint32_t seconds = quotient<1000>(ms);
+  const timeval time_out{static_cast<time_t>(seconds), static_cast<suseconds_t>((ms - 1000 * seconds) * 1000)};
   setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time_out, sizeof(time_out));
   setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time_out, sizeof(time_out));
 }

@@ -18,7 +18,7 @@ void digest(Finding& finding) {
   static Guarded state, out;
   state.fill(pattern);
   out.fill(pattern);
-  auto* context = reinterpret_cast<MD5_CTX*>(state.at());
+  auto* context = static_cast<MD5_CTX*>(static_cast<void*>(state.at()));
   unsigned char text[] = "abc";
   MD5Init(context);
   MD5Update(context, text, 1);

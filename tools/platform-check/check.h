@@ -8,7 +8,7 @@
 
 namespace platform_check {
 
-enum class Kind { none, text, bytes, number };
+enum class Kind { none, text, secret, bytes, number };  // a secret is a text that is not shown
 
 /// An output of a function.
 struct Out {
@@ -75,7 +75,7 @@ void probe(const Row& row, Finding& finding);
 /// Bytes of which a function may write those in the middle; the rest is looked over.
 struct Guarded {
   static constexpr std::size_t front = 64, back = 2048, middle = 4096;
-  unsigned char bytes[front + middle + back];
+  alignas(16) unsigned char bytes[front + middle + back];  // for every type that is put there
 
   unsigned char* at() { return bytes + front; }
   char* text() { return reinterpret_cast<char*>(at()); }

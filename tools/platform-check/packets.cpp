@@ -137,7 +137,7 @@ void challenge(Finding& finding) {
   packetheader_field_node node{name, value, nullptr};
   static Guarded buffer;
   buffer.fill(0);  // the texts that were there before are none
-  auto* auth = reinterpret_cast<AuthenticateInfo*>(buffer.at());
+  auto* auth = static_cast<AuthenticateInfo*>(static_cast<void*>(buffer.at()));
   GetAuthenticateInfo(&node, auth);
   tell(finding, "\"%.31s\", \"%.31s\", %.31s, %.31s", auth->realm, auth->nonce, auth->algorithm, auth->qop);
   if (buffer.written(0) > static_cast<int>(sizeof(AuthenticateInfo))) {

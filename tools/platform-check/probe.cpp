@@ -43,6 +43,11 @@ int written(std::size_t k) {
   return std::min(first, second) < 0 ? -1 : std::max(first, second);
 }
 
+/// Foreign bytes are no commands to whoever's terminal shows them.
+void make_printable(char* text) {
+  for (; *text != '\0'; ++text) *text = std::isprint(static_cast<unsigned char>(*text)) != 0 ? *text : '?';
+}
+
 void judge_width(const Out& out, int width, const char* of, Finding& finding) {
   if (width < 0) note(finding, overwritten, "writes in front of %s", of);
   if (width <= static_cast<int>(out.stated)) return;
@@ -53,10 +58,12 @@ void judge_width(const Out& out, int width, const char* of, Finding& finding) {
 
 void tell_out(const Out& out, Guarded& buffer, int width, Finding& finding) {
   char shown[48] = "nothing";
-  if (width > 0 && out.kind == Kind::text) {
+  if (width > 0 && out.kind == Kind::secret) {
+    std::snprintf(shown, sizeof(shown), "%zu characters", strnlen(buffer.text(), out.stated));
+  } else if (width > 0 && out.kind == Kind::text) {
     std::snprintf(shown, sizeof(shown), "\"%.*s\"", static_cast<int>(std::min<std::size_t>(out.stated, 40)),
                   buffer.text());
-    for (char& c : shown) c = c == '\0' || std::isprint(static_cast<unsigned char>(c)) != 0 ? c : '?';
+    make_printable(shown);
   } else if (width > static_cast<int>(sizeof(unsigned long))) {
     std::snprintf(shown, sizeof(shown), "%d bytes", width);
   } else if (width > 0) {
@@ -68,13 +75,17 @@ void tell_out(const Out& out, Guarded& buffer, int width, Finding& finding) {
   std::snprintf(finding.came + len, sizeof(finding.came) - len, "%s%s", len > 0 ? ", " : "", shown);
 }
 
+bool is_text(const Out& out) {
+  return out.kind == Kind::text || out.kind == Kind::secret;
+}
+
 void judge_out(const Row& row, std::size_t k, int result, Finding& finding) {
   const Out& out = row.outs[k];
   const int width = written(k);
   const bool said = row.result == Result::zero_succeeds ? result == 0 : result != 0;
   tell_out(out, buffers[1][k], width, finding);
   judge_width(out, width, "an output", finding);
-  if (out.kind == Kind::text && width > 0) {
+  if (is_text(out) && width > 0) {
     const bool terminated = std::memchr(buffers[0][k].at(), 0, out.stated) != nullptr &&
                             std::memchr(buffers[1][k].at(), 0, out.stated) != nullptr;
     if (!terminated) note(finding, "puts one at the end of its room", "no terminator within %zu bytes", out.stated);
@@ -84,7 +95,7 @@ void judge_out(const Row& row, std::size_t k, int result, Finding& finding) {
   }
   if (row.result == Result::unused) return;
   if (width == 0 && said) note(finding, row.without, "result %d, and an output was not touched", result);
-  const bool filled = out.kind == Kind::text && width > 0 && buffers[1][k].at()[0] != 0;
+  const bool filled = is_text(out) && width > 0 && buffers[1][k].at()[0] != 0;
   if (filled && !said) {
     note(finding, row.result == Result::unread ? "does not look at the result" : row.without,
          "result %d though a text was filled in", result);
@@ -142,6 +153,7 @@ void note(Finding& finding, const char* daemon, const char* format, ...) {
   va_start(args, format);
   std::vsnprintf(finding.broken, sizeof(finding.broken), format, args);
   va_end(args);
+  make_printable(finding.broken);
   finding.daemon = daemon;
 }
 
@@ -150,6 +162,7 @@ void tell(Finding& finding, const char* format, ...) {
   va_start(args, format);
   std::vsnprintf(finding.came, sizeof(finding.came), format, args);
   va_end(args);
+  make_printable(finding.came);
 }
 
 void probe(const Row& row, Finding& finding) {

@@ -26,6 +26,9 @@ int call_sized(void* const out[], std::size_t size) {
 constexpr Out text(std::size_t stated, std::size_t room) {
   return {Kind::text, stated, room};
 }
+constexpr Out secret(std::size_t stated, std::size_t room) {
+  return {Kind::secret, stated, room};
+}
 constexpr Out one_byte(std::size_t room = 128) {
   return {Kind::bytes, 1, room};
 }
@@ -106,7 +109,7 @@ constexpr Row rows[] = {
     {"get_dev_sip_account",
      "9 and 52 bytes",
      call<get_dev_sip_account, char, char>,
-     {text(9, 64), text(52, 64)},
+     {text(9, 64), secret(52, 64)},
      Result::zero_fails,
      "asks again every 3 s, for ever"},
     {"cre_get_skyport_domain_ip",
@@ -124,7 +127,13 @@ constexpr Row rows[] = {
      Result::zero_fails,
      "does not find the service while its name cannot be resolved"},
     sized<cre_get_power_username, int>("cre_get_power_username", 256, 256, Result::zero_fails, "lets nobody in by it"),
-    sized<cre_get_power_user_passwd, int>("cre_get_power_user_passwd", 64, 256, Result::zero_fails, "lets nobody in"),
+    {"cre_get_power_user_passwd",
+     "at most 64 bytes",
+     call_sized<cre_get_power_user_passwd, int>,
+     {secret(64, 256)},
+     Result::zero_fails,
+     "lets nobody in",
+     true},
     byte<cre_get_max_user_count>("cre_get_max_user_count", Result::unread, "knows no users", 1),
     {"cre_get_user_name_by_count",
      "a bounded text",

@@ -1,0 +1,27 @@
+// Division by a constant, as a multiplication. Compilers that optimise for size call a routine of the compiler's own
+// instead where the processor cannot divide: 1.3 kB on 32-bit ARM, for three places.
+#ifndef KESTREL_CORE_QUOTIENT_H
+#define KESTREL_CORE_QUOTIENT_H
+
+#include <cstdint>
+
+namespace kestrel {
+
+/// `number` divided by `by`, cut, for every number.
+template <std::uint32_t by>
+constexpr std::uint32_t quotient(std::uint32_t number) {
+  // The smallest power of two that makes the rounded-up factor exact for 32 bits.
+  constexpr int shift = 32 + (by == 10 ? 3 : by == 1000 ? 6 : 18);
+  constexpr std::uint64_t factor = (std::uint64_t{1} << shift) / by + 1;
+  static_assert(by == 10 || by == 1000 || by == 1'000'000, "the shift of another divisor is to be found first");
+  static_assert(factor <= 0xFFFFFFFF &&
+                (factor * by - (std::uint64_t{1} << shift)) <= (std::uint64_t{1} << (shift - 32)));
+  return static_cast<std::uint32_t>(number * factor >> shift);
+}
+
+static_assert(quotient<10>(0xFFFFFFFF) == 429496729 && quotient<10>(0xFFFFFFF9) == 429496728);
+static_assert(quotient<1000>(0xFFFFFFFF) == 4294967 && quotient<1'000'000>(999'999'999) == 999);
+
+}  // namespace kestrel
+
+#endif
