@@ -65,8 +65,8 @@ VERDICTS = {
     "code": (START + ROUTER + ["unhandled return value(501),UPF() failed"] + NONE_LEFT, ONLY, 1, 0, "'501'", "by hand"),
     "maps nothing": (START + ROUTER + MAPPED + UNREACHED + NONE_LEFT, ONLY, 1, 0, "maps ports", "connectbk", "404"),
     "no answer": (START + SEEN[:2] + ask("srv_get_eip", *TIMED_OUT) + NOT_READY + CYCLE
-                  + ask("srv_get_daip", *TIMED_OUT) + NOT_READY + BOOT[-1:], OFF, 1, 600, "daip", "within 20 s"),
-    "password": (BOOT + CYCLE + 2 * ask("srv_update", "connect=0", "<-401 received!") + NOT_READY, OFF, 1, 0, "401 on"),
+                  + ask("srv_get_daip", *TIMED_OUT) + NOT_READY + BOOT[-1:], OFF, 1, 600, "daip", "can't be reached"),
+    "password": (BOOT + CYCLE + 2 * ask("srv_update", "connect=0", "<-401 received!") + NOT_READY, OFF, 1, 0, "creden"),
     "query's error": (START + SEEN[:2] + ask("srv_get_eip", " connect=0") + NOT_READY, OFF, 1, 0, "else than 200"),
     "error": (START + ask("srv_update", "connect=0", "Error=(503)") + NOT_READY, OFF, 1, 0, "iupd", "503", "own log"),
     "switch": (BOOT + CYCLE[:4] + [" Enable=0, Last_Spt_Enabled=-1", *NOT_READY], OFF, 1, 0, "switched"),
@@ -90,7 +90,6 @@ class Explain(unittest.TestCase):
                 literals |= {part.strip() for part in re.split(r"\\[nr]", text)}
         table = (PROJECT / "tools/explain/log_lines.txt").read_text()
         texts = [line.split(" | ")[2] for line in table.splitlines() if line and not line.startswith("#")]
-        self.assertGreater(len(texts), 100)
         self.assertEqual([text for text in texts if text not in literals], [])
 
     def test_verdicts(self):
@@ -104,8 +103,9 @@ class Explain(unittest.TestCase):
     def test_story_folds_what_repeats_and_shows_foreign_text_harmlessly(self):
         failing = CYCLE + ask("srv_get_daip", *TIMED_OUT) + NOT_READY
         ports = [f"***B1 Port mapping add port ({port}) failed,try next" for port in range(8081, 8131)]
-        story = explain(log=["friendlyName=[\x1b[2J\u202evil\xfc]"] + ports + START + 40 * failing)
-        for told in ("(39 more cycles like this one)", "(47 more lines like these)", 'gateway "?[2J?vil\xfc"'):
+        story = explain(log=["friendlyName=[\x1b[2J\u202evil\xfc]"] + ports + DONE + 40 * failing)
+        for told in ("(39 more cycles like this one)", "(47 more lines like these)", 'gateway "?[2J?vil\xfc"',
+                     "UPnP              asks the router", "since    line 106, in cycle 2; at least 3:15:00"):
             self.assertIn(told, story)
         self.assertEqual(story.count("-> GET /daip.html"), 2)
         long = b"KLOG***[START]***\n" + b"KLOG" + 30_000_000 * b"a" + b"\nKLOG***[LumenDevPartDone]***\n\0\xff\n"
@@ -119,11 +119,11 @@ class Explain(unittest.TestCase):
                       "kestreld 76 Timestamp=439500", "<tstamp>439500</tstamp>", "  mac=00:4b:52:10:20:30",
                       "ReqMAC=00:4B:52:10:20:30", "<ah>garden</ah>", "  tell garden", "\n<--\n" + 14 * "13ktbr/L1YKP"
                       + "\nbXkgYm9keQ==\n<--", 'Digest username="10203040", nonce="8ee508d0166245f7", '
-                      'response="d102f14efb6c', "  FirmwareVersion=1.2.0.4", "[255.255.255.0]", "=> hid=(10203040)",
+                      'response="d102f14efb6c', "  FirmwareVersion=1.2.0.4", "[255.255.255.0]", "\n<--\n<p>kept",
                       " ==>[eip:eport] 5.1.1.2:1", "redirip=5.4.3.2, gethostbyname_addr=5.4.3.2."]
         copy = explain("--redact", log=log)
         self.assertEqual([secret for secret in secrets if secret in copy], [])
-        for kept in ("192.168.1.50", "1.2.0.4", "255.255.255.0", "mac=[mac-1]", "ReqMAC=[mac-1]", "tell [name-1]"):
+        for kept in ("192.168.1.50", "1.2.0.4", "[255.255.255.0]", "ReqMAC=[mac-1]", "tell [name-1]", "<p>kept"):
             self.assertIn(kept, copy)
         self.assertEqual(len(set(re.findall(r"gethostbyname_addr=(\S+?)\.?\n", copy))), 1)
         self.assertEqual(explain("--verdict", log=copy.encode()), explain("--verdict", log=log))

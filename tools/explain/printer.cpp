@@ -118,7 +118,7 @@ void Printer::print_json(const Event& event) {
 
 void Printer::tell(const Event& event) {
   const bool state = !event.exchange && event.row->mark == Mark::state;
-  if (state) end_state();
+  if (state || event.name == "start") end_state();
   const bool failure = !event.exchange && event.row->mark == Mark::bad;
   if (!state && ++in_state_[event.name] > told_in_state + (event.exchange ? told_in_state : 0)) {
     ++untold_;

@@ -166,8 +166,11 @@ void Judge::blame_service() {
 }
 
 void Judge::blame_router() {
+  std::string code_advice;
   for (const auto& [name, failure] : failures_) {
-    if (!failure.code.empty()) verdict_.router_code = failure.code;
+    if (failure.code.empty()) continue;
+    verdict_.router_code = failure.code;
+    code_advice = failure.next;
   }
   const auto failed = failures_.find(last_failure_);
   if (before_ == "NATM") {
@@ -188,6 +191,8 @@ void Judge::blame_router() {
   } else {
     verdict_.why = "no mapping to be had";
   }
+  const bool told = std::find(verdict_.next.begin(), verdict_.next.end(), code_advice) != verdict_.next.end();
+  if (!code_advice.empty() && !told) verdict_.next.push_back(code_advice);
 }
 
 Verdict Judge::verdict() const {
