@@ -34,6 +34,7 @@ def run(argv: list[str]) -> int:
     parser.add_argument("--real-time", action="store_true", help="don't speed up the camera's clock")
     parser.add_argument("--speed", type=float, metavar="N", help="speed the camera's clock up N times")
     parser.add_argument("--within", type=float, default=0, metavar="S", help="fail when registering takes longer")
+    parser.add_argument("--untimed", action="store_true", help="don't measure the first cycle, as of an emulated daemon")
     parser.add_argument("--keep-log", type=Path, metavar="DIR",
                         help="where the logs go (default: lab/NAME in the build)")
     parser.add_argument("--watch", action="store_true", help="stay registered until Ctrl-C, where the scenario can")
@@ -78,7 +79,7 @@ def _play_one(name: str, options: argparse.Namespace, build: Path) -> int:
     kept = (options.keep_log or build / "lab" / name).resolve()
     speed = 1 if options.real_time or options.here else options.speed or scenario.speed
     scene_options = Options(speed=speed, kept=kept, watch=options.watch,
-                            register_within_s=options.within)
+                            register_within_s=options.within, timed=not options.untimed)
     if options.here:
         return _play_here(scenario, scene_options, build)
     return world.enter(lambda: _play(scenario, scene_options, build), longest_s=0 if options.watch else _LONGEST_S)

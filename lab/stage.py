@@ -24,6 +24,7 @@ class Options:
     kept: Path | None = None  # where the full log goes
     watch: bool = False  # stay until Ctrl-C when all is shown
     register_within_s: float = 0  # 0: as long as the scenario allows
+    timed: bool = True  # in real time, a first cycle that takes longer than its waits fails
 
 
 class Stage:
