@@ -36,6 +36,7 @@ def run(argv: list[str]) -> int:
     parser.add_argument("--real-time", action="store_true", help="don't speed up the camera's clock")
     parser.add_argument("--speed", type=_above_zero(float), metavar="N", help="speed the camera's clock up N times")
     parser.add_argument("--within", type=float, default=0, metavar="S", help="fail when registering takes longer")
+    parser.add_argument("--untimed", action="store_true", help="don't measure the first cycle, as of an emulated daemon")
     parser.add_argument("--keep-log", type=Path, metavar="DIR",
                         help="where the logs go (default: lab/NAME in the build)")
     parser.add_argument("--capture", type=Path, metavar="FILE", help="write the camera's packets there, as pcapng")
@@ -120,7 +121,8 @@ def _play_one(name: str, options: argparse.Namespace, build: Path) -> int:
         return 2
     speed = 1 if options.real_time or options.here else options.speed or scenario.speed
     scene_options = Options(speed=speed, kept=kept, watch=options.watch,
-                            register_within_s=options.within, capture=options.capture and options.capture.resolve(),
+                            register_within_s=options.within, timed=not options.untimed,
+                            capture=options.capture and options.capture.resolve(),
                             window=window.frame() if options.watch else None)
     if options.here:
         return _play_here(scenario, scene_options, build)

@@ -32,6 +32,7 @@ class Options:
     capture: Path | None = None  # where the camera's packets go
     window: socket.socket | None = None  # of this machine, where the page of the service is to be seen
     register_within_s: float = 0  # 0: as long as the scenario allows
+    timed: bool = True  # in real time, a first cycle that takes longer than its waits fails
 
 
 class Stage:

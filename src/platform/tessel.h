@@ -15,8 +15,9 @@ extern "C" {
 
 // ---- Lock ----
 
-/// Takes the named process lock and keeps it until the process ends.
-/// Non-zero when it was taken, 0 when another process holds it.
+/// Takes the named process lock and keeps it until the process ends, however it ends; what the process starts does not
+/// inherit it. Non-zero when it was taken; 0 when another process holds it or it cannot be had at all, which callers
+/// do not tell apart: the daemon ends.
 int tessel_get_lock(const char* name);
 
 // ---- Network interfaces ----
@@ -51,11 +52,13 @@ typedef struct IF_METRIC {
 enum { TESSEL_MAX_IFACES = 8 };
 
 /// Fills the active interface (the one that carries the default route) and its number, which is below
-/// 1 when there is no usable interface. The result is not used by callers.
+/// 1 when there is no usable interface; a library that knows only one numbering gives the system's. The result is not
+/// used by callers.
 int tessel_get_active_iface(ACT_IF_INFO* info, int* index);
 
 /// Fills the present interfaces and the index of the first, which is 0 when there is none. The caller
-/// sets `*index` to 0 before the call. The result is not used by callers.
+/// sets `*index` to 0 before the call, and looks only whether it still is: the system's number serves, and so does 1.
+/// The result is not used by callers.
 int tessel_get_present_iface(ACT_IF_INFO* info, int* index);
 
 /// Gives the interfaces in the platform's order of preference: an array of `*count` entries that the
@@ -127,7 +130,8 @@ typedef struct AuthenticateInfo {
 } AuthenticateInfo;
 
 /// Builds a request packet without credentials, for the service at host and port; `path` is a path or
-/// an absolute URL. Returns a packet that the caller frees with ILibDestructPacket; null on failure.
+/// an absolute URL. `user` is the account's name, for the library's own use: no field of the request is made of it, the
+/// User-Agent least of all. Returns a packet that the caller frees with ILibDestructPacket; null on failure.
 packetheader* httpBuildPacket(char* user, char* host, int port, char* path, char* method);
 
 /// As httpBuildPacket, for a request that announces a body of the given length (decimal text). The
@@ -148,10 +152,13 @@ int ILibGetRawPacket(packetheader* packet, char** raw);
 void ILibDestructPacket(packetheader* packet);
 
 /// Creates a TCP socket bound to the given local address and port (network byte order and host byte
-/// order; 0 and 0 for any). Stores the descriptor, -1 on failure, and returns the local port.
+/// order; 0 and 0 for any). Stores the descriptor, -1 on failure, and returns the local port. The socket is blocking,
+/// and need not be closed on exec: the caller sees to that, and to the connection's time limit.
 unsigned short ILibGetStreamSocket(int local_addr, unsigned short local_port, int* sock);
 
-/// Reads from the reader's socket until one whole response is parsed, or nothing usable can come.
+/// Reads from the reader's socket until one whole response is parsed, or nothing usable can come. It needs no deadline
+/// of its own: the caller shuts the socket down, from another thread, 30 s after connecting. It must return then, at
+/// once, with what a closed connection leaves.
 void ILibProcessSocketRecv(ILibHCHTTPReaderObject* reader);
 
 /// Closes the reader's socket (an ILibHCHTTPReaderObject*), when it is open, and marks it closed (-1).

@@ -14,7 +14,8 @@ extern "C" {
 
 // ---- Debug output ----
 
-/// Fills the configured debug level and the debug token (buffer of 32 bytes).
+/// Fills the configured debug level (0 off; 1 to standard output, 4 to the log file, 5 both; other bits mean nothing)
+/// and the debug token (buffer of 32 bytes), without which the level has no effect. The result is not used by callers.
 int dbg_get_level_token(int* level, char* token);
 
 // ---- Device identity ----
@@ -37,7 +38,8 @@ int dev_get_camera_name(char* name, unsigned int size);
 int dev_get_product_type(char* type);
 /// Fills the hardware specification word (32 significant bits).
 int dev_get_hw_spec(unsigned long* spec);
-/// Fills the timezone value; one or two bytes, at the library's choice.
+/// Fills the timezone value; one or two bytes, at the library's choice. They are passed on to tools as they stand, so
+/// their order and meaning are between the library and the tools; of one byte the second reads as 0.
 int dev_get_timezone(char* timezone);
 /// Fills the daylight-saving flag, one byte.
 int dev_get_dst(char* dst);
@@ -61,7 +63,8 @@ int net_get_proxy_addr_port(char* host, int* port);
 /// Fills the service account: the host id (8 characters, buffer of at least 9 bytes) and the account
 /// password (buffer of at least 52 bytes). 0 while the camera has no account yet.
 int get_dev_sip_account(char* hid, char* password);
-/// Stores the host id in the device configuration.
+/// Stores the host id in the device configuration, for the camera's other programs: callers never read it back, and
+/// log a failure and go on. Called with every look for the account that succeeds, so mostly with what is stored.
 int cre_set_skyport_hid(char* hid);
 /// Fills the configured service domain and the address text stored with it (64 bytes each).
 int cre_get_skyport_domain_ip(char* domain, char* ip);
@@ -97,9 +100,14 @@ enum {
   ALIAS_FAILED = 48,
 };
 
+// The alias's follow-up, which asks the service for a wanted alias, is a part of the daemon that no state calls; so the
+// linker leaves srv_get_aliasname_status and srv_set_skyport_alias_status out of what the daemon imports.
+
 /// Fills the wanted alias (buffer of 32 bytes) and its status byte.
 int srv_get_aliasname_status(char* alias, char* status);
-/// Stores an alias (at most 31 characters are kept) together with its status byte.
+/// Stores an alias (at most 31 characters are kept) together with its status byte. With ALIAS_OK it becomes the last
+/// alias that the service accepted, too, which srv_get_skyport_last_alias_name and the camera's URL go by; with any
+/// other status that one stays.
 int srv_update_aliasname_status(char* alias, char status);
 /// Fills the alias status byte.
 int srv_get_skyport_alias_status(char* status);
@@ -109,7 +117,8 @@ int srv_set_skyport_alias_status(char status);
 int srv_get_skyport_alias_name(char* name, unsigned int size);
 /// Fills the last alias that the service accepted; at most `size` bytes.
 int srv_get_skyport_last_alias_name(char* name, unsigned int size);
-/// Fills the first-connection record (XML elements, buffer of 4096 bytes).
+/// Fills the first-connection record (XML elements, buffer of 4096 bytes). Without a record it is 0 or an empty text;
+/// neither is reported.
 int srv_get_first_connection(char* text);
 
 #ifdef __cplusplus

@@ -24,6 +24,7 @@ BROKEN = {  # function: what is broken, and what the daemon does
     "ILibProcessSocketRecv": "the socket is not marked closed: the daemon closes a number that may be another's",
     "b64_encode": f"8 bytes, and 5 are meant: the daemon {OVERWRITTEN}",
     "cre_set_skyport_domain": '"platform-check.test" was not stored: the daemon tells the tool',
+    "cre_set_skyport_enable_state": "the switch keeps 1: the daemon tells the tool",
     "set_redirsrv_ip": '"192.0.2.77" was not stored: the daemon tells the tool',
 }
 

@@ -106,7 +106,7 @@ int text_of_binary(void* const out[], std::size_t /*size*/) {
 void text_form(Finding& finding) {
   ACT_IF_INFO text{};
   void* const out[] = {&text};
-  std::strcpy(text.name, "kept");
+  std::memcpy(text.name, "kept", sizeof("kept"));
   text_of_binary(out, 0);
   tell(finding, "%.15s %.17s, name \"%.15s\"", text.ip, text.mac, text.name);
   if (std::strcmp(text.ip, "127.0.0.1") != 0) note(finding, "reports a wrong address", "an address in another order");

@@ -10,19 +10,27 @@ namespace platform_check {
 
 namespace {
 
-constexpr std::size_t room = 128;
+/// A cleared buffer that a library cannot leave; each call of the same row takes another.
+char* room(std::size_t which) {
+  static Guarded rooms[4];
+  rooms[which].fill(0);
+  return rooms[which].text();
+}
+
 constexpr char kept_old[] = "tells the tool that it was refused, or goes on with the old one";
 
 /// A text that is stored and read back, and the old one put back.
 void store(Finding& finding, int (*get)(char*), int (*set)(char*), const char* test) {
-  char old[room] = "", now[room] = "", wanted[room];
-  std::strcpy(wanted, test);
+  char* const old = room(0);
+  char* const now = room(1);
+  char* const wanted = room(2);
+  std::memcpy(wanted, test, std::strlen(test) + 1);
   get(old);
   if (old[0] == '\0') return tell(finding, "none is stored that could be put back, not tried");
   const int result = set(wanted);
   get(now);
   set(old);
-  char back[room] = "";
+  char* const back = room(3);
   get(back);
   tell(finding, "result %d, \"%.40s\"", result, now);
   if (std::strcmp(now, test) != 0) note(finding, kept_old, "\"%.40s\" was not stored", test);
@@ -32,8 +40,8 @@ void store(Finding& finding, int (*get)(char*), int (*set)(char*), const char* t
 }
 
 int get_domain(char* domain) {
-  char ip[room] = "";
-  return cre_get_skyport_domain_ip(domain, ip);
+  static Guarded ip;
+  return cre_get_skyport_domain_ip(domain, ip.text());
 }
 
 void domain(Finding& finding) {
@@ -44,7 +52,8 @@ void redirect_server(Finding& finding) {
 }
 
 void host_id(Finding& finding) {
-  char hid[room] = "", password[room] = "";
+  char* const hid = room(0);
+  char* const password = room(1);
   if (get_dev_sip_account(hid, password) == 0) return tell(finding, "no account, not tried");
   const int result = cre_set_skyport_hid(hid);
   tell(finding, "result %d", result);
@@ -52,31 +61,38 @@ void host_id(Finding& finding) {
 }
 
 void enable_switch(Finding& finding) {
-  char old = 0, now = 0;
-  cre_get_skyport_enable_state(&old);
-  const char wanted = old == 0 ? 1 : 0;
+  char* const old = room(0);
+  char* const now = room(1);
+  cre_get_skyport_enable_state(old);
+  const char wanted = *old == 0 ? 1 : 0;
   const int result = cre_set_skyport_enable_state(wanted);
-  cre_get_skyport_enable_state(&now);
-  cre_set_skyport_enable_state(old);
-  tell(finding, "result %d, %d", result, now);
-  if (now != wanted) note(finding, kept_old, "the switch keeps %d", now);
+  cre_get_skyport_enable_state(now);
+  cre_set_skyport_enable_state(*old);
+  tell(finding, "result %d, %d", result, *now);
+  if (*now != wanted) note(finding, kept_old, "the switch keeps %d", *now);
 }
 
 void alias(Finding& finding) {
-  char old[room] = "", now[room] = "", test[] = "platform-check";
-  char old_status = 0, status = 0, only = 0;
-  srv_get_aliasname_status(old, &old_status);
+  static Guarded statuses;
+  char* const old = room(0);
+  char* const now = room(1);
+  char* const only = room(2);
+  char* const status = room(3);
+  char test[] = "platform-check";
+  statuses.fill(0);
+  char* const old_status = statuses.text();
+  srv_get_aliasname_status(old, old_status);
   const int result = srv_update_aliasname_status(test, ALIAS_REQUESTED);
-  srv_get_aliasname_status(now, &status);
+  srv_get_aliasname_status(now, status);
   srv_set_skyport_alias_status(ALIAS_FAILED);
-  srv_get_skyport_alias_status(&only);
-  srv_update_aliasname_status(old, old_status);
-  tell(finding, "result %d, \"%.31s\", %d, then %d", result, now, status, only);
+  srv_get_skyport_alias_status(only);
+  srv_update_aliasname_status(old, *old_status);
+  tell(finding, "result %d, \"%.31s\", %d, then %d", result, now, *status, *only);
   if (result == 0) note(finding, "refuses the tool's alias", "result 0");
-  if (std::strcmp(now, test) != 0 || status != ALIAS_REQUESTED) {
+  if (std::strcmp(now, test) != 0 || *status != ALIAS_REQUESTED) {
     note(finding, "never asks the service for the alias", "the alias or its status was not stored");
   }
-  if (only != ALIAS_FAILED) note(finding, "asks the service for it in every cycle", "the status alone was not stored");
+  if (*only != ALIAS_FAILED) note(finding, "asks the service for it in every cycle", "the status alone was not stored");
 }
 
 /// The daemon says it anew with its next state.
@@ -89,11 +105,12 @@ void status(Finding& finding) {
 void mapping(Finding& finding) {
   constexpr int port = 50997, timeout_s = 8;
   constexpr char description[] = "kestrel-platform-check";
-  MupnpIgd gateway{};
-  if (Mupnpcp_discover(&gateway, timeout_s) != 0) return tell(finding, "no gateway, not tried");
+  auto* const gateway = static_cast<MupnpIgd*>(static_cast<void*>(room(2)));
+  if (Mupnpcp_discover(gateway, timeout_s) != 0) return tell(finding, "no gateway, not tried");
   const int added = Mupnp_add_eport(description, port, 80, MUPNP_PROTOCOL_HTTP, timeout_s);
   if (added != 0) return tell(finding, "the router refuses: %d", added);
-  char text[room] = "", client[room] = "";
+  char* const text = room(0);
+  char* const client = room(1);
   int internal = 0, lease_s = 0;
   const int found = Mupnpcp_query_eport_ex(text, client, &internal, &lease_s, port, MUPNP_PROTOCOL_HTTP, timeout_s);
   const int deleted = Mupnp_del_eport(port, MUPNP_PROTOCOL_HTTP, timeout_s);
