@@ -8,6 +8,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -24,10 +25,10 @@ using Shared = std::atomic<Word>;
 constexpr Word kill_here = 4;  // a mode; the others are the places in a call's row of codes, the last one for a while
 constexpr Word for_a_while = 3;
 
-/// What the driver sets, `leaps_ms` real ones in the place of a wait that leaps; what it reads, `told` (the failed
-/// call's number) the last. Times are the fast clock's.
+/// What the driver sets, `leap_s` for what a millisecond of a wait for nothing but time brings; what it reads, `told`
+/// (the failed call's number) the last. Times are the fast clock's.
 struct Page {
-  Shared at, mode, while_ms, speed, leaps_ms, step_s;
+  Shared at, mode, while_ms, speed, leap_s, step_s;
   Shared calls, fired, fired_ms, now_ms, told;
   char what[48];
 };
@@ -88,16 +89,21 @@ int fault(const char* call, const int (&codes)[5], const void* caller) {
   return again ? code : 0;
 }
 
-/// Waits until the fast clock has gone on by `ns`, at most; -1 for ever. A wait for nothing but time leaps.
+/// Waits until the fast clock has gone on by `ns`, at most; -1 for ever. A wait for nothing but time leaps, a little
+/// with each millisecond, so that the driver may look, and hold the clock, in its midst.
 template <typename Wait>
 Word wait_fast(Word ns, bool pure, Wait wait) {
-  const Word whole_ns = ns / page->speed;
-  const Word wait_ns = pure && whole_ns > page->leaps_ms * ns_per_ms ? page->leaps_ms * ns_per_ms : whole_ns;
-  timespec limit{wait_ns / ns_per_s, wait_ns % ns_per_s};
-  const Word result = wait(ns < 0 ? nullptr : &limit);
-  if (result == 0 && ns >= 0) leapt_ns += (whole_ns - wait_ns) * page->speed;
-  fast_ns();
-  return result;
+  for (Word left = ns;;) {
+    const Word slice = pure ? std::min(left, page->speed * ns_per_ms) : left;
+    timespec limit{slice / page->speed / ns_per_s, slice / page->speed % ns_per_s};
+    const Word result = wait(ns < 0 ? nullptr : &limit);
+    left -= slice;
+    const Word leap = pure && result == 0 ? std::min(left, page->leap_s * ns_per_s) : 0;
+    leapt_ns += leap;
+    left -= leap;
+    fast_ns();
+    if (result != 0 || left <= 0) return result;
+  }
 }
 
 /// A time-out's length by the address of its two words; -1 for none.

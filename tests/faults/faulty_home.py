@@ -13,7 +13,7 @@ SPEED = 16
 
 
 class Page(ctypes.Structure):
-    _fields_ = [(name, ctypes.c_int64) for name in "at mode while_ms speed leaps_ms step_s calls fired fired_ms now_ms told"
+    _fields_ = [(name, ctypes.c_int64) for name in "at mode while_ms speed leap_s step_s calls fired fired_ms now_ms told"
                 .split()] + [("what", ctypes.c_char * 48)]
 
 
@@ -25,6 +25,6 @@ class Home(Trial):
             file.truncate(ctypes.sizeof(Page))
             self.page = Page.from_buffer(mmap.mmap(file.fileno(), 0))
 
-    def begin(self, prelude=":", speed=SPEED, at=0, mode=FIRST, leaps_ms=30):
-        self.page.__init__(at, mode, 20000, speed, leaps_ms, 0, 0, 0, 0, 0, 0, b"")
+    def begin(self, prelude=":", speed=SPEED, at=0, mode=FIRST, leap_s=4):
+        self.page.__init__(at, mode, 20000, speed, leap_s, 0, 0, 0, 0, 0, 0, b"")
         self.start(prelude)
