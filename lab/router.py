@@ -107,6 +107,8 @@ class Router:
 
     def forget_mappings(self) -> None:
         """The mappings vanish from the firewall, as after a reboot."""
+        if self.scripted:
+            self.scripted.rows.clear()
         self._install([])
 
     def forwarded(self) -> dict[int, tuple[str, int]]:

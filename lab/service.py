@@ -59,14 +59,21 @@ class Service:
         """Whether it answers at the moment."""
         return self._process is not None
 
-    def _get(self, path: str) -> list[dict]:
+    def _ask(self, method: str, path: str, body: str = "") -> bytes:
         connection = http.client.HTTPConnection("127.0.0.1", STATUS_PORT)
         connection.sock = self._node.connect("127.0.0.1", STATUS_PORT)
         try:
-            connection.request("GET", path)
-            return json.loads(connection.getresponse().read())
+            connection.request(method, path, body)
+            return connection.getresponse().read()
         finally:
             connection.close()
+
+    def _get(self, path: str) -> list[dict]:
+        return json.loads(self._ask("GET", path))
+
+    def fault(self, fault: str) -> None:
+        """Have this fault strike, as its page describes them; "" for none any more."""
+        self._ask("POST" if fault else "DELETE", "/faults", fault)
 
     def device(self, hid: str) -> dict:
         """What it holds about one device; {} before the device's first authenticated request."""

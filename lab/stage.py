@@ -42,6 +42,7 @@ class Stage:
         self.options = options
         self.node: Node = None  # the camera's machine
         self.camera_address = ""
+        self.outside = OUTSIDE  # the home's address on the internet
         self.camera: cam.Camera = None
         self.router: Router = None
         self.service: Service = None
@@ -151,9 +152,13 @@ class Stage:
 
     def change_outside(self, address: str) -> None:
         """The provider gives the home another outside address, and the old one leads nowhere."""
+        self.internet.run("ip", "route", "replace", "unreachable", self.outside)
+        self.internet.run("ip", "route", "flush", "exact", address)
         self.router.node.address("wan", f"{address}/24")
         self.router.node.route(ISP)
-        self.internet.run("ip", "route", "add", "unreachable", OUTSIDE)
+        if self.router.scripted:
+            self.router.scripted.external = address
+        self.outside = address
 
     def block_service(self) -> None:
         """Drop what comes to the service directly; the relay's port stays open."""

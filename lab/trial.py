@@ -12,12 +12,23 @@ import time
 from typing import Callable
 
 from lab import camera as cam
-from lab.stage import CAMERA, LAN, OUTSIDE, Options, Stage
+from lab.stage import LAN, OUTSIDE, Options, Stage
 
 SURVEY, OPERATIONS, ALIAS = 0xA1, 0xA5, 0x107  # of the finder
-_FINDER_PORT = 62977
+FINDER_PORT = 62977
 _REQUEST, _REPLY = 0xFDFD, 0xFEEE
 _LONGEST_S = 20  # real, for a registration
+
+
+def request(opcode: int, payload: bytes = b"", tag: int = 0) -> bytes:
+    """A datagram to the finder."""
+    mac = bytes.fromhex(cam.MAC.replace(":", ""))
+    return struct.pack("<HHH6s8xH", _REQUEST, tag, opcode, mac, len(payload)) + payload
+
+
+def credentials(password: bytes) -> bytes:
+    """How a datagram's payload begins that comes from the administrator, or says so."""
+    return base64.b64encode(b"admin").ljust(64, b"\0") + base64.b64encode(password).ljust(64, b"\0")
 
 
 class Trial(Stage):
@@ -32,7 +43,7 @@ class Trial(Stage):
         self.process: subprocess.Popen = None
         self._environment = environment
         self._settings, self._names = self.camera.settings.read_text(), 0
-        with self.node.inside():
+        with self.router.node.inside():
             self._pc = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 
     def start(self, prelude: str = ":") -> None:
@@ -74,11 +85,10 @@ class Trial(Stage):
 
     def ask(self, opcode: int, argument: bytes = b"") -> bool:
         """Whether the finder answers the administrator, with success."""
-        payload = b"" if opcode == SURVEY else base64.b64encode(b"admin").ljust(64, b"\0") * 2 + argument
-        mac, tag = bytes.fromhex(cam.MAC.replace(":", "")), random.getrandbits(16)
+        tag = random.getrandbits(16)
         self._pc.settimeout(0.05)
-        self._pc.sendto(struct.pack("<HHH6s8xH", _REQUEST, tag, opcode, mac, len(payload)) + payload,
-                        (CAMERA, _FINDER_PORT))
+        self._pc.sendto(request(opcode, b"" if opcode == SURVEY else credentials(b"admin") + argument, tag),
+                        (self.camera_address, FINDER_PORT))
         with contextlib.suppress(OSError):
             while struct.unpack_from("<HHH", reply := self._pc.recv(2048)) != (_REPLY, tag, opcode):
                 pass

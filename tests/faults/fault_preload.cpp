@@ -1,5 +1,6 @@
 // Preloaded into the daemon: fails its N-th call of those below once, or for a while, or ends the process there; and
-// makes its clock run fast, and leap where the daemon only waits. The page that it shares with its driver says what.
+// makes its clocks run fast, and leap where the daemon only waits; the wall's is also set, which libfaketime can't do
+// to one clock alone. The page that it shares with its driver says what.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -7,6 +8,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -23,26 +25,26 @@ using Shared = std::atomic<Word>;
 constexpr Word kill_here = 4;  // a mode; the others are the places in a call's row of codes, the last one for a while
 constexpr Word for_a_while = 3;
 
-/// What the driver sets; what it reads, `told` (the failed call's number) the last. Times are the fast clock's.
+/// What the driver sets, `leap_s` for what a millisecond of a wait for nothing but time brings; what it reads, `told`
+/// (the failed call's number) the last. Times are the fast clock's.
 struct Page {
-  Shared at, mode, while_ms, speed, leaps;
+  Shared at, mode, while_ms, speed, leap_s, step_s;
   Shared calls, fired, fired_ms, now_ms, told;
   char what[48];
 };
-static_assert(Shared::is_always_lock_free && sizeof(Page) == 128);
+static_assert(Shared::is_always_lock_free && sizeof(Page) == 136);
 
 constexpr Word ns_per_ms = 1'000'000, ns_per_s = 1000 * ns_per_ms;
-constexpr Word pause_ns = 30 * ns_per_ms;  // real, in the place of a wait that leaps
-constexpr int shorter = -1;                // in the place of a code: half of what was asked for
+constexpr int shorter = -1;  // in the place of a code: half of what was asked for
 
 Page* page;
 std::atomic<bool> counting{false};
 Shared leapt_ns{0};
-Word start_ns;
+Word start_ns, wall_start_ns;
 
-Word real_ns() {
+Word real_ns(clockid_t id = CLOCK_MONOTONIC) {
   timespec now{};
-  syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+  syscall(SYS_clock_gettime, id, &now);
   return now.tv_sec * ns_per_s + now.tv_nsec;
 }
 
@@ -59,6 +61,7 @@ __attribute__((constructor)) void begin() {
   if (shared == MAP_FAILED) std::abort();
   close(fd);
   start_ns = real_ns();
+  wall_start_ns = real_ns(CLOCK_REALTIME);
   page = static_cast<Page*>(shared);
   unsetenv("LD_PRELOAD");  // a command that the daemon runs is not the daemon
 }
@@ -86,16 +89,21 @@ int fault(const char* call, const int (&codes)[5], const void* caller) {
   return again ? code : 0;
 }
 
-/// Waits until the fast clock has gone on by `ns`, at most; -1 for ever. A wait for nothing but time leaps.
+/// Waits until the fast clock has gone on by `ns`, at most; -1 for ever. A wait for nothing but time leaps, a little
+/// with each millisecond, so that the driver may look, and hold the clock, in its midst.
 template <typename Wait>
 Word wait_fast(Word ns, bool pure, Wait wait) {
-  const Word whole_ns = ns / page->speed;
-  const Word wait_ns = pure && page->leaps != 0 && whole_ns > pause_ns ? pause_ns : whole_ns;
-  timespec limit{wait_ns / ns_per_s, wait_ns % ns_per_s};
-  const Word result = wait(ns < 0 ? nullptr : &limit);
-  if (result == 0 && ns >= 0) leapt_ns += (whole_ns - wait_ns) * page->speed;
-  fast_ns();
-  return result;
+  for (Word left = ns;;) {
+    const Word slice = pure ? std::min(left, page->speed * ns_per_ms) : left;
+    timespec limit{slice / page->speed / ns_per_s, slice / page->speed % ns_per_s};
+    const Word result = wait(ns < 0 ? nullptr : &limit);
+    left -= slice;
+    const Word leap = pure && result == 0 ? std::min(left, page->leap_s * ns_per_s) : 0;
+    leapt_ns += leap;
+    left -= leap;
+    fast_ns();
+    if (result != 0 || left <= 0) return result;
+  }
 }
 
 /// A time-out's length by the address of its two words; -1 for none.
@@ -168,10 +176,26 @@ int hook_pthread_sigmask(int how, const sigset_t* set, sigset_t* old) {
 
 int hook_clock_gettime(clockid_t id, timespec* now) __asm__("clock_gettime");
 int hook_clock_gettime(clockid_t id, timespec* now) {
-  if (page == nullptr || id != CLOCK_MONOTONIC) return static_cast<int>(syscall(SYS_clock_gettime, id, now));
-  const Word ns = start_ns + fast_ns();
+  const bool wall = id == CLOCK_REALTIME;
+  if (page == nullptr || (!wall && id != CLOCK_MONOTONIC)) return static_cast<int>(syscall(SYS_clock_gettime, id, now));
+  const Word ns = fast_ns() + (wall ? wall_start_ns + page->step_s * ns_per_s : start_ns);
   *now = {ns / ns_per_s, ns % ns_per_s};
   return 0;
+}
+
+int hook_gettimeofday(timeval* now, void* zone) __asm__("gettimeofday");
+int hook_gettimeofday(timeval* now, void* /*zone*/) {
+  timespec wall{};
+  hook_clock_gettime(CLOCK_REALTIME, &wall);
+  *now = {wall.tv_sec, wall.tv_nsec / 1000};
+  return 0;
+}
+
+time_t hook_time(time_t* now) __asm__("time");
+time_t hook_time(time_t* now) {
+  timespec wall{};
+  hook_clock_gettime(CLOCK_REALTIME, &wall);
+  return now == nullptr ? wall.tv_sec : *now = wall.tv_sec;
 }
 
 }  // extern "C"

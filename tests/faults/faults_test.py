@@ -2,8 +2,6 @@
 """The daemon in a home of the lab whose system fails it: each call in turn, file systems, limits, kills, signals.
 usage: faults_test.py BUILD [--every] [--seed N] [--only WORDS] [--at CALL MODE]; 77 where namespaces can't be made"""
 import argparse
-import ctypes
-import mmap
 import os
 import random
 import signal
@@ -13,12 +11,11 @@ import time
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
+from faulty_home import FIRST, FOR_20_S, KILL, MODES, SPEED, Home  # noqa: E402
 from lab import world  # noqa: E402
-from lab.trial import Trial  # noqa: E402
 
-MODES = FIRST, SECOND, SHORT, FOR_20_S, KILL = range(5)  # as in fault_preload.cpp
 REGISTERED_S = 300 + 120 + 100  # the longest wait, the hold after a change of the alias, and a cycle at this speed
-ANSWERED_S, SPEED, WORKERS = 30 + 10, 16, 6
+ANSWERED_S, WORKERS = 30 + 10, 6
 IN_ORDER = "Process already running", "GLib-ERROR"  # no lock or no memory to be had; a supervisor starts it again
 
 # What the daemon starts into ($H has its settings and its run directory), and what mends it.
@@ -40,24 +37,7 @@ PLACES = [
 ]
 
 
-class Page(ctypes.Structure):
-    _fields_ = [(name, ctypes.c_int64) for name in "at mode while_ms speed leaps calls fired fired_ms now_ms told".split()
-                ] + [("what", ctypes.c_char * 48)]
-
-
-class Home(Trial):
-    def __init__(self):
-        super().__init__([f"LD_PRELOAD={world.BUILD}/tests/faults/libfault_preload.so",
-                          f"KESTREL_FAULT_PAGE={world.SCRATCH}/page"])
-        self.next = 1
-        with open(world.SCRATCH / "page", "w+b") as file:
-            file.truncate(ctypes.sizeof(Page))
-            self.page = Page.from_buffer(mmap.mmap(file.fileno(), 0))
-
-    def begin(self, prelude=":", speed=SPEED, at=0, mode=FIRST):
-        self.page.__init__(at, mode, 20000, speed, 1, 0, 0, 0, 0, 0, b"")
-        self.start(prelude)
-
+class Tries(Home):
     def until_well(self, finder=True):
         self.until_registered()
         took_s = (self.page.now_ms - self.page.fired_ms) / 1000
@@ -70,7 +50,7 @@ class Home(Trial):
         self.until_well()
         self.change_alias()
         self.until_well()
-        self.calls, self.open = self.page.calls, self.descriptors()
+        self.next, self.calls, self.open = 1, self.page.calls, self.descriptors()
         self.end()
 
     # The N-th call fails, or the first one after it that can.
@@ -171,7 +151,7 @@ def tries(home, share):
 
 def work(share):
     world.show_build(args.build.resolve())
-    home, tried, broken = Home(), 0, 0
+    home, tried, broken = Tries(), 0, 0
     home.clean()
     for name, run in tries(home, share):
         if args.only in name:
