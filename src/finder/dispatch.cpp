@@ -142,7 +142,7 @@ int check_reqmode(const FinderRequest& request, bool any_mac) {
   debug_log(" check_reqmode:\nMyMAC=%s\nReqMAC=%s\n", request.my_mac, text);
   constexpr std::uint8_t everybody[finder_mac_len] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
   if (any_mac && std::memcmp(mac, everybody, sizeof(everybody)) == 0) return 1;
-  return strcasecmp(request.my_mac, text) == 0 ? 1 : 0;
+  return strncasecmp(request.my_mac, text, sizeof(text)) == 0 ? 1 : 0;
 }
 
 void Finderd_handle_request() {

@@ -5,8 +5,6 @@
 #include "core/debug_log.h"
 #include "core/text.h"
 #include "platform/tesselcfg.h"
-#include "service/body_cipher.h"
-#include "service/post_body.h"
 #include "service/transaction.h"
 
 namespace kestrel {
@@ -20,7 +18,11 @@ constexpr Request report_request = {
     .method = "POST",
     .challenge_uri = "/conn_report.html",
     .send_len = 8192,
-    .log = log_of_reports,
+    .log = &log_of_reports,
+    .body_len = " ecnode bodylen=%d\n",
+    .ok = "200 OK\n",
+    .not_found = "Error=(%d)\n",
+    .other_status = "Error=(%d)\n",
     .name = "conn_report",
     .after_send_failure = AfterSendFailure::receive,
     .leftover = &leftover_socket,
@@ -37,7 +39,7 @@ int conn_report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report) {
   terminate(record);
   if (std::strcmp(record, last_report) == 0) return request_ok;
   char text[base64_len];
-  PostBody body = begin_body(text, plain_len);
+  PostBody body = begin_body(text, sizeof(text), plain_len);
   put(body, "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n%s</ldev>\n", record);
   if (!body.fits) {
     debug_log("[kestreld] *** first-connection record too long, not reported\n");
@@ -48,8 +50,7 @@ int conn_report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report) {
   debug_log("----------sz_xml_data packet----------\n");
   debug_log("%s\n", text);
   debug_log("----------end sz_xml_data-------------\n");
-  if (encipher_body(text, sizeof(text), " ecnode bodylen=%d\n") == 0) return request_no_answer;
-  return run_exchange(*ctx, report_request, ctx->redir_ip, text, *auth, nullptr, nullptr);
+  return post(*ctx, report_request, body, *auth);
 }
 
 }  // namespace kestrel
