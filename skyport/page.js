@@ -397,6 +397,7 @@ function show_faults(faults) {
     element("button", { type: "button", "aria-label": `Clear ${fault}`, onclick: () => order(`faults?fault=${encodeURIComponent(fault)}`, { method: "DELETE" }) }, "✕")));
   byId("active").replaceChildren(...(chips.length ? chips : [element("li", { class: "none" }, "none in force")]));
   byId("faults").classList.toggle("struck", chips.length > 0);
+  byId("striking").textContent = chips.length ? `${chips.length} fault${chips.length > 1 ? "s" : ""} in force: ${faults.map(shortened).slice(0, 3).join("  ")}${chips.length > 3 ? " …" : ""}` : "";
 }
 
 async function order(path, options) {

@@ -92,6 +92,8 @@ class Bench(Stage):
         self.camera.signal(signal.SIGUSR1)
         page.until("return [...document.querySelectorAll('#exchange-list li')].some(one => one.textContent.includes('refused 503') && one.textContent.includes('fault'))", 15)
         self.check("/daip.html:status=503" in self.faults(), "the fault is the service's")
+        self.check(page.run("scrollTo(0, 9999); return document.elementFromPoint(60, 20).closest('header')?.innerText.includes('status=503') && scrollY > 0"), "faults stay in sight")
+        page.run("scrollTo(0, 0)")
         for name, width, dark in (("page", 1400, False), ("page-dark", 1400, True), ("page-narrow", 400, False)) if pictures else ():
             page.prefer_dark(dark)
             page.resize(width, 950)

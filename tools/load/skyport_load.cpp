@@ -13,8 +13,10 @@
 #include <atomic>
 #include <charconv>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <exception>
 #include <memory>
 #include <thread>
 
@@ -209,9 +211,7 @@ void add_options(CLI::App& app, Options& options) {
       "written.");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int load_service(int argc, char** argv) {
   Options options;
   CLI::App app("Cameras by the thousand against a service: the real protocol with the daemon's waits.", "skyport-load");
   add_options(app, options);
@@ -249,4 +249,15 @@ int main(int argc, char** argv) {
   const int status = run(options, plan, csv.get());
   if (csv && !is_written(csv.get())) return refuse(fmt::format("{} can't be written to its end", options.csv));
   return is_written(stdout) ? status : refuse("standard output can't be written");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return load_service(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "skyport-load: %s\n", error.what());
+    return usage_error;
+  }
 }
