@@ -164,7 +164,8 @@ void take_challenge(const Request& request, packetheader_field_node* fields, Aut
   auth.on = 1;
   log_if(request.log.challenge_taken);
   read_challenge(fields, auth);
-  fresh_cnonce(auth);
+  // The next request makes its own; this one is seen in the log alone.
+  if (DbgLevel != 0) fresh_cnonce(auth);
   copy_text(auth.uri, request.challenge_uri);
   copy_text(auth.method, request.method);
   auth.nc = 1;
