@@ -198,7 +198,7 @@ def idle() -> list[Figure]:
                                      "/run/m.sock"),
                   "wsdd2": begin(peers / "wsdd2" / PEERS["wsdd2"]),
                   "inadyn": begin(peers / "inadyn" / PEERS["inadyn"], "-n", "-f", "/run/inadyn.conf", "-P", "/run/i.pid")}
-        time.sleep(30)  # registered after 11 s, and the finder's first report sent after 15 s
+        time.sleep(60)  # registered after 11 s, the finder's first report sent after 15 s, the watch asleep 30 s later
         with urllib.request.urlopen("http://127.0.0.1:8089/devices") as answer:
             held = json.load(answer)
         if not any(device["hid"] == "10203040" for device in held):

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -119,6 +120,14 @@ void take_parameter(const char* challenge, const char* name, char* out, std::siz
   const std::size_t len = std::min(std::strcspn(at, "\","), size - 1);
   std::memcpy(out, at, len);
   out[len] = '\0';
+}
+
+/// What each character of base64 stands for.
+constexpr std::array<unsigned, 128> base64_values() {
+  constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::array<unsigned, 128> values{};
+  for (unsigned i = 0; i < 64; ++i) values[static_cast<unsigned char>(alphabet[i])] = i;
+  return values;
 }
 
 }  // namespace
@@ -240,19 +249,20 @@ int b64_encode(const void* in, unsigned int len, void* out) {
   return static_cast<int>(encoded);
 }
 int b64_decode(const void* in, unsigned int len, void* out) {
+  static constexpr auto values = base64_values();
   const auto* text = static_cast<const unsigned char*>(in);
   auto* bytes = static_cast<unsigned char*>(out);
   int count = 0;
-  unsigned pending = 0, bits = 0;
-  for (unsigned i = 0; i < len && text[i] != '='; ++i) {
-    const unsigned c = text[i];
-    const unsigned value = c >= 'a' ? c - 'a' + 26 : c >= 'A' ? c - 'A' : c >= '0' ? c - '0' + 52 : c == '+' ? 62 : 63;
-    pending = pending << 6 | value;
-    bits += 6;
-    if (bits < 8) continue;
-    bits -= 8;
-    bytes[count++] = static_cast<unsigned char>(pending >> bits);
+  unsigned padding = 0;
+  for (unsigned i = 0; i + 3 < len; i += 4) {
+    const unsigned word = values[text[i] & 127U] << 18 | values[text[i + 1] & 127U] << 12 |
+                          values[text[i + 2] & 127U] << 6 | values[text[i + 3] & 127U];
+    bytes[count++] = static_cast<unsigned char>(word >> 16);
+    bytes[count++] = static_cast<unsigned char>(word >> 8);
+    bytes[count++] = static_cast<unsigned char>(word);
   }
+  while (padding < len && text[len - 1 - padding] == '=') ++padding;
+  count -= static_cast<int>(padding);
   bytes[count] = '\0';
   return count;
 }

@@ -29,7 +29,7 @@ constexpr Request report_request = {
 constexpr std::size_t plain_len = 4096;   // digits, XML and terminator
 constexpr std::size_t base64_len = 5632;  // 4 * (4096 + 8) / 3, and room
 
-/// A frame of its own: the thread asks every 15 s, and mostly has nothing to send.
+/// Apart, so that asking every 15 s with nothing to send touches no stack for it.
 [[gnu::noinline]] int send_report(DeviceContext* ctx, AuthenticateInfo* auth, const char* record, char* last_report) {
   char text[base64_len];
   PostBody body = begin_body(text, plain_len);

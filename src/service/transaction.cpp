@@ -152,7 +152,8 @@ void read_challenge(packetheader_field_node* fields, AuthenticateInfo& auth) {
   struct {
     AuthenticateInfo info;
     char room[1024];
-  } taken{auth, {}};
+  } taken;
+  taken.info = auth;
   if (fields != nullptr) GetAuthenticateInfo(fields, &taken.info);
   copy_bytes(auth.realm, sizeof(auth.realm), taken.info.realm, sizeof(taken.info.realm));
   copy_bytes(auth.nonce, sizeof(auth.nonce), taken.info.nonce, sizeof(taken.info.nonce));
@@ -281,7 +282,7 @@ int run_exchange(DeviceContext& ctx, const Request& request, const char (&server
                  AuthenticateInfo& auth, AnswerReader read_answer, void* sink) {
   close_leftover(request);
   log_if(request.log.auth_on, static_cast<int>(auth.on));
-  Route route{};
+  Route route;
   choose_route(ctx, request, server, route);
   char out[max_send_len + 1];
   int out_len = fill_send_buffer(request, build_packet(request, route, body, auth), body, out);
