@@ -33,7 +33,8 @@ struct Stamp {
 struct Cache {
   std::mutex mutex;
   bool loaded = false;
-  bool settled = false;  // the file was old enough when read that a later change shows in its time
+  bool settled = false;        // the file was old enough when read that a later change shows in its time
+  std::int64_t looked_ns = 0;  // when the file was last looked at, on the monotonic clock
   std::string path;
   Stamp stamp;
   std::shared_ptr<const Settings> settings;
@@ -49,6 +50,8 @@ Cache& cache() {
 constexpr std::int64_t ns_per_s = 1000000000;
 // File times advance with the kernel's tick (up to 10 ms): two changes within one can look the same.
 constexpr std::int64_t settling_ns = 20000000;
+// Getters are called in bursts, a dozen for one answer: a look at the file serves them all.
+constexpr std::int64_t look_period_ns = 5000000;
 
 std::int64_t in_ns(const timespec& time) {
   return static_cast<std::int64_t>(time.tv_sec) * ns_per_s + time.tv_nsec;
@@ -63,6 +66,13 @@ bool is_settled(const Stamp& stamp) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   return std::abs(in_ns(now) - stamp.changed_ns) > settling_ns;
+}
+
+/// A clock of the kernel's ticks is exact enough, and costs next to nothing.
+std::int64_t monotonic_ns() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return in_ns(now);
 }
 
 bool is_control(char c) {
@@ -122,8 +132,11 @@ void reload(Cache& state, const std::string& path, const Stamp& seen) {
   if (!state.settings) say_once(state, path + ": " + problem);
 }
 
-const std::string* find(const std::map<std::string, std::string>& values, const char* group, const char* key) {
-  const auto found = values.find(name_of(group, key));
+const std::string* find(const Values& values, const char* group, const char* key) {
+  if (values.empty()) return nullptr;
+  thread_local std::string name;  // keeps its memory: this is most of what a getter does
+  name.assign("[").append(group).append("] ").append(key);
+  const auto found = values.find(name);
   return found == values.end() ? nullptr : &found->second;
 }
 
@@ -152,19 +165,40 @@ bool parse_number(std::string_view text, std::uint32_t& number) {
 
 }  // namespace
 
-std::string settings_path() {
+namespace {
+
+const char* path_now() {
   const char* path = std::getenv("KESTREL_CONF");  // NOLINT(concurrency-mt-unsafe): nobody here changes it
   return path != nullptr && *path != '\0' ? path : "/etc/kestrel/camera.conf";
 }
 
-std::shared_ptr<const Settings> current_settings() {
-  const std::string path = settings_path();
+std::shared_ptr<const Settings> recent_settings(std::int64_t age_ns) {
+  const char* path = path_now();
   Cache& state = cache();
   const std::lock_guard lock(state.mutex);
+  const std::int64_t now = monotonic_ns();
+  if (state.settled && now - state.looked_ns < age_ns && path == state.path) return state.settings;
   struct stat seen {};
-  const Stamp stamp = stat(path.c_str(), &seen) == 0 ? stamp_of(seen) : Stamp{};
+  const Stamp stamp = stat(path, &seen) == 0 ? stamp_of(seen) : Stamp{};
   if (!state.loaded || !state.settled || stamp != state.stamp || path != state.path) reload(state, path, stamp);
+  state.looked_ns = now;
   return state.settings;
+}
+
+}  // namespace
+
+std::string settings_path() {
+  return path_now();
+}
+
+std::shared_ptr<const Settings> current_settings() {
+  return recent_settings(0);
+}
+
+void look_again() {
+  Cache& state = cache();
+  const std::lock_guard lock(state.mutex);
+  state.looked_ns = 0;
 }
 
 void complain(const std::string& path, const std::string& sentence) {
@@ -227,12 +261,12 @@ std::optional<std::uint32_t> number_of(const Settings& settings, const NumberSet
 }
 
 std::optional<std::string> text_now(const TextSetting& setting) {
-  const auto settings = current_settings();
+  const auto settings = recent_settings(look_period_ns);
   return settings ? text_of(*settings, setting) : std::nullopt;
 }
 
 std::optional<std::uint32_t> number_now(const NumberSetting& setting) {
-  const auto settings = current_settings();
+  const auto settings = recent_settings(look_period_ns);
   return settings ? number_of(*settings, setting) : std::nullopt;
 }
 

@@ -43,16 +43,22 @@ struct Change {
   std::string value;
 };
 
+/// Texts by "[group] key".
+using Values = std::map<std::string, std::string>;
+
 /// One reading of the file. Never changes, so threads may share it.
 struct Settings {
   std::string path;
-  std::map<std::string, std::string> values;    // by "[group] key"
-  std::map<std::string, std::string> unusable;  // the same, with the reason
+  Values values;
+  Values unusable;  // with the reason
 };
 
 /// The settings as they are now; one stat when the file has not changed. Null when the file cannot be
 /// read, which has been said.
 std::shared_ptr<const Settings> current_settings();
+
+/// Has the next call look at the file: it was changed here.
+void look_again();
 
 /// Whether the setting is there with a value that is not empty.
 bool is_set(const Settings& settings, const char* group, const char* key);
@@ -61,7 +67,7 @@ bool is_set(const Settings& settings, const char* group, const char* key);
 std::optional<std::string> text_of(const Settings& settings, const TextSetting& setting);
 std::optional<std::uint32_t> number_of(const Settings& settings, const NumberSetting& setting);
 
-/// The same for the settings as they are now.
+/// The same for the settings as they are now, or were 5 ms ago: one stat serves a burst of getters.
 std::optional<std::string> text_now(const TextSetting& setting);
 std::optional<std::uint32_t> number_now(const NumberSetting& setting);
 

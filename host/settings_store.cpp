@@ -87,6 +87,7 @@ bool store(std::span<const Change> changes) {
     return false;
   }
   const std::string problem = store_locked(path, changes);
+  look_again();
   if (!problem.empty()) complain(path, "settings are not stored: " + problem);
   return problem.empty();
 }

@@ -5,7 +5,6 @@
 build_packages=(
   cmake ninja-build g++ pkg-config libglib2.0-dev libcurl4-openssl-dev libboost-dev nettle-dev
   libmicrohttpd-dev libpugixml-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev libfmt-dev libgtest-dev libgmock-dev
-  libbenchmark-dev
 )
 # What the lab's namespaces and its router take; libfaketime speeds the scenarios up.
 lab_packages=(python3 iproute2 util-linux procps psmisc nftables miniupnpd-nftables libfaketime)
@@ -13,7 +12,13 @@ lab_packages=(python3 iproute2 util-linux procps psmisc nftables miniupnpd-nftab
 check_packages=(clang-format clang-tidy shellcheck mandoc binutils tinyproxy tshark chromium chromium-driver)
 # Clang with libFuzzer.
 fuzz_packages=(clang libclang-rt-dev)
-export build_packages lab_packages check_packages fuzz_packages
+# What scripts/bench measures with, and beside. The daemons are unpacked only; what they need is installed.
+bench_packages=(
+  valgrind strace binutils g++-arm-linux-gnueabihf libgcrypt20-dev libssl-dev libspdlog-dev libconfuse2 libgnutls30
+  libnfnetlink0
+)
+bench_daemons=(minissdpd wsdd2 inadyn)
+export build_packages lab_packages check_packages fuzz_packages bench_packages bench_daemons
 
 # say WORDS: one line for the person at the terminal, on standard error.
 say() {

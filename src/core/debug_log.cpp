@@ -90,11 +90,14 @@ void rotate() {
   rename(debug_log_path, debug_log_old_path);
 }
 
+/// Asked once, not for every line.
+const uid_t own_uid = geteuid();
+
 /// The present file, when it is ours and nobody else's to read; passwords are logged. Never through a link.
 int open_own() {
   const int fd = open(debug_log_path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   struct stat status {};
-  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == own_uid &&
       (status.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
     return fd;
   }
@@ -158,6 +161,17 @@ void begin_line(Line& line, const char* start) {
   put_text(line, start, line_len);
 }
 
+/// A frame of its own, so that a line that is not logged needs none of its size. `where` are DbgLevel's bits.
+[[gnu::noinline]] void say(int where, const char* start, const char* format, va_list args) {
+  const int saved_errno = errno;
+  Line line;
+  begin_line(line, start);
+  format_line(line, format, args);
+  if ((where & debug_console) != 0) write_console(STDOUT_FILENO, line);
+  if ((where & debug_file) != 0) write_file(line);
+  errno = saved_errno;
+}
+
 }  // namespace
 
 void never_wait_for_console() {
@@ -172,31 +186,20 @@ void never_wait_for_console() {
 }
 
 int debug_log(const char* format, ...) {
-  const int saved_errno = errno;
-  if ((DbgLevel & (debug_console | debug_file)) != 0) {
-    Line line;
-    begin_line(line, "KLOG");
-    va_list args;
-    va_start(args, format);
-    format_line(line, format, args);
-    va_end(args);
-    if ((DbgLevel & debug_console) != 0) write_console(STDOUT_FILENO, line);
-    if ((DbgLevel & debug_file) != 0) write_file(line);
-  }
-  errno = saved_errno;
+  // Most cameras log nothing: that is over before anything is done.
+  if ((DbgLevel & (debug_console | debug_file)) == 0) return 0;
+  va_list args;
+  va_start(args, format);
+  say(DbgLevel, "KLOG", format, args);
+  va_end(args);
   return 0;
 }
 
 void print_console(const char* format, ...) {
-  const int saved_errno = errno;
-  Line line;
-  begin_line(line, "");
   va_list args;
   va_start(args, format);
-  format_line(line, format, args);
+  say(debug_console, "", format, args);
   va_end(args);
-  write_console(STDOUT_FILENO, line);
-  errno = saved_errno;
 }
 
 void print_error_text(const char* text) {

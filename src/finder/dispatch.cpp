@@ -137,8 +137,14 @@ bool authorise(const FinderRequest& request, std::uint16_t opcode) {
 
 int check_reqmode(const FinderRequest& request, bool any_mac) {
   const std::uint8_t* mac = request.bytes + at_mac;
-  char text[18];
-  format_text(text, sizeof(text), "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+  constexpr char digits[] = "0123456789ABCDEF";
+  char text[3 * finder_mac_len];
+  for (std::size_t i = 0; i < finder_mac_len; ++i) {
+    text[3 * i] = digits[mac[i] >> 4];
+    text[3 * i + 1] = digits[mac[i] & 0x0F];
+    text[3 * i + 2] = ':';
+  }
+  terminate(text);
   debug_log(" check_reqmode:\nMyMAC=%s\nReqMAC=%s\n", request.my_mac, text);
   constexpr std::uint8_t everybody[finder_mac_len] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
   if (any_mac && std::memcmp(mac, everybody, sizeof(everybody)) == 0) return 1;
@@ -149,7 +155,7 @@ void Finderd_handle_request() {
   const ssize_t len = receive();
   if (len < 0) return;
   char from[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &finder.peer.sin_addr, from, sizeof(from));
+  if (DbgLevel != 0) inet_ntop(AF_INET, &finder.peer.sin_addr, from, sizeof(from));
   debug_log(" %s(), recv addr %s\n", "Finderd_handle_request", from);
   const FinderRequest request{finder.request, &finder.served.ifinfo[finder.iReportSocketIndex],
                               finder.served.present_if.mac, finder.ctx, &finder.alias};

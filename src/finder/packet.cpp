@@ -2,7 +2,7 @@
 // fields stand at odd offsets.
 #include "finder/packet.h"
 
-#include <cstdlib>
+#include <cctype>
 #include <cstring>
 
 #include "core/text.h"
@@ -52,9 +52,12 @@ void put_text(FinderReply& reply, std::size_t offset, std::size_t size, const ch
 
 void parse_mac(const char* text, std::uint8_t (&mac)[finder_mac_len]) {
   for (std::uint8_t& byte : mac) {
-    char* end = nullptr;
-    byte = static_cast<std::uint8_t>(std::strtoul(text, &end, 16));
-    text = *end == ':' ? end + 1 : end;
+    byte = 0;
+    for (; std::isxdigit(static_cast<unsigned char>(*text)) != 0; ++text) {
+      const int digit = *text <= '9' ? *text - '0' : (*text | 0x20) - 'a' + 10;
+      byte = static_cast<std::uint8_t>(byte << 4 | digit);
+    }
+    if (*text == ':') ++text;
   }
 }
 

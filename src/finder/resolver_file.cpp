@@ -9,6 +9,7 @@
 
 #include "core/debug_log.h"
 #include "finder/operations.h"
+#include "finder/record.h"
 
 namespace kestrel {
 
@@ -20,14 +21,15 @@ constexpr std::size_t other_dns = 84;
 
 constexpr char resolver_path[] = "/etc/resolv.conf";
 
-/// The servers of the resolver's file, and which file they were read from. Surveys come in bursts, and a
-/// look at the file costs a fraction of reading it.
+/// The servers of the resolver's file, and which file they were read from. Surveys come in bursts: a look at
+/// the file costs a fraction of reading it, and serves those of the next milliseconds.
 struct DnsServers {
   dev_t device;
   ino_t inode;
   off_t size;
   timespec changed;
-  bool settled;  // false: read so shortly after a change that another one might show the same time
+  std::uint64_t looked_ms;  // when the file was last looked at, on the monotonic clock
+  bool settled;             // false: read so shortly after a change that another one might show the same time
   int count;
   in_addr first;
   in_addr last;
@@ -53,10 +55,15 @@ void take_server(DnsServers& servers, const char* line) {
   ++servers.count;
 }
 
+constexpr std::uint64_t look_period_ms = 5;
+
 /// Brings the servers up to date with the file. Returns false when there is none.
 bool refresh(DnsServers& servers) {
+  const std::uint64_t now = finder_now_ms();
+  if (servers.settled && now - servers.looked_ms < look_period_ms) return true;
   struct stat status {};
   if (stat(resolver_path, &status) != 0) return false;
+  servers.looked_ms = now;
   if (is_same_file(servers, status)) return true;
   std::FILE* file = std::fopen(resolver_path, "re");
   if (file == nullptr) return false;

@@ -240,7 +240,7 @@ bool is_everybody(std::uint32_t ip, const IFINFO& on) {
 int Finderd_send(const std::uint8_t* buf, std::uint32_t len) {
   const int fd = finder.fd[finder.iReportSocketIndex];
   char to[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &finder.peer.sin_addr, to, sizeof(to));
+  if (DbgLevel != 0) inet_ntop(AF_INET, &finder.peer.sin_addr, to, sizeof(to));
   debug_log("%s(), sendto: socket=%d, iReportSocketIndex=%d, len=%d, send_addr=%s\n", "Finderd_send", fd,
             finder.iReportSocketIndex, static_cast<int>(len), to);
   // Whoever forges such a sender would have the camera call to everybody.

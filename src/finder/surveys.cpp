@@ -117,14 +117,21 @@ int Finderd_get_time(char* out) {
     print_error("gettimeofday");
     return 0;
   }
-  tm local{};
-  tzset();  // the zone may have changed since the last survey
-  if (localtime_r(&now.tv_sec, &local) == nullptr) {
-    print_error("localtime");
-    return 0;
+  static time_t second = 0;
+  static char text[time_len] = "";
+  if (now.tv_sec != second || text[0] == '\0') {
+    text[0] = '\0';
+    tm local{};
+    tzset();  // the zone may have changed since the last look
+    if (localtime_r(&now.tv_sec, &local) == nullptr) {
+      print_error("localtime");
+      return 0;
+    }
+    format_text(text, time_len, "%04d%02d%02d%02d%02d%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+                local.tm_hour, local.tm_min, local.tm_sec);
+    second = now.tv_sec;
   }
-  format_text(out, time_len, "%04d%02d%02d%02d%02d%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-              local.tm_hour, local.tm_min, local.tm_sec);
+  copy_text(out, time_len, text);
   return 1;
 }
 

@@ -2,7 +2,6 @@
 #include "service/blowfish.h"
 
 #include <cstring>
-#include <utility>
 
 namespace kestrel {
 
@@ -15,7 +14,7 @@ static_assert(sizeof(initial_words) == sizeof(BlowfishState));
 
 constexpr int rounds = 16;
 
-std::uint32_t feistel(const BlowfishState& state, std::uint32_t x) {
+[[gnu::always_inline]] inline std::uint32_t feistel(const BlowfishState& state, std::uint32_t x) {
   return ((state.s[0][x >> 24] + state.s[1][(x >> 16) & 0xFF]) ^ state.s[2][(x >> 8) & 0xFF]) + state.s[3][x & 0xFF];
 }
 
@@ -45,16 +44,17 @@ void cfb8(Direction direction, unsigned char* buffer, std::int32_t len, const un
   if (iv_len != static_cast<int>(blowfish_block_len) || key_len < 1) return;
   BlowfishState state;
   bf_key_schedule(&state, key, static_cast<std::int16_t>(key_len));
-  unsigned char shift[blowfish_block_len];
-  unsigned char scratch[blowfish_block_len];
-  std::memcpy(shift, iv, sizeof(shift));
-  for (std::int32_t i = 0; i < len; ++i) {
-    std::memcpy(scratch, shift, sizeof(scratch));
-    bf_encrypt_block(&state, scratch);
-    const unsigned char in = buffer[i];
-    buffer[i] = static_cast<unsigned char>(in ^ scratch[0]);
-    std::memmove(shift, shift + 1, sizeof(shift) - 1);
-    shift[sizeof(shift) - 1] = direction == Direction::encrypt ? buffer[i] : in;
+  // The shift register is a pair of words, the oldest byte highest.
+  std::uint32_t left = load_big_endian(iv);
+  std::uint32_t right = load_big_endian(iv + 4);
+  for (unsigned char* byte = buffer; byte < buffer + len; ++byte) {
+    std::uint32_t l = left;
+    std::uint32_t r = right;
+    bf_encipher(&state, &l, &r);
+    const unsigned char in = *byte;
+    *byte = static_cast<unsigned char>(in ^ l >> 24);
+    left = left << 8 | right >> 24;
+    right = right << 8 | (direction == Direction::encrypt ? *byte : in);
   }
 }
 
@@ -81,16 +81,14 @@ void bf_key_schedule(BlowfishState* state, const unsigned char* key, std::int16_
 void bf_encipher(const BlowfishState* state, std::uint32_t* left, std::uint32_t* right) {
   std::uint32_t l = *left;
   std::uint32_t r = *right;
-  for (int i = 0; i < rounds; ++i) {
+  // Two rounds at a time, so that the halves need not change places.
+  for (int i = 0; i < rounds; i += 2) {
     l ^= state->p[i];
-    r ^= feistel(*state, l);
-    std::swap(l, r);
+    r ^= feistel(*state, l) ^ state->p[i + 1];
+    l ^= feistel(*state, r);
   }
-  std::swap(l, r);
-  r ^= state->p[rounds];
-  l ^= state->p[rounds + 1];
-  *left = l;
-  *right = r;
+  *left = r ^ state->p[rounds + 1];
+  *right = l ^ state->p[rounds];
 }
 
 void bf_encrypt_block(const BlowfishState* state, unsigned char* block) {

@@ -1,7 +1,6 @@
 // The service's body cipher, see body_cipher.h.
 #include "service/body_cipher.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -16,9 +15,6 @@ namespace {
 constexpr char first_secret[] = "4RkMCwa7tebVLzo2H";
 constexpr char second_secret[] = "quilmore";
 static_assert(sizeof(first_secret) - 1 == 17 && sizeof(second_secret) - 1 == 8);
-
-/// The longest plain body, padded; callers' arrays are smaller.
-constexpr std::size_t max_plain_len = 4096;
 
 constexpr std::size_t base64_len(std::size_t len) {
   return 4 * ((len + 2) / 3);
@@ -57,13 +53,13 @@ void make_service_key(char key[service_key_len + 1]) {
 }
 
 int encipher_body(char* body, std::size_t size, LogFormat<'d'> bodylen_format) {
-  unsigned char cipher[max_plain_len + blowfish_block_len];
   const std::size_t plain_len = std::strlen(body);
-  if (plain_len > max_plain_len) {
+  auto* cipher = static_cast<unsigned char*>(std::malloc(plain_len + blowfish_block_len));
+  if (cipher == nullptr) {
     body[0] = '\0';
     return 0;
   }
-  std::copy_n(body, plain_len, cipher);
+  std::memcpy(cipher, body, plain_len);
   auto len = static_cast<std::int32_t>(plain_len);
   pad_to_block(cipher, &len);
   char key[service_key_len + 1];
@@ -71,8 +67,10 @@ int encipher_body(char* body, std::size_t size, LogFormat<'d'> bodylen_format) {
   log_if(bodylen_format, len);
   bf_cfb8_encrypt(cipher, len, as_bytes(key), service_key_len, cipher_iv, cipher_iv_len);
   std::memset(body, 0, size);
-  if (base64_len(static_cast<std::size_t>(len)) >= size) return 0;
-  return b64_encode(cipher, static_cast<unsigned>(len), body);
+  int encoded = 0;
+  if (base64_len(static_cast<std::size_t>(len)) < size) encoded = b64_encode(cipher, static_cast<unsigned>(len), body);
+  std::free(cipher);
+  return encoded;
 }
 
 char* decipher_body(const char* body, std::int32_t len) {

@@ -42,6 +42,8 @@ std::atomic<bool> all_ended{false};  // end_exchanges was called
 enum WatchState : int { no_watch, watch_starts, watch_runs };
 std::atomic<int> watch_state{no_watch};
 std::atomic<int> wake_fd{-1};
+/// When the watch looks again by itself, as a deadline; 0 while it looks, and when nothing is due.
+std::atomic<std::uint32_t> next_look{0};
 
 constexpr std::size_t watch_stack_len = 131072;  // bytes of address space; two pages of it are touched
 
@@ -90,7 +92,11 @@ int end_overdue() {
 void* watch(void* /*unused*/) {
   for (;;) {
     pollfd woken{wake_fd, POLLIN, 0};
-    if (poll(&woken, 1, end_overdue()) <= 0) continue;
+    // A deadline that is set from here on is either seen, or its owner finds no look announced, and wakes.
+    next_look = 0;
+    const int ms = end_overdue();
+    if (ms > 0) next_look = (now_ms() + static_cast<unsigned>(ms)) | 1U;
+    if (poll(&woken, 1, ms) <= 0) continue;
     eventfd_t count = 0;
     static_cast<void>(eventfd_read(wake_fd, &count));
   }
@@ -155,8 +161,11 @@ ExchangeWatch::~ExchangeWatch() {
 void ExchangeWatch::limit(unsigned ms) const {
   if (slot >= 0 && have_watch()) {
     // Never 0, which is none; a millisecond does not matter.
-    slots[static_cast<std::size_t>(slot)].deadline = (now_ms() + ms) | 1U;
-    static_cast<void>(eventfd_write(wake_fd, 1));
+    const std::uint32_t deadline = (now_ms() + ms) | 1U;
+    slots[static_cast<std::size_t>(slot)].deadline = deadline;
+    // The watch that looks in time anyway is left asleep: most exchanges are over long before.
+    const std::uint32_t look = next_look;
+    if (look == 0 || static_cast<std::int32_t>(deadline - look) < 0) static_cast<void>(eventfd_write(wake_fd, 1));
     return;
   }
   const std::uint32_t seconds = quotient<1000>(ms);

@@ -26,7 +26,6 @@ namespace kestrel {
 namespace {
 
 constexpr std::size_t url_len = 512;
-constexpr std::size_t max_send_len = 8192;
 constexpr int status_ok = 200;
 constexpr int status_unauthorized = 401;
 constexpr int status_not_found = 404;
@@ -93,23 +92,26 @@ packetheader* build_packet(const Request& request, Route& route, const char* bod
   return httpBuildPacket3(auth.user, route.server, service_port, route.path, method, length, length_len);
 }
 
-/// Serialises the packet and appends the body. Returns the length, or -1 when it does not fit.
-int fill_send_buffer(const Request& request, packetheader* packet, const char* body, char (&out)[max_send_len + 1]) {
-  if (packet == nullptr) return -1;
+/// Serialises the packet and appends the body. Returns the request, which the caller frees; null when it does not fit.
+char* make_out(const Request& request, packetheader* packet, const char* body, int& out_len) {
+  if (packet == nullptr) return nullptr;
   char* raw = nullptr;
   const int raw_len = ILibGetRawPacket(packet, &raw);
   log_if(request.log->buffer_length, raw_len);
   ILibDestructPacket(packet);
-  const std::size_t body_len = body != nullptr ? std::strlen(body) : 0;
-  const bool fits = raw != nullptr && raw_len > 0 && static_cast<std::size_t>(raw_len) + body_len <= request.send_len;
-  if (fits) {
-    std::memcpy(out, raw, static_cast<std::size_t>(raw_len));
-    if (body_len > 0) std::memcpy(out + raw_len, body, body_len);
-    out[static_cast<std::size_t>(raw_len) + body_len] = '\0';
-    log_if(request.log->send_buffer, out);
+  const std::size_t head_len = raw != nullptr && raw_len > 0 ? static_cast<std::size_t>(raw_len) : 0;
+  const std::size_t len = head_len + (body != nullptr ? std::strlen(body) : 0);
+  const bool fits = head_len > 0 && len <= request.send_len;
+  char* out = fits ? static_cast<char*>(std::realloc(raw, len + 1)) : nullptr;
+  if (out == nullptr) {
+    std::free(raw);
+    return nullptr;
   }
-  std::free(raw);
-  return fits ? raw_len + static_cast<int>(body_len) : -1;
+  if (body != nullptr) std::memcpy(out + head_len, body, len - head_len);
+  out[len] = '\0';
+  out_len = static_cast<int>(len);
+  log_if(request.log->send_buffer, out);
+  return out;
 }
 
 /// Makes the socket; -1 stands in the reader when none can be had.
@@ -152,7 +154,8 @@ void read_challenge(packetheader_field_node* fields, AuthenticateInfo& auth) {
   struct {
     AuthenticateInfo info;
     char room[1024];
-  } taken{auth, {}};
+  } taken;
+  taken.info = auth;
   if (fields != nullptr) GetAuthenticateInfo(fields, &taken.info);
   copy_bytes(auth.realm, sizeof(auth.realm), taken.info.realm, sizeof(taken.info.realm));
   copy_bytes(auth.nonce, sizeof(auth.nonce), taken.info.nonce, sizeof(taken.info.nonce));
@@ -165,7 +168,8 @@ void take_challenge(const Request& request, packetheader_field_node* fields, Aut
   auth.on = 1;
   log_if(log.challenge_taken);
   read_challenge(fields, auth);
-  fresh_cnonce(auth);
+  // The next request makes its own; this one is seen in the log alone.
+  if (DbgLevel != 0) fresh_cnonce(auth);
   copy_text(auth.uri, request.challenge_uri);
   copy_text(auth.method, request.method);
   auth.nc = 1;
@@ -281,22 +285,24 @@ int run_exchange(DeviceContext& ctx, const Request& request, const char (&server
                  AuthenticateInfo& auth, AnswerReader read_answer, void* sink) {
   close_leftover(request);
   log_if(request.log->auth_on, static_cast<int>(auth.on));
-  Route route{};
+  Route route;
   choose_route(ctx, request, server, route);
-  char out[max_send_len + 1];
-  int out_len = fill_send_buffer(request, build_packet(request, route, body, auth), body, out);
-  if (out_len < 0 && auth.on == 1) {
+  int out_len = 0;
+  char* out = make_out(request, build_packet(request, route, body, auth), body, out_len);
+  if (out == nullptr && auth.on == 1) {
     // A challenge that cannot be answered must not end all requests: without credentials there is a new one.
     auth.on = 0;
-    out_len = fill_send_buffer(request, build_packet(request, route, body, auth), body, out);
+    out = make_out(request, build_packet(request, route, body, auth), body, out_len);
   }
-  if (out_len < 0) {
+  if (out == nullptr) {
     debug_log("[kestreld] *** request does not fit into its buffer\n");
     return request.no_answer_result;
   }
   // A changed setting must not fail the exchange that it finds under way; an exit request may.
   const SignalsBlocked settings({SIGUSR1, SIGUSR2});
-  return exchange(ctx, request, route, out, out_len, auth, read_answer, sink);
+  const int result = exchange(ctx, request, route, out, out_len, auth, read_answer, sink);
+  std::free(out);
+  return result;
 }
 
 int post(DeviceContext& ctx, const Request& request, PostBody& body, AuthenticateInfo& auth, AnswerReader read_answer,

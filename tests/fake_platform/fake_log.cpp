@@ -10,7 +10,7 @@
 
 namespace kestrel {
 
-int DbgLevel = 0;
+int DbgLevel = debug_file;
 
 namespace {
 

@@ -212,7 +212,7 @@ TEST_F(Host, AFaultSpoilsNothingAndIsForgottenByTheNextCall) {
         faults += turn - 1;
       }
     }
-    EXPECT_GT(faults, 60);
+    EXPECT_GT(faults, 20);
     return 0;
   });
   EXPECT_EQ(child.status, 0) << child.out;
