@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <csignal>
 #include <thread>
@@ -232,12 +231,6 @@ TEST_F(LogFile, ThreadsAndSignalHandlersMayLogAtOnce) {
 // ---- Waits ----
 
 std::uint32_t run = 1;
-
-double seconds_of(const std::function<void()>& work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 void alarm_in(long us) {
   const itimerval once{{0, 0}, {0, us}};

@@ -4,9 +4,11 @@
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 
 #include "fake_platform/fixture.h"
@@ -14,6 +16,7 @@
 #include "service/body_cipher.h"
 #include "service/connect.h"
 #include "service/digest.h"
+#include "service/exchange_watch.h"
 #include "service/post_body.h"
 #include "service/requests.h"
 #include "service/token.h"
@@ -54,38 +57,8 @@ TEST(Digest, Response) {
 
 // ---- Cipher ----
 
-std::string unhex(const std::string& hex) {
-  std::string out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  }
-  return out;
-}
-
 const unsigned char* raw(const std::string& text) {
   return nettle_cipher::bytes(text);
-}
-
-TEST(Blowfish, PublishedVectors) {
-  struct Row {
-    const char *key, *plain, *cipher;
-  };
-  const Row rows[] = {
-      {"0000000000000000", "0000000000000000", "4EF997456198DD78"},
-      {"FFFFFFFFFFFFFFFF", "FFFFFFFFFFFFFFFF", "51866FD5B85ECB8A"},
-      {"FEDCBA9876543210", "0123456789ABCDEF", "0ACEAB0FC6A0A28D"},
-      {"7CA110454A1A6E57", "01A1D6D039776742", "59C68245EB05282B"},
-      {"F0E1D2C3B4A5968778695A4B3C2D1E0F", "FEDCBA9876543210", "93142887EE3BE15C"},
-      {"F0E1D2C3B4A5968778695A4B3C2D1E0F0011223344556677", "FEDCBA9876543210", "05044B62FA52D080"},
-  };
-  for (const Row& row : rows) {
-    const std::string key = unhex(row.key);
-    std::string block = unhex(row.plain);
-    BlowfishState state;
-    bf_key_schedule(&state, raw(key), static_cast<std::int16_t>(key.size()));
-    bf_encrypt_block(&state, nettle_cipher::bytes(block));
-    EXPECT_EQ(block, unhex(row.cipher)) << row.key;
-  }
 }
 
 TEST(Blowfish, Cfb8IsNettlesForEveryLengthOfTextAndKey) {
@@ -249,12 +222,21 @@ TEST_F(Connect, AcceptedOrRefused) {
   EXPECT_EQ(fcntl(sock_, F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_F(Connect, NobodyAnswersInTime) {
+TEST_F(Connect, NobodyAnswersInTimeOrUntilTheDaemonEnds) {
   const int other = socket(AF_INET, SOCK_STREAM, 0);
   peer_.sin_port = htons(static_cast<std::uint16_t>(listen_without_room(other)));
   EXPECT_EQ(connect_within(1), -1);
   EXPECT_EQ(errno, ETIMEDOUT);
   EXPECT_EQ(fake.log.back(), " WaitConnect timeout\n");
+  const Child child = run_child([&] {  // in a process of its own, as there are no exchanges after it
+    const ExchangeWatch watch(sock_);
+    std::signal(SIGALRM, [](int) { end_exchanges(); });
+    const itimerval once{{0, 0}, {0, 200'000}};
+    setitimer(ITIMER_REAL, &once, nullptr);
+    EXPECT_LT(seconds_of([&] { connect_within(20); }), 5);
+    return 0;
+  });
+  EXPECT_EQ(child.status, 0) << child.out;
   close(other);
 }
 
@@ -272,6 +254,46 @@ TEST_F(Connect, ADescriptorBeyondTheSetIsRefused) {
   EXPECT_EQ(WaitConnect(last, address(), sizeof(peer_), 20), 0);
   close(last);
   close(beyond);
+}
+
+// ---- The watch ----
+
+TEST(Watch, EndsItsOwnExchangeAtItsTimeAndNoOtherSocket) {
+  int first[2], second[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, first), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, second), 0);
+  char byte = 0;
+  const auto has_ended = [&byte](int fd) { return recv(fd, &byte, 1, MSG_DONTWAIT) == 0; };
+  {
+    const ExchangeWatch late(first[0]);
+    late.limit(60'000);
+    late.limit(100);  // replaces it
+    {
+      const ExchangeWatch over(second[0]);
+      over.limit(50);
+    }
+    // The library closed the socket early, and its number serves somebody else.
+    const int taken = dup(first[0]);
+    ASSERT_EQ(dup2(second[0], first[0]), first[0]);
+    EXPECT_LT(seconds_of([&] { EXPECT_EQ(recv(taken, &byte, 1, 0), 0); }), 5);
+    EXPECT_FALSE(has_ended(second[0]));
+    EXPECT_FALSE(has_ended(second[1]));
+    close(taken);
+  }
+  for (const int fd : {first[0], first[1], second[0], second[1]}) close(fd);
+}
+
+TEST(Watch, WithoutAWatcherTheSocketsOwnTimeOutsServe) {
+  const int sock = socket(AF_INET, SOCK_STREAM, 0);
+  const ExchangeWatch first(sock), second(sock), third(sock);  // one more than there are threads
+  third.limit(1500);
+  for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
+    timeval limit{};
+    socklen_t len = sizeof(limit);
+    getsockopt(sock, SOL_SOCKET, option, &limit, &len);
+    EXPECT_EQ(limit.tv_sec * 1000 + limit.tv_usec / 1000, 1500);
+  }
+  close(sock);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 
 #include "core/device_context.h"
 #include "core/text.h"
+#include "support/child.h"
 
 /// A listener on loopback that takes one connection and treats it as told.
 class Peer {
@@ -117,13 +118,6 @@ inline void begin_record(kestrel::DeviceContext& ctx, const Peer& relay) {
   kestrel::copy_text(ctx.redir_ip, "192.0.2.10");
   kestrel::copy_text(ctx.auth_info.user, "HID00001");
   kestrel::copy_text(ctx.auth_info.pass, "secret");
-}
-
-/// How long `work` takes.
-inline double seconds_of(const std::function<void()>& work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 #endif
