@@ -16,6 +16,8 @@ from xml.sax.saxutils import escape
 IP1, IP2, PPP1, _ = (f"urn:schemas-upnp-org:service:WAN{kind}Connection:{version}"
                         for kind in ("IP", "PPP") for version in (1, 2))
 NOBODY = "http://127.0.0.1:1/desc.xml"
+BOMB = f"<!DOCTYPE r [<!ENTITY a '{'x' * 9999}'>" + "".join(
+    f"<!ENTITY {name} '{f'&{of};' * 99}'>" for of, name in zip("abcdef", "bcdefg")) + "]><root>&g;</root>"
 
 
 ThreadingHTTPServer.handle_error = lambda *_: None  # a client that gave up
@@ -195,18 +197,6 @@ class GatewayTest(unittest.TestCase):
             self.assertEqual(bench.codes("port 0", "add 0", "delete 0"), [3, 102, 4])
             self.assertEqual(bench.gateway.calls, [], "port 0 would stand for all ports")
 
-    def test_error_codes(self):
-        leases = {402: ["0", "604800"]}
-        with Bench() as bench:
-            bench.ask("discover")
-            for code in (402, 501, 606, 713, 714, 718, 725, 729, 401, 5, 99999, -7):
-                bench.gateway.errors = lambda action, arguments: code
-                told = code if 400 <= code <= 899 else 100
-                with self.subTest(code=code):
-                    self.assertEqual(bench.codes("eip", "entry 0", "add 80"), [told] * 3)
-                    self.assertEqual(bench.leases(), leases.get(code, ["0"]))
-                    self.assertEqual(bench.codes("port 80", "delete 80"), [3, 4] if code == 714 else [told] * 2)
-
     def test_the_lease_that_the_router_insists_on_is_kept(self):
         for lease, refused, code, asked in ((0, "0", 402, [["0", "604800"], ["604800"]]),
                                             (3600, "3600", 725, [["3600", "0"], ["0"]])):
@@ -270,6 +260,8 @@ class GatewayTest(unittest.TestCase):
             (missed, "", {"location": "file:///etc/passwd"}),
             (missed, "", {"location": "http://{}/" + "x" * 600}),
             (found, "/control", {"silent_searches": 1}),
+            *((missed, "", {"description": lambda text=text: text})
+              for text in (BOMB, "<root>" * 300000, "<root " + "a='b' " * 100000, "<!--" * 100000)),
             *((missed, "", {"description_mode": mode})
               for mode in ("silent", "drip", "flood", "flooding head", "garbage", "no XML", "cut", "404"))], check)
 
@@ -278,18 +270,6 @@ class GatewayTest(unittest.TestCase):
         with Bench(before=[*slow, NOBODY]) as bench:
             self.assertEqual(bench.codes("discover"), [0])
             self.assertLess(bench.took, 1.5)
-
-    def test_a_bad_answer_ends_the_call_in_time(self):
-        def check(mode, result):
-            with Bench() as bench:
-                bench.ask("discover")
-                for call in ("eip", "port", "entry", "add", "delete")[:1 if mode in ("silent", "drip") else 5]:
-                    bench.gateway.control_mode = mode
-                    self.assertEqual(bench.ask(call, 80, timeout=1 if mode in ("silent", "drip") else 8)[0], result, call)
-                    self.assertLess(bench.took, 3, call)
-
-        self.each([("silent", -1), ("drip", -1), ("flood", -1), ("flooding head", -1), ("cut", -1), ("garbage", -1), ("no XML", 100),
-                   ("deep", 100)], check)
 
 
 if __name__ == "__main__":
