@@ -130,14 +130,6 @@ class Finder(unittest.TestCase):
                 self.assertEqual((address, result, len(told), told[at_mac:at_mac + 6], told[at_ip:at_ip + 4]),
                                  (ip, 0, OPEN[opcode], raw(own), socket.inet_aton(ip)))
 
-    def test_arguments_that_the_tool_never_sends(self):
-        self.assertEqual([words(ask("b", 0xD2, admin(argument))) for argument in (b"\2", b"")], [(1, 1, 0, 0, 0)] * 2)
-        handle = words(ask("a", 0x107, admin(b"gate")))  # without its zero byte
-        self.assertEqual((handle[:2], stored("alias"), stored("alias_status")), ((0, 0), "gate", "1"))
-        self.assertEqual(words(ask("b", 0x107, admin(b"door"))), (1, 2, handle[2], 0, 0))
-        self.assertEqual(words(ask("a", 0x10A, admin(b"skyport.test"))), (0, 0, 0, 30000, 0))
-        self.assertEqual((CAMERA.process.poll(), stored("enabled")), (None, "1"))
-
     def test_nobody_else_is_served(self):
         for opcode in PROTECTED:
             for payload in (b"", admin(password=b"Admin"), admin(user=b"bob")):
