@@ -270,16 +270,22 @@ TEST_F(Transaction, AChallengeIsAnsweredWithTheNextRequest) {
       EXPECT_EQ(auth.nc, 1U);
       EXPECT_EQ(std::strlen(auth.cnonce), 32U);
       EXPECT_EQ(fake_calls({"GetAuth"}), Texts{"GetAuthenticateInfo WWW-Authenticate"});
-      // Two requests under the first nonce, a new challenge, and one under the second.
+      // Requests under the first nonce, a new challenge, and more of both; the count is decimal.
       struct Row {
+        std::uint32_t counted;
         int status, result;
         const char *nonce, *qop, *nc;
       };
-      const Row rows[] = {
-          {200, 1, "n0", "auth", "00000002"}, {401, 2, "n0", "auth", "00000003"}, {200, 1, "n1", "", "00000002"}};
+      const Row rows[] = {{0, 200, 1, "n0", "auth", "00000002"},
+                          {11, 200, 1, "n0", "auth", "00000012"},
+                          {123456788, 401, 2, "n0", "auth", "123456789"},
+                          {0, 401, 2, "n1", "", "00000002"},
+                          {0, 200, 1, "n2", "auth-int", "00000002"}};
       std::string last_cnonce = auth.cnonce;
       for (const Row& row : rows) {
-        fake.challenge = {"sky", "n1", "MD5", ""};
+        fake.challenge = row.qop[0] == '\0' ? decltype(fake.challenge){"sky", "n2", "MD5", "auth-int"}
+                                            : decltype(fake.challenge){"sky", "n1", "MD5", ""};
+        if (row.counted > 0) ctx.auth_info.nc = row.counted;
         ++fake.unix_time_us;
         EXPECT_EQ(exchange(subject, {.status = row.status}), row.result);
         const FakeRequest& request = fake.requests.back();
@@ -295,8 +301,9 @@ TEST_F(Transaction, AChallengeIsAnsweredWithTheNextRequest) {
         last_cnonce = part[5];
         const std::string qop = row.qop;
         const std::string middle = qop.empty() ? "" : std::string(row.nc) + ":" + last_cnonce + ":" + qop + ":";
+        const std::string entity = qop == "auth-int" ? ":" + md5_hex("") : "";
         EXPECT_EQ(part[6], md5_hex(md5_hex("HID00001:sky:secret") + ":" + row.nonce + ":" + middle +
-                                   md5_hex(std::string(subject.method) + ":" + request.path)))
+                                   md5_hex(std::string(subject.method) + ":" + request.path + entity)))
             << subject.name;
       }
     }
