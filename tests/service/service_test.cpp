@@ -21,7 +21,6 @@
 #include "service/token.h"
 #include "support/child.h"
 #include "support/nettle_cipher.h"
-#include "support/sockets.h"
 
 namespace kestrel {
 
@@ -184,8 +183,10 @@ TEST_F(Connect, AcceptedOrRefused) {
 }
 
 TEST_F(Connect, NobodyAnswersInTimeOrUntilTheDaemonEnds) {
-  const int other = socket(AF_INET, SOCK_STREAM, 0);
-  peer_.sin_port = htons(static_cast<std::uint16_t>(listen_without_room(other)));
+  listen(listener_, 0);
+  for (int i = 0; i < 4; ++i) {  // they fill its queue
+    connect(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), address(), sizeof(peer_));
+  }
   EXPECT_EQ(connect_within(1), -1);
   EXPECT_EQ(errno, ETIMEDOUT);
   EXPECT_EQ(fake.log.back(), " WaitConnect timeout\n");
@@ -198,7 +199,6 @@ TEST_F(Connect, NobodyAnswersInTimeOrUntilTheDaemonEnds) {
     return 0;
   });
   EXPECT_EQ(child.status, 0) << child.out;
-  close(other);
 }
 
 TEST_F(Connect, ADescriptorBeyondTheSetIsRefused) {
