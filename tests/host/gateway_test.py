@@ -5,13 +5,13 @@ import socket
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
-from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
-from xml.etree import ElementTree
-from xml.sax.saxutils import escape
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
+from lab import gateway  # noqa: E402
 
 IP1, IP2, PPP1, _ = (f"urn:schemas-upnp-org:service:WAN{kind}Connection:{version}"
                         for kind in ("IP", "PPP") for version in (1, 2))
@@ -20,39 +20,13 @@ BOMB = f"<!DOCTYPE r [<!ENTITY a '{'x' * 9999}'>" + "".join(
     f"<!ENTITY {name} '{f'&{of};' * 99}'>" for of, name in zip("abcdef", "bcdefg")) + "]><root>&g;</root>"
 
 
-ThreadingHTTPServer.handle_error = lambda *_: None  # a client that gave up
+class Gateway(gateway.Gateway):
+    """Describes itself in XML as few write it: decoys in a comment, CDATA and an attribute, prefixes, an entity."""
 
-
-class Gateway:
-    """Answers searches, describes itself, keeps a table of mappings, all as its attributes say."""
-
-    def __init__(self, services=((IP1, "/control"),), ip="127.0.0.1", location=None, **told):
-        self.services, self.pad, self.external = services, 0, "203.0.113.5"
-        self.first, self.last, self.encoding, self.prefix = "", "</d:root>", "UTF-8", "u:"
-        self.before, self.silent_searches = [], 0  # locations that others answer with first; questions not answered
-        self.description_mode = self.control_mode = ""
-        self.errors, self.connected, self.maps = lambda action, arguments: 0, "", True
-        self.table, self.calls, self.gets = {}, [], 0
-        self.__dict__.update(told)
-        self.http = ThreadingHTTPServer((ip, 0), self.handler())
-        self.ssdp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.ssdp.bind(("127.0.0.1", 0))
-        self.location = (location or "http://{}/desc.xml").format("%s:%d" % self.http.server_address)
-        for work in (self.http.serve_forever, self.answer_searches):
-            threading.Thread(target=work, daemon=True).start()
-
-    def answer_searches(self):
-        while True:
-            question, peer = self.ssdp.recvfrom(2048)
-            if b"InternetGatewayDevice:1" not in question:
-                continue  # the same question for another kind of device
-            self.silent_searches -= 1
-            if self.silent_searches < 0:
-                for location in [*self.before, self.location]:
-                    self.ssdp.sendto(f"HTTP/1.1 200 OK\r\nST: x\r\nLoCation:  {location} \r\n\r\n".encode(), peer)
+    def __init__(self, ip="127.0.0.1", **told):
+        super().__init__(None, ip, **{"external": "203.0.113.5", "prefix": "u:", "pad": 0, "first": "", "last": "</d:root>"} | told)
 
     def description(self):
-        """XML as few write it: decoys in a comment, CDATA and an attribute, prefixes, an entity of its own."""
         services = "".join(f"""<d:service id='1>2'><!-- <controlURL>/no</controlURL> --><d:serviceType>
             {kind}</d:serviceType ><controlURL a="/>"><![CDATA[{url}]]></controlURL></d:service>""" for kind, url in self.services)
         return f"""<?xml version="1.0" encoding="{self.encoding}"?><!DOCTYPE root [<!ENTITY x "<device>no</device>">]>
@@ -61,69 +35,6 @@ class Gateway:
             <modelName>{"M" * 50}</modelName><modelNumber/><modelDescription>D</modelDescription><manufacturerURL>U</manufacturerURL>{"<icon>x</icon>" * (self.pad // 14)}<deviceList><device>
             <presentationURL>inner</presentationURL><serviceList>{services}</serviceList></device></deviceList>
             <presentationURL>http://own/</presentationURL></d:device>{self.last}"""
-
-    def act(self, action, path, arguments):
-        """An action's answer, or its UPnP error code."""
-        port = arguments.get("NewExternalPort")
-        match action:
-            case "AddPortMapping" if self.maps:
-                self.table[port] = arguments
-            case "DeletePortMapping":
-                return {} if self.table.pop(port, None) else 714
-            case "GetSpecificPortMappingEntry":
-                return self.table.get(port, 714)
-            case "GetGenericPortMappingEntry":
-                index = int(arguments["NewPortMappingIndex"])
-                return list(self.table.values())[index] if index < len(self.table) else 713
-            case "GetStatusInfo":
-                return {"NewConnectionStatus": "Connected" if path == self.connected else "Disconnected"}
-        return {"NewExternalIPAddress": self.external}
-
-    def handler(gateway):
-        class Handler(BaseHTTPRequestHandler):
-            def log_message(self, *_):
-                pass
-
-            def do_GET(self):
-                gateway.gets += 1
-                self.answer(gateway.description_mode, 200, gateway.description())
-
-            def do_POST(self):
-                body = self.rfile.read(int(self.headers["Content-Length"])).decode()
-                kind, action = self.headers["SOAPAction"].strip('"').split("#")
-                (call,), = ElementTree.fromstring(body)
-                assert call.tag == f"{{{kind}}}{action}", call.tag
-                arguments = {argument.tag: escape(argument.text or "") for argument in call}
-                gateway.calls.append((action, self.path, arguments))
-                p, result = gateway.prefix, gateway.errors(action, arguments) or gateway.act(action, self.path, arguments)
-                if isinstance(result, int):
-                    result = f"<s:Fault><detail><UPnPError><{p}errorCode>{result}</{p}errorCode></UPnPError></detail></s:Fault>"
-                else:
-                    texts = "".join(f"<{p}{name}>{text}</{p}{name}>" for name, text in result.items())
-                    result = f"<{p}{action}Response xmlns:u='{kind}'>{texts}</{p}{action}Response>"
-                self.answer(gateway.control_mode, 500 if "Fault" in result else 200,
-                            f"<s:Envelope xmlns:s='http://schemas.xmlsoap.org/soap/envelope/'><s:Body>{result}</s:Body></s:Envelope>")
-
-            def answer(self, mode, status, text):
-                text = text.encode(gateway.encoding)
-                whole = f"HTTP/1.1 {status} X\r\nContent-Length: {len(text)}\r\n\r\n".encode() + text
-                match mode:
-                    case "silent":
-                        time.sleep(60)
-                    case "drip":
-                        for byte in whole:
-                            self.wfile.write(bytes([byte]))
-                            time.sleep(0.2)
-                    case "flood" | "flooding head":
-                        self.wfile.write(b"HTTP/1.1 200 OK\r\n" + (b"\r\n" if mode == "flood" else b""))
-                        while True:
-                            self.wfile.write(b"X: <x>\r\n" * 10000)
-                    case _:
-                        self.wfile.write({"": whole, "404": whole.replace(b" 200 ", b" 404 "), "garbage": b"\0\1\2\3" * 100, "cut": whole[:-20],
-                                          "deep": b"HTTP/1.1 200 X\r\n\r\n" + b"<a>" * 300000, "no end": b"HTTP/1.1 200 X\r\n\r\n" + text[:text.find(b"3.5<")],
-                                          "no XML": b"HTTP/1.1 200 X\r\n\r\n<<a<b>>&&;&#xfffffffff;<!--<![CDATA["}[mode])
-
-        return Handler
 
 
 class Bench:
@@ -215,7 +126,7 @@ class GatewayTest(unittest.TestCase):
                 bench.gateway.table = {"80": entry | {"NewInternalClient": client}}
                 texts = ["x" * 63, client, "80", "77"] if client else ["-", "-", "-1", "-1"]
                 self.assertEqual(bench.ask("port", 80), [result, *texts])
-            bench.gateway.maps = False  # says yes to an add and does nothing
+            bench.gateway.keeps = False  # says yes to an add and does nothing
             for there, result in (({}, 101), (entry, 101), (entry | {"NewInternalClient": "127.0.0.1"}, 0),
                                   (entry | {"NewInternalClient": "127.0.0.1", "NewInternalPort": "8080"}, 101)):
                 bench.gateway.table = {"80": there} if there else {}

@@ -39,7 +39,7 @@ KINDS = [
     *((told(control_mode=mode), told(control_mode=""), [100] * 5) for mode in ("no XML", "deep")),
     (go, come_back, [-1] * 5),
     (told(errors=lambda *_: LONG), told(errors=lambda *_: 0), [4, 2, 0, 101, 0]),
-    (told(maps=False, table={}), told(maps=True), [0, 3, 713, 101, 4]),
+    (told(keeps=False, table={}), told(keeps=True), [0, 3, 713, 101, 4]),
     *((told(errors=lambda *_, code=code: code), told(errors=lambda *_: 0), [result] * 5)
       for code, result in (*zip(CODES, CODES), (399, 100), (900, 100), (99999, 100), (-7, 100))),
     (told(errors=lambda *_: 714), told(errors=lambda *_: 0), [714, 3, 714, 714, 4]),
