@@ -239,6 +239,8 @@ int get_active_interface(const char* name, IFINFO* out) {
 }
 int fillActIfInfo(ACT_IF_INFO* out, IFINFO* in) {
   const int result = answer("fillActIfInfo", 1);
+  if (result == silent_success) std::memset(out, 'x', sizeof(*out));
+  if (result != 1) return told(result);
   inet_ntop(AF_INET, &in->ip, out->ip, sizeof(out->ip));
   inet_ntop(AF_INET, &in->mask, out->mask, sizeof(out->mask));
   inet_ntop(AF_INET, &in->gateway, out->gw, sizeof(out->gw));
