@@ -52,13 +52,22 @@ class Gateway:
         self.__dict__.update(told)
         self._install, self._lock = install, threading.Lock()
         with node.inside() if node else contextlib.nullcontext():
-            self.http = ThreadingHTTPServer((address, port), self.handler())
+            self.start((address, port))
             self.ssdp = _discovery_socket(address) if node else socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         if not node:
             self.ssdp.bind(("127.0.0.1", 0))
         self.location = location.format("%s:%d" % self.http.server_address)
-        for work in (self.http.serve_forever, self._answer_searches):
-            threading.Thread(target=work, daemon=True).start()
+        threading.Thread(target=self._answer_searches, daemon=True).start()
+
+    def start(self, address: tuple[str, int]) -> None:
+        """Serve its description and its actions there."""
+        self.http = ThreadingHTTPServer(address, self._handler())
+        threading.Thread(target=self.http.serve_forever, daemon=True).start()
+
+    def stop(self) -> None:
+        """Nothing listens any more; searches are still answered."""
+        self.http.shutdown()
+        self.http.server_close()
 
     @property
     def rows(self) -> dict[int, tuple[str, int, str]]:
@@ -109,8 +118,7 @@ class Gateway:
                 for location in [*self.before, self.location]:
                     self.ssdp.sendto(f"HTTP/1.1 200 OK\r\nST: x\r\nLoCation:  {location} \r\n\r\n".encode(), peer)
 
-    def handler(gateway) -> type:
-        """The class that serves a connection."""
+    def _handler(gateway) -> type:
         class Handler(BaseHTTPRequestHandler):
             def log_message(self, *_):
                 pass

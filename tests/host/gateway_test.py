@@ -20,6 +20,24 @@ BOMB = f"<!DOCTYPE r [<!ENTITY a '{'x' * 9999}'>" + "".join(
     f"<!ENTITY {name} '{f'&{of};' * 99}'>" for of, name in zip("abcdef", "bcdefg")) + "]><root>&g;</root>"
 
 
+ROW = {"NewInternalClient": "127.0.0.1", "NewInternalPort": "80", "NewExternalPort": "80", "NewProtocol": "TCP"}
+WELL = {"control_mode": "", "errors": lambda *_: 0, "keeps": True, "table": {"80": ROW}}
+CALLS = {"eip 0": 0, "port 80": 1, "entry 0": 0, "add 81": 0, "delete 80": 0}  # and their results when all is well
+LONG = dict.fromkeys(("NewExternalIPAddress", "NewInternalClient", "NewInternalPort"), "9" * 300000)
+CODES = (400, 401, 402, 501, 606, 713, 718, 724, 725, 726, 727, 728, 729, 899)
+# A fault, and the results of the five calls under it.
+FAULTS = [
+    ("gone", [-1] * 5),
+    *(({"control_mode": mode}, [-1] * 5) for mode in ("silent", "drip", "flood", "flooding head", "cut", "garbage")),
+    *(({"control_mode": mode}, [100] * 5) for mode in ("no XML", "deep")),
+    ({"errors": lambda *_: LONG}, [4, 2, 0, 101, 0]),
+    ({"keeps": False, "table": {}}, [0, 3, 713, 101, 4]),
+    ({"errors": lambda *_: 714}, [714, 3, 714, 714, 4]),
+    *(({"errors": lambda *_, code=code: code}, [result] * 5)
+      for code, result in (*zip(CODES, CODES), (399, 100), (900, 100), (99999, 100), (-7, 100))),
+]
+
+
 class Gateway(gateway.Gateway):
     """Describes itself in XML as few write it: decoys in a comment, CDATA and an attribute, prefixes, an entity."""
 
@@ -87,8 +105,8 @@ def own_address():
 
 class GatewayTest(unittest.TestCase):
     def each(self, rows, check):
-        """Runs `check` on every row, all at once: most of it is waiting."""
-        with ThreadPoolExecutor(len(rows)) as pool:
+        """Runs `check` on every row, many at once: most of it is waiting."""
+        with ThreadPoolExecutor(32) as pool:
             for row, result in [(row, pool.submit(check, *row)) for row in rows]:
                 with self.subTest(row=str(row)[:90]):
                     result.result()
@@ -181,6 +199,34 @@ class GatewayTest(unittest.TestCase):
         with Bench(before=[*slow, NOBODY]) as bench:
             self.assertEqual(bench.codes("discover"), [0])
             self.assertLess(bench.took, 1.5)
+
+    def test_each_call_ends_in_its_result_and_the_next_is_well(self):
+        def check(fault, call, expected):
+            with Bench() as bench:
+                router = bench.gateway
+                router.table = WELL["table"].copy()
+                bench.ask("discover")
+                router.stop() if fault == "gone" else router.__dict__.update(fault)
+                self.assertEqual(bench.ask(*call.split(), timeout=1)[0], expected)
+                self.assertLess(bench.took, 9 if call[0] in "ad" else 2)  # an add and a delete take their own time-out
+                if expected != -1:  # one try, or two of different leases
+                    self.assertIn(bench.leases(), ([], ["0"], ["0", "604800"] if expected == 402 else []))
+                if fault == "gone":
+                    router.start(router.http.server_address)
+                router.__dict__.update(WELL, table=WELL["table"].copy())
+                self.assertEqual(bench.codes(call), [CALLS[call]])
+
+        self.each([(fault, call, result) for fault, results in FAULTS for call, result in zip(CALLS, results)], check)
+
+    def test_of_two_gateways_one_is_used_until_it_is_gone(self):
+        other = Gateway()
+        with Bench(before=[other.location]) as bench:
+            self.assertEqual(bench.codes("discover", "add 80", "add 81", "delete 80"), [0] * 4)
+            used, spare = (other, bench.gateway) if other.calls else (bench.gateway, other)
+            self.assertEqual((list(used.table), spare.calls), (["81"], []))
+            used.stop()
+            self.assertEqual(bench.codes("eip", "discover", "add 80"), [-1, 0, 0])
+            self.assertEqual(list(spare.table), ["80"])
 
 
 if __name__ == "__main__":
