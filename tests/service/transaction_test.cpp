@@ -389,16 +389,13 @@ TEST_F(Transaction, LogOfEachRequest) {
        " ---[ srv_get_eip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect to 192.0.2.20:80|"
        " connect=0| send=SENT| Body_Read=72||<--|" + eip_body + "|<--|<-200 OK receiced!|"
        " ==>[eip:eport] 203.0.113.9:51000|"},
-      {eip, 0, {.usable = false},
-       " ---[ srv_get_eip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect to 192.0.2.20:80|"
-       " connect=0| send=SENT| null|"},
+      {eip, 0, {.usable = false}, "END connect=0| send=SENT| null|"},
       {daip, 1, {.body = daip_body},
        " ---[ srv_get_daip ]---| auth_info->on=1| ecnode bodylen=30| BufferLength=(SENT)| portnum=(40000)|"
        " connect=0| send=SENT| Body_Read=36||<--|" + daip_body + "|<--| <-200 OK receiced!|"
        " decodestr:|<da_eip>192.0.2.30</da_eip>| ==> Physical DA eip: 192.0.2.30|"},
       {daip, 0, {.status = 401},
-       " ---[ srv_get_daip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect=0| send=SENT|"
-       " Body_Read=0| <-401 received!| ecnode bodylen=30| algorithm=MD5| nonce=n0| qop=auth| realm=sky|"
+       "END connect=0| send=SENT| Body_Read=0| <-401 received!| ecnode bodylen=30| algorithm=MD5| nonce=n0| qop=auth| realm=sky|"
        " uri=/ext.html| cnonce=CNONCE(32)|"},
       {update, 0, {.status = 401, .body = "denied\n"},
        "---[ srv_update ]---|  srv_update()|  hid=HID00001|  mac=02:00:00:00:00:02|  ptype=1|  model=LC-100|"
@@ -417,9 +414,7 @@ TEST_F(Transaction, LogOfEachRequest) {
        " ---[ srv_enable_dev_account ]---| hid=HID00001| Enable=1|PLAIN ecnode bodylen=PADDED| ecnode bodylen=30|"
        "[srv_enable_dev_account]|connect=0|reader.Body_Read=0|<-401 received!| ecnode bodylen=30|"
        "  algorithm=MD5|  nonce=n0|  qop=auth|  realm=sky|  uri=/upd.html|  cnonce=CNONCE (32)|"},
-      {enable, 0, {.body = "fine\n"},
-       " ---[ srv_enable_dev_account ]---| hid=HID00001| Enable=1|PLAIN ecnode bodylen=PADDED|"
-       "connect=0|<--|fine|<--||reader.Body_Read=5| <-200 OK|"},
+      {enable, 0, {.body = "fine\n"}, "END connect=0|<--|fine|<--||reader.Body_Read=5| <-200 OK|"},
       {alias, 1, {.status = 404},
        "---[ srv_alias ]---| auth_info->on=1|PLAIN|ecnode bodylen=PADDED| ecnode bodylen=30| BufferLength=(HEAD)|WHOLE|"
        " portnum=(40000)|connect=0| send=SENT| Body_Read=0|Error:(404)|"},
@@ -427,12 +422,9 @@ TEST_F(Transaction, LogOfEachRequest) {
        "---[ srv_alias ]---| auth_info->on=0|PLAIN|ecnode bodylen=PADDED| BufferLength=(HEAD)|WHOLE|"
        " portnum=(40000)|connect=0| send=SENT| Body_Read=0|<-401 received!| ecnode bodylen=30|"
        "  algorithm=MD5|  nonce=n0|  qop=auth|  realm=sky|  uri=/alias.html|  cnonce=CNONCE (32)|"},
-      {alias, 0, {.status = 500, .body = "?"},
-       "---[ srv_alias ]---| auth_info->on=0|PLAIN|ecnode bodylen=PADDED| BufferLength=(HEAD)|WHOLE|"
-       " portnum=(40000)|connect=0| send=SENT| Body_Read=1||<--|?|<--|"},
+      {alias, 0, {.status = 500, .body = "?"}, "END connect=0| send=SENT| Body_Read=1||<--|?|<--|"},
       {alias, 0, {.body = seal("<ah/>")},
-       "---[ srv_alias ]---| auth_info->on=0|PLAIN|ecnode bodylen=PADDED| BufferLength=(HEAD)|WHOLE|"
-       " portnum=(40000)|connect=0| send=SENT| Body_Read=8||<--|" + seal("<ah/>") + "|<--|200 OK||decodestr:|  <ah/>||"},
+       "END connect=0| send=SENT| Body_Read=8||<--|" + seal("<ah/>") + "|<--|200 OK||decodestr:|  <ah/>||"},
       {update, 0, {.status = 404}, "END connect=0|Error=(404)|"},
       {update, 0, {.status = 503}, "END connect=0|Error=(503)|"},
       {update, 0, {}, "END connect=0|200 OK|"},
