@@ -160,6 +160,7 @@ class Bench(Stage):
         page = self.browser
         page.open(PAGE + "#%")
         page.until(words("live"))
+        said = [(one["id"], one["time"], one["method"], one["request"], one["error"]) for one in self.service._get("/exchanges")]
         self.service.stop()
         page.until(words("does not answer"))
         now = int(time.time() * 1000)
@@ -171,6 +172,8 @@ class Bench(Stage):
                 for back in range(20):
                     db.execute("INSERT INTO connect_back(hid, time, address, port, connected, took_ms, error) VALUES(?, ?, '5.1.1.2', 80, 1, 7, '')", (f"CAM{i:05}", now - back))
         self.service.start()
+        kept = [(one["id"], one["time"], one["method"], one["request"], one["error"]) for one in self.service._get("/exchanges")]
+        self.check(kept[:len(said)] == said, "exchanges of the run before")
         with self.internet.inside():
             connection = http.client.HTTPConnection("127.0.0.1", 80)
             connection.connect()
