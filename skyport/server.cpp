@@ -167,8 +167,9 @@ Answer serve_request(Service& service, const Request& request, bool relay_only) 
   return answer;
 }
 
-void note_broken(Service& service, const Request& request, const std::string& error) {
+void note_broken(Service& service, const Request& request, unsigned status, const std::string& error) {
   Exchange exchange = begin_exchange(request);
+  exchange.status = status;
   exchange.error = error;
   record(service, exchange);
 }
