@@ -23,14 +23,13 @@ class Service:
             self._argv += ["--account", f"{hid}:{PASSWORD}"]
         self._argv += ["--database", str(node.scratch / "skyport.db"), "--status", f"127.0.0.1:{STATUS_PORT}", *options]
         self._log = node.scratch / "skyport.log"
-        self._seen = 0
         self._process: subprocess.Popen | None = None
+        self._seen = 0
 
     def start(self) -> None:
         """Start it and wait until it listens; what it registered before a stop is still there."""
         before = self._log.read_text() if self._log.exists() else ""
         self._process = self._node.spawn(self._argv, self._log)
-        self._seen = 0
         deadline = time.monotonic() + 10
         while "skyport: ready" not in self._log.read_text()[len(before):]:
             if self._process.poll() is not None or time.monotonic() > deadline:

@@ -137,7 +137,7 @@ void on_completed(void*, MHD_Connection* connection, void** context, MHD_Request
   *context = nullptr;
   if (!done || done->answered) return;
   fill_addresses(done->request, connection);
-  done->listener.broke(done->request, "connection ended within the request, or its head was too large");
+  done->listener.broke(done->request, 0, "connection ended within the request, or its head was too large");
 }
 
 void on_connection(void* listener, MHD_Connection* connection, void** context, MHD_ConnectionNotificationCode code) {
@@ -149,7 +149,7 @@ void on_connection(void* listener, MHD_Connection* connection, void** context, M
   }
   const std::unique_ptr<Peer> peer(static_cast<Peer*>(*context));
   if (peer && !peer->asked)
-    static_cast<const Listener*>(listener)->broke(peer->known, "connection ended without a request of HTTP");
+    static_cast<const Listener*>(listener)->broke(peer->known, 0, "connection ended without a request of HTTP");
 }
 
 /// The library tells what it refuses in words alone.
@@ -177,7 +177,7 @@ MHD_Result on_request(void*, MHD_Connection* connection, const char*, const char
   fill(pending->request, connection, method);
   pending->answered = true;
   if (pending->received > max_body_len) {
-    pending->listener.broke(pending->request, "body is too large");
+    pending->listener.broke(pending->request, 413, "body is too large");
     return queue(connection, {413, "", "body is too large\n", "text/plain"});
   }
   const Answer answer = pending->listener.serve(pending->request);
@@ -215,8 +215,8 @@ Answer Listener::serve(const Request& request) const {
   }
 }
 
-void Listener::broke(const Request& request, const std::string& error) const {
-  if (broken_) broken_(request, error);
+void Listener::broke(const Request& request, unsigned status, const std::string& error) const {
+  if (broken_) broken_(request, status, error);
 }
 
 std::string raw_answer(const Answer& answer, const std::string& length_header, const std::string& body) {

@@ -39,8 +39,9 @@ struct Answer {
 
 /// Called on the connection's thread, by many at once. An exception becomes status 500.
 using Serve = std::function<Answer(const Request&)>;
-/// Told of a connection that ended without a whole request, with what is known of it, and why.
-using Broken = std::function<void(const Request&, const std::string& error)>;
+/// Told of a connection that ended without a whole request, with what is known of it, the status that it was answered
+/// with (0: none), and why.
+using Broken = std::function<void(const Request&, unsigned status, const std::string& error)>;
 
 /// A running listener; its destructor closes every connection and waits for their threads, so what
 /// blocks in `serve` must end first.
@@ -53,7 +54,7 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
   Answer serve(const Request& request) const;
-  void broke(const Request& request, const std::string& error) const;
+  void broke(const Request& request, unsigned status, const std::string& error) const;
 
  private:
   Serve serve_;

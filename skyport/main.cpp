@@ -42,8 +42,8 @@ bool open_all(Service& service, std::vector<std::unique_ptr<Listener>>& listener
                    opening.name);
       return false;
     }
-    const Broken broken = [&service](const Request& request, const std::string& why) {
-      note_broken(service, request, why);
+    const Broken broken = [&service](const Request& request, unsigned status, const std::string& why) {
+      note_broken(service, request, status, why);
     };
     listeners.push_back(std::make_unique<Listener>(fd, service.settings.max_connections, std::move(opening.serve),
                                                    opening.for_cameras ? broken : nullptr));

@@ -127,7 +127,7 @@ constexpr OptionRow option_rows[] = {
     {"--listen", set_listen, "ADDR:PORT", "0.0.0.0:80", "Listen for cameras (repeatable)"},
     {"--relay", set_relay, "ADDR:PORT", "", "Listen as a relay, for absolute URLs alone (repeatable)"},
     {"--status", set_status, "ADDR:PORT", "127.0.0.1:8089", "Status port, on loopback"},
-    {"--database", set_database, "FILE", ":memory:", "Where registrations are kept"},
+    {"--database", set_database, "FILE", ":memory:", "Where registrations and exchanges are kept"},
     {"--account", set_account, "HID:PASSWORD", "", "A camera's account (repeatable)"},
     {"--accounts", set_accounts, "FILE", "", "Accounts, one a line"},
     {"--data-server", set_data_server, "ADDR", "",

@@ -464,6 +464,17 @@ function follow(since = exchanges.at(-1)?.id ?? 0) {
   follow.source = events;
 }
 
+// A browser has six connections to a service for all of its tabs; those that nobody looks at give theirs back.
+document.addEventListener("visibilitychange", () => {
+  if (document.hidden && follow.source && follow.source.readyState !== EventSource.CLOSED) {
+    follow.source.close();
+    follow.paused = true;
+  } else if (!document.hidden && follow.paused) {
+    follow.paused = false;
+    follow();
+  }
+});
+
 async function begin() {
   follow.source?.close();
   exchanges = [];

@@ -359,7 +359,8 @@ Service::Service(Settings wanted, int stop)
       start(wall_ms()),
       stop_fd(stop),
       nonces(settings.nonce_timeout_s, settings.nonce_per_path),
-      store(settings.database) {
+      store(settings.database),
+      exchanges(store.kept()) {
   if (!faults.add(settings.faults)) throw std::runtime_error("too many faults");
   if (!store.put_aliases(settings.aliases_taken)) throw std::runtime_error("too many aliases");
 }

@@ -123,6 +123,16 @@ bool apply(const Wire& wire, const Fault& fault, const Answer& answer) {
   return false;
 }
 
+void record(Service& service, Exchange& exchange) {
+  const int64_t oldest = service.exchanges.add(exchange);
+  try {
+    service.store.keep(exchange, oldest);
+  } catch (const StoreError& error) {
+    std::fprintf(stderr, "skyport: exchange %lld is not kept for the next run: %s\n",
+                 static_cast<long long>(exchange.id), error.what());
+  }
+}
+
 unsigned status_on_wire(const Fault& fault, const Answer& answer) {
   switch (fault.kind) {
     case FaultKind::refuse:
@@ -152,15 +162,16 @@ Answer serve_request(Service& service, const Request& request, bool relay_only) 
     exchange.fault = fault_text(fault);
   }
   // Before the answer leaves, so that whoever has it finds its exchange.
-  service.exchanges.add(std::move(exchange));
+  record(service, exchange);
   answer.drop = apply({request.fd, service.stop_fd}, fault, answer);
   return answer;
 }
 
-void note_broken(Service& service, const Request& request, const std::string& error) {
+void note_broken(Service& service, const Request& request, unsigned status, const std::string& error) {
   Exchange exchange = begin_exchange(request);
+  exchange.status = status;
   exchange.error = error;
-  service.exchanges.add(std::move(exchange));
+  record(service, exchange);
 }
 
 }  // namespace skyport

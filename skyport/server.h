@@ -11,8 +11,8 @@ namespace skyport {
 /// `relay_only`: the listener takes absolute URLs alone.
 Answer serve_request(Service& service, const Request& request, bool relay_only);
 
-/// Records a connection that ended without a whole request.
-void note_broken(Service& service, const Request& request, const std::string& error);
+/// Records a connection that ended without a whole request; `status` 0: without an answer.
+void note_broken(Service& service, const Request& request, unsigned status, const std::string& error);
 
 }  // namespace skyport
 

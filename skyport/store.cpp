@@ -28,7 +28,18 @@ constexpr const char* schema = R"(
     port INTEGER NOT NULL, connected INTEGER NOT NULL, took_ms INTEGER NOT NULL, error TEXT NOT NULL);
   CREATE INDEX IF NOT EXISTS connect_back_of ON connect_back(hid, id);
   CREATE INDEX IF NOT EXISTS alias_of ON alias(hid);
+  CREATE TABLE IF NOT EXISTS exchange(
+    id INTEGER PRIMARY KEY, time INTEGER, took_ms INTEGER, relay INTEGER, authorized INTEGER, status INTEGER,
+    peer TEXT, local TEXT, method TEXT, target TEXT, path TEXT, host TEXT, user TEXT, nc TEXT, cnonce TEXT, uri TEXT,
+    digits TEXT, request TEXT, answer TEXT, fault TEXT, error TEXT);
 )";
+
+// In the order of the columns.
+constexpr std::string Exchange::*exchange_texts[] = {
+    &Exchange::peer,   &Exchange::local,   &Exchange::method, &Exchange::target, &Exchange::path,
+    &Exchange::host,   &Exchange::user,    &Exchange::nc,     &Exchange::cnonce, &Exchange::uri,
+    &Exchange::digits, &Exchange::request, &Exchange::answer, &Exchange::fault,  &Exchange::error};
+constexpr int first_exchange_text = 6;
 
 /// One statement: bind in order with <<, step, read columns.
 class Query {
@@ -145,7 +156,7 @@ void add_since(sqlite3* db) {
 
 }  // namespace
 
-Store::Store(const std::string& file) {
+Store::Store(const std::string& file) : on_file_(file != ":memory:") {
   try {
     if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) throw StoreError(sqlite3_errmsg(db_));
     sqlite3_busy_timeout(db_, busy_ms);
@@ -260,6 +271,40 @@ std::vector<Device> Store::devices(const std::string& hid, size_t backs) {
   return all;
 }
 
+void Store::keep(const Exchange& exchange, int64_t oldest) {
+  constexpr int64_t between_deletions = 256;
+  if (!on_file_) return;
+  const std::lock_guard lock(mutex_);
+  Query query(db_,
+              "INSERT OR REPLACE INTO exchange VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  query << exchange.id << exchange.time << exchange.took_ms << int64_t{exchange.relay} << int64_t{exchange.authorized}
+        << int64_t{exchange.status};
+  for (const auto text : exchange_texts) query << exchange.*text;
+  query.step();
+  if (exchange.id % between_deletions != 0) return;
+  (Query(db_, "DELETE FROM exchange WHERE id < ?") << oldest).step();
+}
+
+std::vector<Exchange> Store::kept() {
+  const std::lock_guard lock(mutex_);
+  (Query(db_, "DELETE FROM exchange WHERE time < ?") << wall_ms() - max_exchange_age_ms).step();
+  std::vector<Exchange> all;
+  Query query(db_, "SELECT * FROM (SELECT * FROM exchange ORDER BY id DESC LIMIT ?) ORDER BY id");
+  query << static_cast<int64_t>(max_exchanges);
+  while (query.step()) {
+    Exchange& e = all.emplace_back();
+    e.id = query.number(0);
+    e.time = query.number(1);
+    e.took_ms = query.number(2);
+    e.relay = query.number(3) != 0;
+    e.authorized = query.number(4) != 0;
+    e.status = static_cast<unsigned>(query.number(5));
+    int column = first_exchange_text;
+    for (const auto text : exchange_texts) e.*text = query.text(column++);
+  }
+  return all;
+}
+
 std::vector<Alias> Store::aliases() {
   const std::lock_guard lock(mutex_);
   std::vector<Alias> all;
@@ -272,23 +317,37 @@ namespace {
 
 size_t bytes_of(const Exchange& e) {
   size_t bytes = sizeof(e);
-  for (const std::string* text : {&e.peer, &e.local, &e.method, &e.target, &e.path, &e.host, &e.user, &e.nc, &e.cnonce,
-                                  &e.uri, &e.digits, &e.request, &e.answer, &e.fault, &e.error})
-    bytes += text->size();
+  for (const auto text : exchange_texts) bytes += (e.*text).size();
   return bytes;
 }
 
 }  // namespace
 
-void ExchangeLog::add(Exchange exchange) {
-  const std::lock_guard lock(mutex_);
-  exchange.id = next_id_++;
-  bytes_ += bytes_of(exchange);
-  last_.push_back(std::move(exchange));
+ExchangeLog::ExchangeLog(std::vector<Exchange> earlier) {
+  if (!earlier.empty()) next_id_ = earlier.back().id + 1;
+  int64_t id = next_id_ - static_cast<int64_t>(earlier.size());
+  for (Exchange& exchange : earlier) {
+    exchange.id = id++;  // one may be missing in between
+    bytes_ += bytes_of(exchange);
+    last_.push_back(std::move(exchange));
+  }
+  shorten();
+}
+
+void ExchangeLog::shorten() {
   while (last_.size() > max_exchanges || bytes_ > max_exchange_bytes) {
     bytes_ -= bytes_of(last_.front());
     last_.pop_front();
   }
+}
+
+int64_t ExchangeLog::add(Exchange& exchange) {
+  const std::lock_guard lock(mutex_);
+  exchange.id = next_id_++;
+  bytes_ += bytes_of(exchange);
+  last_.push_back(exchange);
+  shorten();
+  return next_id_ - static_cast<int64_t>(last_.size());
 }
 
 std::vector<Exchange> ExchangeLog::since(int64_t id, size_t most, const std::function<bool(const Exchange&)>& wanted) {

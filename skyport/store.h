@@ -1,5 +1,5 @@
-// What the service keeps: registrations, reports, aliases and connect-back results in SQLite, and the
-// last exchanges in memory. Any thread may call. A failing database throws StoreError.
+// What the service keeps: registrations, reports, aliases and connect-back results in SQLite, and the last exchanges in
+// memory, of which a file has a copy for the next run. Any thread may call. A failing database throws StoreError.
 #ifndef KESTREL_SKYPORT_STORE_H
 #define KESTREL_SKYPORT_STORE_H
 
@@ -59,6 +59,25 @@ struct Alias {
   std::string hid;
 };
 
+/// One request and what came of it. Texts are empty where there was none.
+struct Exchange {
+  int64_t id = 0;
+  int64_t time = 0;     // wall-clock milliseconds
+  int64_t took_ms = 0;  // until the answer was ready, the connection back included
+  std::string peer, local;
+  std::string method, target, path, host;
+  bool relay = false;
+  bool authorized = false;
+  std::string user, nc, cnonce, uri;
+  std::string digits, request, answer;
+  unsigned status = 0;  // 0: no answer that is HTTP
+  std::string fault, error;
+};
+
+inline constexpr size_t max_exchanges = 20'000;
+inline constexpr size_t max_exchange_bytes = size_t{64} << 20;                  // texts of all of them
+inline constexpr int64_t max_exchange_age_ms = INT64_C(30) * 24 * 3600 * 1000;  // of those of earlier runs
+
 inline constexpr size_t connect_backs_kept = 20;     // a camera's
 inline constexpr int64_t long_silence_ms = 660'000;  // more than two of a camera's longest waits
 inline constexpr size_t max_aliases = 10'000;
@@ -86,33 +105,24 @@ class Store {
   std::vector<Device> devices(const std::string& hid = "", size_t backs = connect_backs_kept);
   std::vector<Alias> aliases();
 
+  /// On a file: keeps a copy of an exchange, and none of those before `oldest`.
+  void keep(const Exchange& exchange, int64_t oldest);
+  /// The copies of earlier runs, oldest first.
+  std::vector<Exchange> kept();
+
  private:
   std::mutex mutex_;
   sqlite3* db_ = nullptr;
+  bool on_file_;
 };
-
-/// One request and what came of it. Texts are empty where there was none.
-struct Exchange {
-  int64_t id = 0;
-  int64_t time = 0;     // wall-clock milliseconds
-  int64_t took_ms = 0;  // until the answer was ready, the connection back included
-  std::string peer, local;
-  std::string method, target, path, host;
-  bool relay = false;
-  bool authorized = false;
-  std::string user, nc, cnonce, uri;
-  std::string digits, request, answer;
-  unsigned status = 0;  // 0: no answer that is HTTP
-  std::string fault, error;
-};
-
-inline constexpr size_t max_exchanges = 20'000;
-inline constexpr size_t max_exchange_bytes = size_t{64} << 20;  // texts of all of them
 
 /// The last exchanges, of bounded number and size.
 class ExchangeLog {
  public:
-  void add(Exchange exchange);
+  /// Begins with those of earlier runs, oldest first; ids go on behind them.
+  explicit ExchangeLog(std::vector<Exchange> earlier);
+  /// Gives the exchange its id. The id of the oldest one that is left.
+  int64_t add(Exchange& exchange);
   /// Those with an id above `id`, oldest first; of them the last `most` that `wanted`, when given, takes.
   std::vector<Exchange> since(int64_t id, size_t most = max_exchanges,
                               const std::function<bool(const Exchange&)>& wanted = nullptr);
@@ -122,6 +132,7 @@ class ExchangeLog {
   int64_t last_id();
 
  private:
+  void shorten();
   std::mutex mutex_;
   std::deque<Exchange> last_;
   size_t bytes_ = 0;

@@ -18,7 +18,7 @@ from lab.browser import Browser  # noqa: E402
 from lab.service import PASSWORD, STATUS_PORT  # noqa: E402
 from lab.stage import Options, Stage  # noqa: E402
 
-PAGE, MANY_CAMERAS = f"http://127.0.0.1:{STATUS_PORT}/", 1000
+PAGE, MANY_CAMERAS, MANY_EXCHANGES = f"http://127.0.0.1:{STATUS_PORT}/", 1000, 20_000
 TAB, ENTER = "\ue004", "\ue007"
 TEXT = "return document.body.innerText"
 HOSTILE = "<script>window.pwned=1</script><img src=x onerror=window.pwned=1> %n%s \u202e"
@@ -129,6 +129,7 @@ class Bench(Stage):
         page = self.browser
         page.open(PAGE + "#%")
         page.until(words("live"))
+        said = [(one["id"], one["time"], one["method"], one["request"], one["error"]) for one in self.service._get("/exchanges")]
         self.service.stop()
         page.until(words("does not answer"))
         now = int(time.time() * 1000)
@@ -139,7 +140,12 @@ class Bench(Stage):
                     db.execute("INSERT INTO field VALUES(?, ?, ?, ?)", (f"CAM{i:05}", at, name, value))
                 for back in range(20):
                     db.execute("INSERT INTO connect_back(hid, time, address, port, connected, took_ms, error) VALUES(?, ?, '5.1.1.2', 80, 1, 7, '')", (f"CAM{i:05}", now - back))
+            row = db.execute("SELECT * FROM exchange ORDER BY id DESC LIMIT 1").fetchone()
+            db.executemany(f"INSERT INTO exchange VALUES({', '.join('?' * len(row))})",
+                           ((row[0] + more, *row[1:]) for more in range(1, MANY_EXCHANGES - len(said) + 1)))
         self.service.start()
+        kept = [(one["id"], one["time"], one["method"], one["request"], one["error"]) for one in self.service._get("/exchanges")]
+        self.check(kept[:len(said)] == said, "exchanges of the run before")
         page.until(f"return document.querySelectorAll('#camera-list li').length >= {MANY_CAMERAS}", 20)
         page.open(PAGE)
         page.until(words("live"))

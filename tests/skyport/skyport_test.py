@@ -265,6 +265,7 @@ class SkyportTest(unittest.TestCase):
                 self.assertEqual((answer[0], status, shown[:len(error)]), (400, 400, error))
         self.assertEqual(self.people("/devices"), [], "nothing of it was kept")
         self.assertEqual(self.camera.bytes("POST", "/iupd.html", b"A" * 20000)[9:12], b"413")
+        self.assertEqual(self.last("status", "error"), [413, "body is too large"])
         self.assertEqual(Camera(self.port).once("POST", "/iupd.html", sealed(update(ver=None)))[0], 401)
         self.assertEqual(self.last("error"), "body lacks <dev/ver>", "shown for a stranger too")
 
