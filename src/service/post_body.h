@@ -14,7 +14,7 @@ struct PostBody {
   bool fits;
 };
 
-/// Clears `text` (`size` bytes, more than the digits take) and begins a body with six random digits.
+/// Begins a body in `text` (`size` bytes, more than the digits take) with six random digits.
 [[nodiscard]] PostBody begin_body(char* text, std::size_t size);
 
 /// Appends formatted XML, as printf formats it.
