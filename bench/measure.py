@@ -246,7 +246,8 @@ def survey(name: str, what: str, wanted: float) -> list[Figure]:
             ask_surveys(count)
         return calls(program(name), "--serve", work=work, stdin=subprocess.PIPE)
     each = between(counted, 500, 5500)
-    ratio, wall = map(float, re.findall(r"\d+\.\d+", run(program(name))))
+    both = [tuple(map(float, re.findall(r"\d+\.\d+", run(program(name))))) for _ in range(3)]
+    ratio, wall = (statistics.median(column) for column in zip(*both))
     row = "surveys" if name == "finder_survey_bench" else "surveys-host"
     return [Figure(row, f"{what}: rate", f"(by the wall's clock {wall:.2f})", "select loop 1", ratio, AT_LEAST, wanted),
             Figure(row, f"{what}: system calls", f"{each:.2f}", "select loop 3", round(each, 1), AT_MOST, 3)]
@@ -290,10 +291,12 @@ def log() -> list[Figure]:
 
 def start() -> list[Figure]:
     """From start to registered behind a NAT router, less the waits that must be"""
-    lab = BUILD.parent / "lab/run"
-    said = run(lab, "nat-upnp", "--real-time", "--build", BUILD / "release")
-    took, waits = map(float, re.search(r"([\d.]+) s after its start; of these (\d+) s are mandated", said).groups())
-    return [Figure("start", start.__doc__, f"{took:.2f} s less {waits:.0f} s", "", round(took - waits, 2), AT_MOST, 0.1, "s")]
+    def once() -> tuple[float, float]:
+        said = run(BUILD.parent / "lab/run", "nat-upnp", "--real-time", "--build", BUILD / "release")
+        return tuple(map(float, re.search(r"([\d.]+) s after its start; of these (\d+) s are mandated", said).groups()))
+    took, waits = min(once() for _ in range(3))  # what the machine does beside it only adds
+    return [Figure("start", "Start to registered behind NAT, less the waits that must be",
+                   f"{took:.2f} s less {waits:.0f} s, the least of 3", "", round(took - waits, 2), AT_MOST, 0.1, "s")]
 
 
 ROWS = {"start": start, "size": size, "libraries": libraries, "idle": idle, "cipher": cipher, "surveys": surveys,
