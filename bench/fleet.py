@@ -7,7 +7,7 @@ import sys
 
 CAMERAS, LONG_S, BIN_S = 20_000, 7200, 10  # so many are played, for so long; figures are for a million
 KEEP_ALIVE_S, REFUSED_S, CONNECT_S = 230, 60, 20
-REGISTER, KEEP_ALIVE = 7, 2  # exchanges: of a registration (two of them challenged), of a test from outside
+REGISTER, KEEP_ALIVE = 6, 2  # exchanges: of a registration (the first is challenged), of a test from outside
 BOOT_S = (20, 5)  # a camera's time from power to its first request: mean and deviation
 SCALE = 1_000_000 / CAMERAS
 

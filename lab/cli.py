@@ -204,6 +204,7 @@ def _play_many(names: list[str], options: argparse.Namespace, build: Path) -> in
     """One process a scenario, so that each has its own world; the sum at the end."""
     passed_on = ["--build", str(build), "--within", str(options.within)]
     passed_on += ["--real-time"] if options.real_time else []
+    passed_on += ["--untimed"] if options.untimed else []
     passed_on += ["--speed", str(options.speed)] if options.speed else []
     results: dict[str, list[str]] = {name: [] for name in names}
     for _ in range(options.times):

@@ -10,13 +10,15 @@ build_packages=(
 lab_packages=(python3 iproute2 util-linux procps psmisc nftables miniupnpd-nftables libfaketime)
 # What the checks of style and the tests take beside these.
 check_packages=(clang-format clang-tidy shellcheck mandoc binutils tinyproxy tshark chromium chromium-driver)
+# Clang with libFuzzer.
+fuzz_packages=(clang libclang-rt-dev)
 # What scripts/bench measures with, and beside. The daemons are unpacked only; what they need is installed.
 bench_packages=(
   valgrind strace binutils g++-arm-linux-gnueabihf libgcrypt20-dev libssl-dev libspdlog-dev libconfuse2 libgnutls30
   libnfnetlink0
 )
 bench_daemons=(minissdpd wsdd2 inadyn)
-export build_packages lab_packages check_packages bench_packages bench_daemons
+export build_packages lab_packages check_packages fuzz_packages bench_packages bench_daemons
 
 # say WORDS: one line for the person at the terminal, on standard error.
 say() {

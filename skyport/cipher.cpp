@@ -20,12 +20,13 @@ RequestBody decode_request(std::string_view base64) {
   const size_t end = plain.find_last_not_of('\0') + 1;  // npos + 1 is 0: nothing but zeros
   body.digits = plain.substr(0, std::min(digits_len, end));
   body.xml = plain.substr(body.digits.size(), end - body.digits.size());
-  if (body.digits.size() != digits_len || body.digits.find_first_not_of("0123456789") != std::string::npos)
-    body.error = "body does not begin with six digits";
+  const size_t digits_end = std::min(body.digits.find_first_not_of("0123456789"), body.digits.size());
+  if (digits_end != digits_len)
+    body.error = "body does not begin with six digits: none at byte " + std::to_string(digits_end);
   else if (plain.size() % block_len != 0)
-    body.error = "body is not padded to a multiple of 8";
+    body.error = "body is not padded to a multiple of 8: it ends at byte " + std::to_string(plain.size());
   else if (plain.size() - end >= block_len)
-    body.error = "body is padded by a whole block or more";
+    body.error = "body is padded by a whole block or more at byte " + std::to_string(end);
   return body;
 }
 

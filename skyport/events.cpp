@@ -28,7 +28,10 @@ std::string event(const char* name, const Json& data) {
 void tell_exchanges(Service& service, Follower& follower, std::string& out) {
   Json told = Json::array();
   std::set<std::string> cameras;
-  for (const Exchange& exchange : service.exchanges.since(follower.last_id, most_at_once)) {
+  const std::vector<Exchange> exchanges = service.exchanges.after(follower.last_id, most_at_once);
+  if (!exchanges.empty() && exchanges.front().id > follower.last_id + 1)
+    out += event("lost", {{"exchanges", exchanges.front().id - follower.last_id - 1}});
+  for (const Exchange& exchange : exchanges) {
     follower.last_id = exchange.id;
     if (exchange.authorized) cameras.insert(exchange.user);
     told.push_back(exchange_json(service, exchange));
@@ -53,7 +56,7 @@ void tell_faults(Service& service, Follower& follower, std::string& out) {
 /// Waits until there is something to tell. False when the service stops or nobody listens any more.
 bool tell(Service& service, Follower& follower, std::string& out) {
   if (!follower.greeted) {
-    out += event("hello", {{"start", service.start}, {"now", wall_ms()}, {"last_id", follower.last_id}});
+    out += event("hello", {{"start", service.start}, {"now", wall_ms()}, {"last_id", service.exchanges.last_id()}});
     follower.greeted = true;
   }
   for (;;) {

@@ -150,6 +150,7 @@ std::string fault_text(const Fault& fault) {
 std::vector<FaultChoice> fault_choices() {
   constexpr const char* arguments[] = {"none", "number", "text", "maybe text"};
   std::vector<FaultChoice> choices;
+  choices.reserve(kinds.size());
   for (const KindRow& row : kinds)
     choices.push_back(
         {row.name, arguments[static_cast<size_t>(row.argument)], row.least, row.most, row.usual, row.when_free});

@@ -1,5 +1,5 @@
 // Faults that a person or a test asks of the service: which path, what goes wrong, when and how often.
-// Written PATH:KIND[=ARG][@WHEN][*COUNT]; the README lists the kinds.
+// Written PATH:KIND[=ARG][@WHEN][*COUNT]; docs/bench.md lists the kinds.
 #ifndef KESTREL_SKYPORT_FAULTS_H
 #define KESTREL_SKYPORT_FAULTS_H
 

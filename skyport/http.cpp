@@ -109,8 +109,10 @@ MHD_Result queue(MHD_Connection* connection, const Answer& answer) {
   MHD_Response* const response = make_response(answer);
   if (response == nullptr) return MHD_NO;
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, answer.type);
-  if (answer.policy != nullptr) {
+  if (answer.policy != nullptr)
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_SECURITY_POLICY, answer.policy);
+  if (answer.own_pages_only) {
+    MHD_add_response_header(response, "Cross-Origin-Resource-Policy", "same-origin");
     MHD_add_response_header(response, MHD_HTTP_HEADER_X_CONTENT_TYPE_OPTIONS, "nosniff");
     MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
   }

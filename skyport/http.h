@@ -33,6 +33,7 @@ struct Answer {
   const char* type = "text/html";
   bool drop = false;             // the server wrote on the socket by itself, or nothing: close it
   const char* policy = nullptr;  // of Content-Security-Policy; null: none
+  bool own_pages_only = false;   // a page of another site must not even embed it
   Stream stream = nullptr;       // in place of `body`
 };
 

@@ -48,7 +48,7 @@ std::string set_account(Settings& s, const std::string& value) {
 
 std::string set_accounts(Settings& s, const std::string& value) {
   std::ifstream file(value);
-  if (!file) return "can't be read";
+  if (!file || file.peek() == EOF) return "can't be read, or is empty";
   int number = 0;
   for (std::string line; std::getline(file, line);) {
     ++number;
@@ -138,7 +138,7 @@ constexpr OptionRow option_rows[] = {
     {"--connect-timeout", set_connect_timeout, "SECONDS", "5", "Limit of a connection back"},
     {"--max-connections", set_max_connections, "N", "4096", "Connections of a listener at a time; more are refused"},
     {"--alias-taken", set_alias_taken, "NAME", "", "An alias that nobody gets (repeatable)"},
-    {"--fault", set_fault, "FAULT", "", "PATH:KIND[=ARG][@WHEN][*COUNT] (repeatable; see the README)"},
+    {"--fault", set_fault, "FAULT", "", "PATH:KIND[=ARG][@WHEN][*COUNT] (repeatable; see skyport(1))"},
 };
 
 void add_option(CLI::App& app, const OptionRow& row, Settings& settings) {

@@ -1,6 +1,7 @@
 // The bench service's page: cameras, what they say, and the faults that strike them. What comes from cameras is shown
 // as text alone; the service's /events tell what happens.
-const most_exchanges = 20000, shown_at_once = 200, longest_fact = 300, first_exchanges = 500;
+const most_exchanges = 20000, shown_at_once = 200, longest_fact = 300, first_exchanges = 500, older_exchanges = 2000;
+const most_backs = 20, longest_name = 80;
 const silent_after_ms = 660000; // more than two of a camera's longest waits
 
 // What an update's <st> means, in the order of the picture from top to bottom.
@@ -18,6 +19,7 @@ const cameras = new Map(); // hid: { device, row }
 let exchanges = []; // oldest first
 let clock_ahead_ms = 0; // the service's clock against this machine's
 let selected = "", listed = shown_at_once, service_start = 0;
+const oldest_asked = new Map(); // by selection: the id before which older exchanges can be asked for; 0 when none is left
 
 /** An element with attributes and children; texts become text, never markup. */
 function element(name, attributes = {}, ...children) {
@@ -106,6 +108,9 @@ function take_devices(devices) {
       cameras.set(device.hid, camera);
       placed = true;
     }
+    // An event tells the last connection back alone.
+    const earlier = (camera.device?.connect_back ?? []).filter((back) => !device.connect_back[0] || back.time < device.connect_back[0].time);
+    device.connect_back = [...earlier, ...device.connect_back].slice(-most_backs);
     camera.device = device;
     fill_row(camera);
     if (device.hid === selected) show_facts();
@@ -126,7 +131,7 @@ function place_rows() {
   const sorted = [...cameras.values()].sort(orders[byId("order").value]);
   const list = byId("camera-list");
   if (sorted.some((camera, i) => list.children[i] !== camera.row)) list.replaceChildren(...sorted.map((camera) => camera.row));
-  if (list.contains(focused)) focused.focus();
+  if (list.contains(focused)) focused.focus({ preventScroll: true });
   filter_rows();
 }
 
@@ -138,16 +143,35 @@ function filter_rows() {
     shown += camera.row.hidden ? 0 : 1;
     good += camera.rank === 4 ? 1 : 0;
   }
+  place_tab_stop();
   byId("camera-count").textContent = shown === cameras.size ? `${shown}` : `${shown} of ${cameras.size}`;
   byId("no-camera").hidden = cameras.size > 0;
   byId("summary").textContent = `${good} of ${cameras.size} reachable; up since ${service_start ? when(service_start) : "?"}`;
+}
+
+/** The list is one stop of the Tab key: its focused or selected row, else its first; arrows go on from there. */
+function place_tab_stop(wanted = document.activeElement?.parentElement) {
+  const rows = [...byId("camera-list").children].filter((row) => !row.hidden);
+  const stop = [wanted, cameras.get(selected)?.row, rows[0]].find((row) => rows.includes(row));
+  for (const row of rows) row.firstChild.tabIndex = row === stop ? 0 : -1;
+}
+
+function move_in_list(event) {
+  const rows = [...byId("camera-list").children].filter((row) => !row.hidden);
+  const at = rows.indexOf(event.target.closest("li"));
+  const to = { ArrowDown: at + 1, ArrowUp: at - 1, Home: 0, End: rows.length - 1, PageDown: at + 10, PageUp: at - 10 }[event.key];
+  if (to === undefined || at < 0) return;
+  event.preventDefault();
+  const row = rows[Math.max(0, Math.min(to, rows.length - 1))];
+  row.firstChild.focus();
+  place_tab_stop(row);
 }
 
 function select(hid) {
   selected = hid;
   listed = shown_at_once;
   for (const camera of cameras.values()) camera.row.firstChild.setAttribute("aria-pressed", String(camera.device.hid === hid));
-  location.hash = encodeURIComponent(hid);
+  if (hid !== hash_hid()) location.hash = encodeURIComponent(hid);
   byId("camera-title").textContent = hid === "" ? "All exchanges" : hid;
   for (const id of ["facts", "walk", "back"]) byId(id).hidden = hid === "";
   show_facts();
@@ -158,14 +182,24 @@ function select(hid) {
   }
 }
 
-/** What a camera has said before this page was opened. */
+/** The camera that the page's address names, if any. */
+function hash_hid() {
+  try {
+    return decodeURIComponent(location.hash.slice(1));
+  } catch {
+    return ""; // no text that this page wrote
+  }
+}
+
+/** What a camera has said before this page was opened. A service that does not answer is told of elsewhere. */
 async function load_camera(hid) {
-  const query = encodeURIComponent(hid);
-  const [said, [device]] = await Promise.all([ask(`exchanges?hid=${query}&last=${first_exchanges}`), ask(`devices?hid=${query}`)]);
-  const fresh = keep_exchanges(said);
-  if (!device || selected !== hid) return;
-  take_devices([device]);
-  if (fresh.length > 0) show_exchanges();
+  const query = encodeURIComponent(hid), asked = [ask(`exchanges?hid=${query}&last=${first_exchanges}`), ask(`devices?hid=${query}`)];
+  const [said, [device]] = await Promise.all(asked).catch(() => [[], []]);
+  note_oldest(hid, said, first_exchanges);
+  keep_exchanges(said);
+  if (selected !== hid) return;
+  if (device) take_devices([device]);
+  show_exchanges();
 }
 
 function show_facts() {
@@ -180,6 +214,7 @@ function show_facts() {
     ["Addresses", update.iip ? `${update.iip}:${update.iport} on its LAN; router says ${update.ueip}:${update.ueport}; seen from ${update.eip}:${update.eport}` : "not told"],
     ["Hardware", [update.mac, update.oif].filter(Boolean).join(" on ") || "not told"],
     ["Last update", device.update ? `${when(device.update_time)}, number ${device.updates}: ${reports[update.st]?.words ?? `state ${update.st}`}` : "none"],
+    ["Why it came", device.update ? reason_of_update() : "none"],
     ["Switch", device.enabled === null ? "not told" : `${device.enabled ? "on" : "off"}, ${when(device.enabled_time)}`],
     ["First connection", device.first_connection?.trim() || "not told"],
     ["Connections back", connect_backs_of(device)],
@@ -188,6 +223,19 @@ function show_facts() {
   byId("facts").replaceChildren(...facts.flatMap(([what, value]) => [element("dt", {}, what), element("dd", {}, cut(value))]));
   byId("camera-title").textContent = name_of(device);
   show_walk();
+}
+
+const elements_of = (xml) => new Map([...xml.matchAll(/<(\w+)>([^<]*)<\/\1>/g)].map(([, name, text]) => [name, text]));
+
+/** What an update changed against the one before it; the daemon reports at its start, and when something has changed. */
+function reason_of_update() {
+  const mine = exchanges.filter((e) => e.user === selected && e.authorized && e.path === "/iupd.html" && e.status === 200);
+  if (mine.length === 0) return "it is no longer among the exchanges";
+  if (mine.length === 1) return "the first one among the exchanges";
+  const [before, last] = mine.slice(-2).map((e) => elements_of(e.request));
+  if (before.get("tstamp") !== last.get("tstamp")) return "the camera has started or reloaded";
+  const changed = [...last].filter(([name, text]) => before.get(name) !== text && name !== "eport");
+  return changed.map(([name, text]) => `${name}: ${before.get(name) || "none"} → ${text || "none"}`).join(", ") || "nothing has changed: reported once more";
 }
 
 function connect_backs_of(device) {
@@ -215,7 +263,7 @@ function show_walk() {
     const time = Date.parse(e.time), st = /<st>(\d+)<\/st>/.exec(e.request)?.[1];
     if (e.path === "/iupd.html" && e.status === 200 && st) steps.push({ time, row: report_order.indexOf(st), words: reports[st]?.words ?? st });
     if (e.path === "/enable.html" && e.status === 200 && e.request.includes("<enable>0<")) steps.push({ time, row: report_order.length, words: "switched off" });
-    if (e.path === "/connectbk.html" && (e.status === 200 || e.status === 404)) marks.push({ time, reached: e.status === 200, words: e.error || "reached" });
+    if (e.path === "/connectbk.html" && (e.status === 200 || e.status === 404)) marks.push({ time, reached: e.status === 200, words: e.error || (e.fault ? `struck by the fault ${e.fault}` : "reached") });
   }
   const figure = byId("walk"), old = figure.querySelector("svg");
   if (old) old.remove();
@@ -284,15 +332,17 @@ function opened(exchange) {
   return parts;
 }
 
+const shortened = (text) => text.length > longest_name ? `${text.slice(0, longest_name)}…` : text;
+
 function exchange_item(exchange) {
   const result = result_of(exchange), status = exchange.status === 0 ? "" : ` ${exchange.status}`;
   const details = element("details", {},
     element("summary", {},
       element("time", { datetime: exchange.time, title: exchange.time }, clock(exchange.time)),
-      element("span", {}, `${exchange.method} ${exchange.path}`.trim() || "no request"),
+      element("span", {}, shortened(`${exchange.method} ${exchange.path}`.trim()) || "no request"),
       element("span", { class: `state ${result_level[result]}` }, `${result_words[result]}${status}`),
       element("span", { class: "soft" }, `${exchange.took_ms} ms`),
-      selected === "" ? element("span", { class: "soft" }, exchange.user || exchange.peer) : "",
+      selected === "" ? element("span", { class: "soft" }, shortened(exchange.user) || exchange.peer) : "",
       exchange.fault ? element("span", { class: "bad" }, `fault ${exchange.fault.slice(0, 60)}`) : "",
       exchange.error ? element("span", { class: "bad" }, exchange.error.slice(0, 100)) : ""));
   details.addEventListener("toggle", () => { if (details.open && details.children.length === 1) details.append(...opened(exchange)); });
@@ -300,8 +350,28 @@ function exchange_item(exchange) {
 }
 
 function count_exchanges(found) {
-  byId("exchange-count").textContent = `${Math.min(found, listed)} of ${found} shown`;
-  byId("more").hidden = found <= listed;
+  const all_known = oldest_asked.get(selected) === 0;
+  byId("exchange-count").textContent = `${Math.min(found, listed)} of ${found}${all_known ? "" : " or more"} shown`;
+  byId("more").hidden = found <= listed && all_known;
+}
+
+/** After an answer to a question for the last `asked` exchanges of a selection. */
+function note_oldest(hid, said, asked) {
+  oldest_asked.set(hid, said.length < asked ? 0 : said[0].id);
+}
+
+/** Shows more, and asks the service for older ones when these are not enough. */
+async function show_older() {
+  const hid = selected;
+  listed += shown_at_once;
+  byId("more").disabled = true;
+  while (selected === hid && exchanges.filter(is_wanted).length < listed && oldest_asked.get(hid) !== 0) {
+    const said = await ask(`exchanges?hid=${encodeURIComponent(hid)}&before=${oldest_asked.get(hid) ?? Number.MAX_SAFE_INTEGER}&last=${older_exchanges}`).catch(() => []);
+    note_oldest(hid, said, older_exchanges);
+    keep_exchanges(said);
+  }
+  byId("more").disabled = false;
+  show_exchanges();
 }
 
 function show_exchanges() {
@@ -327,6 +397,7 @@ function show_faults(faults) {
     element("button", { type: "button", "aria-label": `Clear ${fault}`, onclick: () => order(`faults?fault=${encodeURIComponent(fault)}`, { method: "DELETE" }) }, "✕")));
   byId("active").replaceChildren(...(chips.length ? chips : [element("li", { class: "none" }, "none in force")]));
   byId("faults").classList.toggle("struck", chips.length > 0);
+  byId("striking").textContent = chips.length ? `${chips.length} fault${chips.length > 1 ? "s" : ""} in force: ${faults.map(shortened).slice(0, 3).join("  ")}${chips.length > 3 ? " …" : ""}` : "";
 }
 
 async function order(path, options) {
@@ -369,8 +440,8 @@ byId("fault-start").onclick = () => order("faults/start", { method: "POST" });
 
 // ---- Following the service ----
 
-function follow() {
-  const events = new EventSource(`events?since=${exchanges.at(-1)?.id ?? 0}`);
+function follow(since = exchanges.at(-1)?.id ?? 0) {
+  const events = new EventSource(`events?since=${since}`);
   const say = (state, words) => { byId("link").dataset.state = state; byId("link").textContent = words; };
   const on = (name, take) => events.addEventListener(name, (event) => take(JSON.parse(event.data)));
   on("hello", (hello) => {
@@ -380,6 +451,7 @@ function follow() {
     say("live", "live");
     filter_rows();
   });
+  on("lost", begin); // too much has happened since, and with it what became of the cameras
   on("exchanges", add_exchanges);
   on("devices", take_devices);
   on("faults", show_faults);
@@ -395,19 +467,24 @@ function follow() {
 async function begin() {
   follow.source?.close();
   exchanges = [];
+  oldest_asked.clear();
   service_start = 0;
   try {
+    const since = (await ask("exchanges?last=1")).at(-1)?.id ?? 0; // what comes from now on is told by events
     const said = ask(`exchanges?last=${first_exchanges}`), forms = set_up_faults();
     said.catch(() => {}), forms.catch(() => {}); // told by the awaits below
+    const devices = await ask("devices?backs=1");
     cameras.clear();
-    take_devices(await ask("devices?backs=1"));
+    take_devices(devices);
     place_rows();
     requestAnimationFrame(() => performance.mark("first-camera"));
+    note_oldest("", await said, first_exchanges);
     keep_exchanges(await said);
     await forms;
+    show_facts();
     show_exchanges();
     if (selected !== "") load_camera(selected);
-    follow();
+    follow(since);
   } catch {
     byId("link").dataset.state = "lost";
     byId("link").textContent = "the service does not answer; trying again";
@@ -418,9 +495,11 @@ async function begin() {
 byId("search").oninput = filter_rows;
 byId("order").onchange = place_rows;
 byId("back").onclick = () => select("");
-byId("more").onclick = () => { listed += shown_at_once; show_exchanges(); };
+byId("more").onclick = show_older;
+byId("camera-list").onkeydown = move_in_list;
+addEventListener("hashchange", () => { if (hash_hid() !== selected) select(hash_hid()); });
 for (const id of ["filter-path", "filter-result"]) byId(id).onchange = show_exchanges;
-setInterval(() => { for (const camera of cameras.values()) fill_row(camera); filter_rows(); if (selected !== "") show_facts(); }, 10000);
-selected = decodeURIComponent(location.hash.slice(1));
+setInterval(() => { for (const camera of cameras.values()) fill_row(camera); place_rows(); if (selected !== "") show_facts(); }, 10000);
+selected = hash_hid();
 await begin();
 if (selected !== "") select(selected);

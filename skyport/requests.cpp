@@ -103,8 +103,11 @@ std::string character_error(std::string_view xml, size_t& i) {
 
 /// Parses a request's XML; `ldev` becomes its one element. An empty text or what is wrong.
 std::string parse_xml(const std::string& xml, pugi::xml_document& document, pugi::xml_node& ldev) {
-  if (!xml.starts_with(xml_head)) return "XML does not begin with its declaration and <ldev>";
-  if (!xml.ends_with(xml_tail)) return "XML does not end with </ldev>";
+  if (!xml.starts_with(xml_head)) {
+    const auto differ = std::ranges::mismatch(xml, xml_head).in1 - xml.begin();
+    return "XML does not begin with its declaration and <ldev>" + at_byte(static_cast<size_t>(differ));
+  }
+  if (!xml.ends_with(xml_tail)) return "XML does not end with </ldev>" + at_byte(xml.size());
   size_t bad_at = 0;
   if (const std::string error = character_error(xml, bad_at); !error.empty())
     return "XML holds " + error + at_byte(bad_at);

@@ -43,13 +43,16 @@ Answer get_devices(Service& service, const Request& request) {
 
 Answer get_exchanges(Service& service, const Request& request) {
   std::string hid;
-  uint64_t since = 0, last = max_exchanges;
-  const std::string error =
-      read_query(request.target, {{"since", nullptr, &since}, {"last", nullptr, &last}, {"hid", &hid, nullptr}});
+  uint64_t since = 0, before = INT64_MAX, last = max_exchanges;
+  const std::string error = read_query(
+      request.target,
+      {{"since", nullptr, &since}, {"before", nullptr, &before}, {"last", nullptr, &last}, {"hid", &hid, nullptr}});
   if (!error.empty()) return error_answer(400, error);
   Json json = Json::array();
-  const auto of_camera = [&hid](const Exchange& e) { return hid.empty() || e.user == hid; };
-  for (const Exchange& exchange : service.exchanges.since(static_cast<int64_t>(since), last, of_camera))
+  const auto is_wanted = [&](const Exchange& e) {
+    return e.id < static_cast<int64_t>(before) && (hid.empty() || e.user == hid);
+  };
+  for (const Exchange& exchange : service.exchanges.since(static_cast<int64_t>(since), last, is_wanted))
     json.push_back(exchange_json(service, exchange));
   return json_answer(200, json);
 }
@@ -154,9 +157,7 @@ constexpr StatusRoute routes[] = {
     {"POST", "/aliases", post_aliases},
 };
 
-}  // namespace
-
-Answer serve_status(Service& service, const Request& request) {
+Answer answer_to(Service& service, const Request& request) {
   if (const std::string error = visitor_error(request); !error.empty()) return error_answer(403, error);
   const std::string path = target_path(request.target);
   bool known = false;
@@ -166,6 +167,14 @@ Answer serve_status(Service& service, const Request& request) {
     if (request.method == route.method) return route.serve(service, request);
   }
   return known ? error_answer(405, "method is not the path's") : error_answer(404, "path is not served");
+}
+
+}  // namespace
+
+Answer serve_status(Service& service, const Request& request) {
+  Answer answer = answer_to(service, request);
+  answer.own_pages_only = true;
+  return answer;
 }
 
 }  // namespace skyport

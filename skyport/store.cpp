@@ -27,6 +27,7 @@ constexpr const char* schema = R"(
     id INTEGER PRIMARY KEY, hid TEXT NOT NULL, time INTEGER NOT NULL, address TEXT NOT NULL,
     port INTEGER NOT NULL, connected INTEGER NOT NULL, took_ms INTEGER NOT NULL, error TEXT NOT NULL);
   CREATE INDEX IF NOT EXISTS connect_back_of ON connect_back(hid, id);
+  CREATE INDEX IF NOT EXISTS alias_of ON alias(hid);
 )";
 
 /// One statement: bind in order with <<, step, read columns.
@@ -45,6 +46,13 @@ class Query {
   }
   Query& operator<<(int64_t number) {
     sqlite3_bind_int64(statement_, ++bound_, number);
+    return *this;
+  }
+  /// The ends of BETWEEN: `hid` alone, or every one when it is empty, since a blob comes after all texts.
+  Query& hids(const std::string& hid) {
+    *this << hid;
+    if (!hid.empty()) return *this << hid;
+    sqlite3_bind_zeroblob(statement_, ++bound_, 0);
     return *this;
   }
 
@@ -110,8 +118,8 @@ void for_each_row(Query& query, std::vector<Device>& devices, const Take& take) 
 }
 
 void read_fields(sqlite3* db, const std::string& hid, std::vector<Device>& devices) {
-  Query query(db, "SELECT hid, name, value FROM field WHERE ?1 = '' OR hid = ?1 ORDER BY hid, position");
-  query << hid;
+  Query query(db, "SELECT hid, name, value FROM field WHERE hid BETWEEN ? AND ? ORDER BY hid, position");
+  query.hids(hid);
   for_each_row(query, devices, [&](Device& device) {
     if (device.update) device.update->value.emplace_back(query.text(1), query.text(2));
   });
@@ -120,9 +128,9 @@ void read_fields(sqlite3* db, const std::string& hid, std::vector<Device>& devic
 void read_connect_backs(sqlite3* db, const std::string& hid, size_t most, std::vector<Device>& devices) {
   Query query(db,
               "SELECT hid, time, address, port, connected, took_ms, error FROM connect_back c "
-              "WHERE (?1 = '' OR hid = ?1) AND id >= (SELECT min(id) FROM (SELECT id FROM connect_back "
-              "WHERE hid = c.hid ORDER BY id DESC LIMIT ?2)) ORDER BY hid, id");
-  query << hid << static_cast<int64_t>(most);
+              "WHERE hid BETWEEN ? AND ? AND id >= (SELECT min(id) FROM (SELECT id FROM connect_back "
+              "WHERE hid = c.hid ORDER BY id DESC LIMIT ?)) ORDER BY hid, id");
+  query.hids(hid) << static_cast<int64_t>(most);
   for_each_row(query, devices, [&](Device& device) {
     device.connect_backs.push_back({query.number(1), query.text(2), static_cast<uint16_t>(query.number(3)),
                                     query.number(4) != 0, query.number(5), query.text(6)});
@@ -232,9 +240,9 @@ std::vector<Device> Store::devices(const std::string& hid, size_t backs) {
   std::vector<Device> all;
   Query query(db_,
               "SELECT d.hid, seen, updates, updated, enabled, enabled_at, report, reported, a.name, a.given, since "
-              "FROM device d LEFT JOIN alias a ON a.hid = d.hid WHERE ?1 = '' OR d.hid = ?1 "
+              "FROM device d LEFT JOIN alias a ON a.hid = d.hid WHERE d.hid BETWEEN ? AND ? "
               "GROUP BY d.hid ORDER BY d.hid");
-  query << hid;
+  query.hids(hid);
   while (query.step()) {
     Device device;
     device.hid = query.text(0);
@@ -290,6 +298,15 @@ std::vector<Exchange> ExchangeLog::since(int64_t id, size_t most, const std::fun
     if (!wanted || wanted(*e)) found.push_back(*e);
   std::reverse(found.begin(), found.end());
   return found;
+}
+
+std::vector<Exchange> ExchangeLog::after(int64_t id, size_t most) {
+  const std::lock_guard lock(mutex_);
+  // Ids have no gaps, so that the place follows from them.
+  const int64_t first = next_id_ - static_cast<int64_t>(last_.size());
+  const auto begin = static_cast<size_t>(std::clamp(id, first - 1, next_id_ - 1) + 1 - first);
+  const size_t end = std::min(last_.size(), begin + most);
+  return {last_.begin() + static_cast<std::ptrdiff_t>(begin), last_.begin() + static_cast<std::ptrdiff_t>(end)};
 }
 
 int64_t ExchangeLog::last_id() {

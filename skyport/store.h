@@ -116,6 +116,8 @@ class ExchangeLog {
   /// Those with an id above `id`, oldest first; of them the last `most` that `wanted`, when given, takes.
   std::vector<Exchange> since(int64_t id, size_t most = max_exchanges,
                               const std::function<bool(const Exchange&)>& wanted = nullptr);
+  /// The first `most` with an id above `id`, oldest first.
+  std::vector<Exchange> after(int64_t id, size_t most);
   /// The id of the last one, 0 before it.
   int64_t last_id();
 

@@ -12,6 +12,9 @@ std::string shown(std::string text) {
   text = Json::parse(json_text(Json(text))).get<std::string>();
   for (char& c : text)
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = c == '\n' ? ' ' : '.';
+  // U+0080 to U+009F, which terminals obey, too.
+  for (size_t at = 0; (at = text.find('\xC2', at)) != std::string::npos; ++at)
+    if (static_cast<unsigned char>(text[at + 1]) < 0xA0) text.replace(at, 2, ".");
   return text;
 }
 
@@ -34,7 +37,7 @@ void show_device(std::ostream& out, const Device& device) {
 }
 
 void show_exchange(std::ostream& out, const Exchange& e) {
-  out << "#" << e.id << " " << iso_time(e.time) << " " << e.peer << " " << e.method << " " << shown(e.target);
+  out << "#" << e.id << " " << iso_time(e.time) << " " << e.peer << " " << shown(e.method) << " " << shown(e.target);
   if (e.authorized) out << " user " << e.user << " nc " << e.nc;
   out << " -> " << (e.status == 0 ? "no answer" : std::to_string(e.status));
   if (!e.fault.empty()) out << " [fault " << shown(e.fault) << "]";
@@ -60,7 +63,7 @@ Answer text_page(Service& service) {
   out << "\nLast exchanges, newest first\n\n";
   const std::vector<Exchange> exchanges = service.exchanges.since(0, exchanges_shown);
   for (auto e = exchanges.rbegin(); e != exchanges.rend(); ++e) show_exchange(out, *e);
-  out << "\nAs JSON: /devices /exchanges?since=ID /faults /aliases\n";
+  out << "\nAs JSON: /devices /exchanges?since=ID&before=ID /faults /aliases\n";
   return {200, "", out.str(), "text/plain; charset=utf-8"};
 }
 

@@ -18,7 +18,7 @@ struct GatewayText {
 };
 
 /// In the order of both logs. The label of the second found_line repeats the first; it is meant.
-constexpr std::array<GatewayText, 7> gateway_texts = {{
+inline constexpr std::array<GatewayText, 7> gateway_texts = {{
     {offsetof(MupnpIgd, manufacturer), 64, "manufacturer=[%s]\n", "  manufacturer=%s\n"},
     {offsetof(MupnpIgd, manufacturerURL), 128, "manufacturer=[%s]\n", "  manufacturerURL=%s\n"},
     {offsetof(MupnpIgd, friendlyName), 64, "friendlyName=[%s]\n", "  friendlyName=%s\n"},

@@ -94,11 +94,9 @@ const OpcodeRow* find_row(std::uint16_t opcode) {
 ssize_t receive() {
   const int fd = finder.fd[finder.iReportSocketIndex];
   socklen_t peer_len = sizeof(finder.peer);
-  static std::size_t filled = sizeof(finder.request);
-  std::memset(finder.request, 0, filled);
+  zero(finder.request);
   const ssize_t len = recvfrom(fd, finder.request, sizeof(finder.request), MSG_DONTWAIT,
                                reinterpret_cast<sockaddr*>(&finder.peer), &peer_len);
-  filled = len > 0 ? static_cast<std::size_t>(len) : 0;
   if (len < 0) print_error("recvfrom");
   return len;
 }
@@ -150,7 +148,7 @@ int check_reqmode(const FinderRequest& request, bool any_mac) {
   debug_log(" check_reqmode:\nMyMAC=%s\nReqMAC=%s\n", request.my_mac, text);
   constexpr std::uint8_t everybody[finder_mac_len] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
   if (any_mac && std::memcmp(mac, everybody, sizeof(everybody)) == 0) return 1;
-  return strcasecmp(request.my_mac, text) == 0 ? 1 : 0;
+  return strncasecmp(request.my_mac, text, sizeof(text)) == 0 ? 1 : 0;
 }
 
 void Finderd_handle_request() {

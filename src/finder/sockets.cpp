@@ -12,30 +12,13 @@
 #include "core/text.h"
 #include "finder/finder.h"
 #include "finder/record.h"
+#include "net/address.h"
 
 namespace kestrel {
 
 Finder finder{};
 
 namespace {
-
-void terminate_texts(ACT_IF_INFO& info) {
-  terminate(info.ip);
-  terminate(info.mac);
-  terminate(info.mask);
-  terminate(info.gw);
-  terminate(info.name);
-}
-
-/// Fills `out` with the first interface that `get` gives, and returns its index.
-int first_iface(int (*get)(ACT_IF_INFO*, int*), ACT_IF_INFO& out) {
-  ACT_IF_INFO all[TESSEL_MAX_IFACES] = {};
-  int index = 0;
-  get(all, &index);
-  out = all[0];
-  terminate_texts(out);
-  return index;
-}
 
 /// Fills slot k when the named interface is usable.
 bool take_interface(FinderInterfaces& into, int k, const IF_METRIC& entry) {

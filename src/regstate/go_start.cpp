@@ -5,6 +5,7 @@
 #include "core/debug_log.h"
 #include "core/text.h"
 #include "core/wait.h"
+#include "net/address.h"
 #include "net/server_location.h"
 #include "platform/sptcontrol.h"
 #include "platform/tessel.h"
@@ -58,16 +59,7 @@ bool find_redirect_server(DeviceContext& ctx) {
 
 bool find_own_address(DeviceContext& ctx) {
   debug_log(" ***[START]***\n");
-  ACT_IF_INFO active[TESSEL_MAX_IFACES] = {};
-  int iface = 0;
-  tessel_get_active_iface(active, &iface);
-  ACT_IF_INFO& first = active[0];
-  terminate(first.ip);
-  terminate(first.mac);
-  terminate(first.mask);
-  terminate(first.gw);
-  terminate(first.name);
-  ctx.active_if = first;
+  const int iface = first_iface(tessel_get_active_iface, ctx.active_if);
   if (iface < 1) {
     debug_log(" [kestreld]: *** No IP\n");
     return false;

@@ -2,6 +2,7 @@
 #include "regstate/need_update.h"
 
 #include <array>
+#include <cstddef>
 #include <cstring>
 
 #include "core/debug_log.h"
@@ -15,17 +16,16 @@ enum Field { eip, ueip, ueport, iip, iport };
 
 struct FieldRow {
   Field field;
+  std::size_t at;  // in the record
   const char* line;
-  const char* (*text)(const DeviceContext& ctx);
 };
 
 constexpr std::array<FieldRow, 5> fields = {{
-    {eip, "<> eip isn't the same. eip changed. must update.\n", [](const DeviceContext& c) { return +c.e.ip; }},
-    {ueip, "<> ueip isn't the same. ueip changed. must update.\n", [](const DeviceContext& c) { return +c.ue.ip; }},
-    {ueport, "<> ueport isn't the same. ueport changed. must update.\n",
-     [](const DeviceContext& c) { return +c.ue.port; }},
-    {iip, "<> iip isn't the same. iip changed. must update.\n", [](const DeviceContext& c) { return +c.i.ip; }},
-    {iport, "<> iport isn't the same. iport changed. must update.\n", [](const DeviceContext& c) { return +c.i.port; }},
+    {eip, offsetof(DeviceContext, e.ip), "<> eip isn't the same. eip changed. must update.\n"},
+    {ueip, offsetof(DeviceContext, ue.ip), "<> ueip isn't the same. ueip changed. must update.\n"},
+    {ueport, offsetof(DeviceContext, ue.port), "<> ueport isn't the same. ueport changed. must update.\n"},
+    {iip, offsetof(DeviceContext, i.ip), "<> iip isn't the same. iip changed. must update.\n"},
+    {iport, offsetof(DeviceContext, i.port), "<> iport isn't the same. iport changed. must update.\n"},
 }};
 
 constexpr bool rows_stand_at_their_fields() {
@@ -35,6 +35,10 @@ constexpr bool rows_stand_at_their_fields() {
   return true;
 }
 static_assert(rows_stand_at_their_fields());
+
+const char* text_of(const DeviceContext& ctx, const FieldRow& field) {
+  return reinterpret_cast<const char*>(&ctx) + field.at;
+}
 
 /// A field that a state compares. A difference in a decisive one ends the comparison.
 struct Comparison {
@@ -82,7 +86,7 @@ int compare_fields(const StateComparisons& row, const DeviceContext& current, co
   int result = 0;
   for (std::size_t i = 0; i < row.count; ++i) {
     const FieldRow& field = fields[row.list[i].field];
-    if (std::strcmp(field.text(current), field.text(last)) == 0) continue;
+    if (std::strcmp(text_of(current, field), text_of(last, field)) == 0) continue;
     debug_log(field.line);
     result = 1;
     if (row.list[i].decisive) return result;

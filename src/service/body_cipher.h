@@ -14,11 +14,11 @@ namespace kestrel {
 constexpr std::size_t service_key_len = 32;
 
 /// The IV of every use of the cipher.
-constexpr unsigned char cipher_iv[] = "58585858";
+inline constexpr unsigned char cipher_iv[] = "58585858";
 constexpr int cipher_iv_len = sizeof(cipher_iv) - 1;
 static_assert(cipher_iv_len == 8);
 
-constexpr char hex_digits[] = "0123456789abcdef";
+inline constexpr char hex_digits[] = "0123456789abcdef";
 
 /// Characters of hex_encode_md5's text, terminator included.
 constexpr std::size_t md5_hex_len = 33;

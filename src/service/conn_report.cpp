@@ -6,8 +6,6 @@
 #include "core/debug_log.h"
 #include "core/text.h"
 #include "platform/tesselcfg.h"
-#include "service/body_cipher.h"
-#include "service/post_body.h"
 #include "service/transaction.h"
 
 namespace kestrel {
@@ -21,7 +19,11 @@ constexpr Request report_request = {
     .method = "POST",
     .challenge_uri = "/conn_report.html",
     .send_len = 8192,
-    .log = log_of_reports,
+    .log = &log_of_reports,
+    .body_len = " ecnode bodylen=%d\n",
+    .ok = "200 OK\n",
+    .not_found = "Error=(%d)\n",
+    .other_status = "Error=(%d)\n",
     .name = "conn_report",
     .after_send_failure = AfterSendFailure::receive,
     .leftover = &leftover_socket,
@@ -32,11 +34,11 @@ constexpr std::size_t base64_len = 5632;  // 4 * (4096 + 8) / 3, and room
 
 int report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report, char (&record)[first_connection_len],
            char (&text)[base64_len]) {
-  record[0] = '\0';
+  zero(record);
   srv_get_first_connection(record);
   terminate(record);
   if (std::strcmp(record, last_report) == 0) return request_ok;
-  PostBody body = begin_body(text, plain_len);
+  PostBody body = begin_body(text, sizeof(text), plain_len);
   put(body, "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n%s</ldev>\n", record);
   if (!body.fits) {
     debug_log("[kestreld] *** first-connection record too long, not reported\n");
@@ -47,8 +49,7 @@ int report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report, char (
   debug_log("----------sz_xml_data packet----------\n");
   debug_log("%s\n", text);
   debug_log("----------end sz_xml_data-------------\n");
-  if (encipher_body(text, sizeof(text), " ecnode bodylen=%d\n") == 0) return request_no_answer;
-  return run_exchange(*ctx, report_request, ctx->redir_ip, text, *auth, nullptr, nullptr);
+  return post(*ctx, report_request, body, *auth);
 }
 
 }  // namespace
@@ -58,7 +59,7 @@ int conn_report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report) {
     char record[first_connection_len];
     char text[base64_len];
   };
-  // Not on the stack, which is touched as a whole: mostly there is no record, or a short one.
+  // Not on the stack, which keeps for good what it once took.
   auto* texts = static_cast<Texts*>(std::malloc(sizeof(Texts)));
   if (texts == nullptr) return request_no_answer;
   const int result = report(ctx, auth, last_report, texts->record, texts->text);

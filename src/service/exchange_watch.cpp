@@ -108,11 +108,11 @@ bool start_watch() {
   if (wake_fd < 0) return false;
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return false;
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_attr_setstacksize(&attributes, watch_stack_len);
   const SignalsBlocked blocked;
   pthread_t thread{};
   const bool started = pthread_create(&thread, &attributes, watch, nullptr) == 0;
+  if (started) pthread_detach(thread);
   pthread_attr_destroy(&attributes);
   return started;
 }

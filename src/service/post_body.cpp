@@ -8,13 +8,13 @@
 
 namespace kestrel {
 
-PostBody begin_body(char* text, std::size_t size) {
+PostBody begin_body(char* text, std::size_t size, std::size_t plain_size) {
   random_digits6(text);
-  return {text, size, random_digits_len, true};
+  return {text, size, plain_size, random_digits_len, true};
 }
 
 void put(PostBody& body, const char* format, ...) {
-  const std::size_t room = body.size - body.len;
+  const std::size_t room = body.plain_size - body.len;
   va_list args;
   va_start(args, format);
   const int len = std::vsnprintf(body.text + body.len, room, format, args);

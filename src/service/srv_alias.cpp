@@ -4,8 +4,6 @@
 #include "core/debug_log.h"
 #include "core/text.h"
 #include "platform/tesselcfg.h"
-#include "service/body_cipher.h"
-#include "service/post_body.h"
 #include "service/transaction.h"
 #include "service/xml_value.h"
 
@@ -16,26 +14,27 @@ namespace {
 LeftoverSocket leftover_socket;
 
 /// This request logs what the queries log, but for the lines that it shares with the reports.
-constexpr ExchangeLog log_of_alias() {
+constexpr ExchangeLog log_of_alias = [] {
   ExchangeLog log = log_of_reports;
   log.buffer_length = log_of_queries.buffer_length;
   log.send_buffer = "%s\n";
   log.portnum = log_of_queries.portnum;
   log.sent = log_of_queries.sent;
-  log.body_read = log_of_queries.body_read;
   log.body = log_of_queries.body;
   log.body_read_first = log_of_queries.body_read_first;
-  log.not_found = "Error:(%d)\n";
-  log.other_status = nullptr;
   return log;
-}
+}();
 
 constexpr Request alias_request = {
     .path = "/alias.html",
     .method = "POST",
     .challenge_uri = "/alias.html",
     .send_len = 1024,
-    .log = log_of_alias(),
+    .log = &log_of_alias,
+    .body_len = "ecnode bodylen=%d\n",
+    .body_read = " Body_Read=%d\n",
+    .ok = "200 OK\n",
+    .not_found = "Error:(%d)\n",
     .name = "srv_alias",
     .leftover = &leftover_socket,
 };
@@ -84,14 +83,13 @@ int srv_alias(DeviceContext* ctx, const char* alias, char* verdict) {
   debug_log("------------------------[ %s:%d ]------------------------\n", alias_request.name, __LINE__);
   debug_log(" auth_info->on=%d\n", static_cast<int>(ctx->auth_info.on));
   char text[plain_len];
-  PostBody body = begin_body(text, sizeof(text));
+  PostBody body = begin_body(text, sizeof(text), sizeof(text));
   put(body,
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
       "<ldev>\n<hid>%s</hid>\n<redirip>%s</redirip>\n<ah>%s</ah>\n</ldev>\n",
       ctx->hid, ctx->redir_ip, alias);
   debug_log("%s\n", text);
-  if (!body.fits || encipher_body(text, sizeof(text), "ecnode bodylen=%d\n") == 0) return request_no_answer;
-  return run_exchange(*ctx, alias_request, ctx->redir_ip, text, ctx->auth_info, read_verdict, verdict);
+  return post(*ctx, alias_request, body, ctx->auth_info, read_verdict, verdict);
 }
 
 int alias_follow_up() {

@@ -3,27 +3,23 @@
 
 #include "core/debug_log.h"
 #include "net/address.h"
-#include "service/body_cipher.h"
-#include "service/post_body.h"
 #include "service/transaction.h"
 
 namespace kestrel {
 
 namespace {
 
-constexpr ExchangeLog with_own_lines(ExchangeLog log) {
-  log.no_status = "reader.PacketHeader->StatusCode==NULL\n";
-  log.not_found = "Error:(%d)\n";
-  log.other_status = "Unknow Error!\n";
-  return log;
-}
-
 constexpr Request connectback_request = {
     .path = "/connectbk.html",
     .method = "POST",
     .challenge_uri = "/connectbk.html",
     .send_len = 2048,
-    .log = with_own_lines(log_of_reports),
+    .log = &log_of_reports,
+    .body_len = "ecnode bodylen=%d\n",
+    .ok = "200 OK\n",
+    .no_status = "reader.PacketHeader->StatusCode==NULL\n",
+    .not_found = "Error:(%d)\n",
+    .other_status = "Unknow Error!\n",
     .name = "srv_connectback",
     .after_send_failure = AfterSendFailure::send_result,
 };
@@ -57,7 +53,7 @@ int srv_connectback(DeviceContext* dev) {
     return request_no_answer;
   }
   char text[plain_len];
-  PostBody body = begin_body(text, sizeof(text));
+  PostBody body = begin_body(text, sizeof(text), sizeof(text));
   put(body,
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
       "<ldev>\n"
@@ -67,8 +63,7 @@ int srv_connectback(DeviceContext* dev) {
       "<tstamp>%s</tstamp>\n"
       "</ldev>\n",
       dev->hid, address_to_test(*dev), dev->ue.port, dev->Timestamp);
-  if (!body.fits || encipher_body(text, sizeof(text), "ecnode bodylen=%d\n") == 0) return request_no_answer;
-  return run_exchange(*dev, connectback_request, dev->redir_ip, text, dev->auth_info, nullptr, nullptr);
+  return post(*dev, connectback_request, body, dev->auth_info);
 }
 
 }  // namespace kestrel

@@ -1,7 +1,5 @@
 // The enable report: whether the user has the service switched on.
 #include "core/debug_log.h"
-#include "service/body_cipher.h"
-#include "service/post_body.h"
 #include "service/transaction.h"
 
 namespace kestrel {
@@ -10,19 +8,18 @@ namespace {
 
 LeftoverSocket leftover_socket;
 
-constexpr ExchangeLog with_own_lines(ExchangeLog log) {
-  log.body_read = "reader.Body_Read=%d\n";
-  log.ok = " <-200 OK\n";
-  return log;
-}
-
 constexpr Request enable_request = {
     .path = "/enable.html",
     .method = "POST",
     .challenge_uri = "/upd.html",  // not this request's path; the next send replaces it
     .send_len = 1024,
-    .log = with_own_lines(log_of_reports),
+    .log = &log_of_reports,
+    .body_len = " ecnode bodylen=%d\n",
     .builder_trace = "[%s:%d]\n",
+    .body_read = "reader.Body_Read=%d\n",
+    .ok = " <-200 OK\n",
+    .not_found = "Error=(%d)\n",
+    .other_status = "Error=(%d)\n",
     .name = "srv_enable_dev_account",
     .after_send_failure = AfterSendFailure::receive,
     .no_answer_result = request_failed,
@@ -39,14 +36,13 @@ int srv_enable_dev_account(DeviceContext* ctx, int enable, AuthenticateInfo* aut
   debug_log(" hid=%s\n", ctx->hid);
   debug_log(" Enable=%d\n", enable);
   char text[plain_len];
-  PostBody body = begin_body(text, sizeof(text));
+  PostBody body = begin_body(text, sizeof(text), sizeof(text));
   put(body,
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
       "<ldev>\n<hid>%s</hid>\n<enable>%d</enable>\n</ldev>\n",
       ctx->hid, enable);
   debug_log("%s", text);
-  if (!body.fits || encipher_body(text, sizeof(text), " ecnode bodylen=%d\n") == 0) return request_failed;
-  return run_exchange(*ctx, enable_request, ctx->redir_ip, text, *auth, nullptr, nullptr);
+  return post(*ctx, enable_request, body, *auth);
 }
 
 }  // namespace kestrel

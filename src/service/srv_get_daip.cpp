@@ -7,17 +7,14 @@ namespace kestrel {
 
 namespace {
 
-constexpr ExchangeLog with_ok(ExchangeLog log) {
-  log.ok = " <-200 OK receiced!\n";
-  return log;
-}
-
 constexpr Request daip_request = {
     .path = "/daip.html",
     .method = "GET",
     .challenge_uri = "/ext.html",  // the address query's, as the service's protocol has it
     .send_len = 1024,
-    .log = with_ok(log_of_queries),
+    .log = &log_of_queries,
+    .body_read = " Body_Read=%d\n",
+    .ok = " <-200 OK receiced!\n",
     .name = "srv_get_daip",
 };
 

@@ -7,18 +7,15 @@ namespace kestrel {
 
 namespace {
 
-constexpr ExchangeLog with_own_lines(ExchangeLog log) {
-  log.connect_to = " connect to %s:%d\n";
-  log.ok = "<-200 OK receiced!\n";
-  return log;
-}
-
 constexpr Request eip_request = {
     .path = "/ext.html",
     .method = "GET",
     .challenge_uri = "/ext.html",
     .send_len = 1024,
-    .log = with_own_lines(log_of_queries),
+    .log = &log_of_queries,
+    .connect_to = " connect to %s:%d\n",
+    .body_read = " Body_Read=%d\n",
+    .ok = "<-200 OK receiced!\n",
     .name = "srv_get_eip",
 };
 

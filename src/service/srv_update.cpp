@@ -4,9 +4,8 @@
 #include "core/debug_log.h"
 #include "core/gateway_texts.h"
 #include "core/text.h"
+#include "net/address.h"
 #include "platform/tesselcfg.h"
-#include "service/body_cipher.h"
-#include "service/post_body.h"
 #include "service/transaction.h"
 
 namespace kestrel {
@@ -20,7 +19,11 @@ constexpr Request update_request = {
     .method = "POST",
     .challenge_uri = "/iupd.html",
     .send_len = 2048,
-    .log = log_of_reports,
+    .log = &log_of_reports,
+    .body_len = "ecnode bodylen=%d\n",
+    .ok = "200 OK\n",
+    .not_found = "Error=(%d)\n",
+    .other_status = "Error=(%d)\n",
     .name = "srv_update",
     .after_send_failure = AfterSendFailure::receive,
     .leftover = &leftover_socket,
@@ -34,7 +37,7 @@ constexpr char service_type[] = "HTTP";
 
 /// What the platform adds to the record for a report.
 struct Particulars {
-  char mac[18];
+  ACT_IF_INFO present;  // its MAC is the camera's
   char model[64];
   char firmware[32];
   char client[32];
@@ -52,16 +55,13 @@ void gather(const DeviceContext& dev, Particulars& out) {
   terminate(out.firmware);
   terminate(out.client);
   out.protocol = through_relay(dev) ? "TP" : "T";
-  ACT_IF_INFO present[TESSEL_MAX_IFACES] = {};
-  int count = 0;
-  tessel_get_present_iface(present, &count);
-  copy_bytes(out.mac, sizeof(out.mac), present[0].mac, sizeof(present[0].mac));
+  static_cast<void>(first_iface(tessel_get_present_iface, out.present));
 }
 
 void log_values(const DeviceContext& dev, const Particulars& p) {
   debug_log("  srv_update()\n");
   debug_log("  hid=%s\n", dev.hid);
-  debug_log("  mac=%s\n", p.mac);
+  debug_log("  mac=%s\n", p.present.mac);
   debug_log("  ptype=%d\n", device_type);
   debug_log("  model=%s\n", p.model);
   debug_log("  FirmwareVersion=%s\n", p.firmware);
@@ -85,7 +85,7 @@ void write_update(PostBody& body, const DeviceContext& dev, const Particulars& p
   put(body, "<ldev>\n");
   put(body, "<dev>\n");
   put(body, "<hid>%s</hid>\n", dev.hid);
-  put(body, "<mac>%s</mac>\n", p.mac);
+  put(body, "<mac>%s</mac>\n", p.present.mac);
   put(body, "<ptype>%d</ptype>\n", device_type);
   put(body, "<model>%s</model>\n", p.model);
   put(body, "<ver>%s</ver>\n", p.firmware);
@@ -120,13 +120,12 @@ int srv_update(DeviceContext* dev, unsigned* /*word*/, AuthenticateInfo* info) {
   gather(*dev, particulars);
   log_values(*dev, particulars);
   char text[plain_len];
-  PostBody body = begin_body(text, sizeof(text));
+  PostBody body = begin_body(text, sizeof(text), sizeof(text));
   write_update(body, *dev, particulars);
   debug_log("----------sz_xml_data packet----------\n");
   debug_log("%s\n", text);
   debug_log("----------end sz_xml_data-------------\n");
-  if (!body.fits || encipher_body(text, sizeof(text), "ecnode bodylen=%d\n") == 0) return request_no_answer;
-  return run_exchange(*dev, update_request, dev->redir_ip, text, *info, nullptr, nullptr);
+  return post(*dev, update_request, body, *info);
 }
 
 }  // namespace kestrel

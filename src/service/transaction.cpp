@@ -97,7 +97,7 @@ char* make_out(const Request& request, packetheader* packet, const char* body, i
   if (packet == nullptr) return nullptr;
   char* raw = nullptr;
   const int raw_len = ILibGetRawPacket(packet, &raw);
-  log_if(request.log.buffer_length, raw_len);
+  log_if(request.log->buffer_length, raw_len);
   ILibDestructPacket(packet);
   const std::size_t head_len = raw != nullptr && raw_len > 0 ? static_cast<std::size_t>(raw_len) : 0;
   const std::size_t len = head_len + (body != nullptr ? std::strlen(body) : 0);
@@ -110,7 +110,7 @@ char* make_out(const Request& request, packetheader* packet, const char* body, i
   if (body != nullptr) std::memcpy(out + head_len, body, len - head_len);
   out[len] = '\0';
   out_len = static_cast<int>(len);
-  log_if(request.log.send_buffer, out);
+  log_if(request.log->send_buffer, out);
   return out;
 }
 
@@ -120,7 +120,7 @@ void open_socket(const Request& request, ILibHCHTTPReaderObject& reader) {
   const int portnum = ILibGetStreamSocket(static_cast<int>(htonl(0)), 0, &reader.ClientSocket);
   // What the shell starts must not inherit it.
   if (reader.ClientSocket >= 0) fcntl(reader.ClientSocket, F_SETFD, FD_CLOEXEC);
-  log_if(request.log.portnum, portnum);
+  log_if(request.log->portnum, portnum);
 }
 
 /// Opens the connection. 0 when it stands.
@@ -129,22 +129,22 @@ int connect_socket(const Request& request, const Route& route, int sock) {
   peer.sin_family = AF_INET;
   peer.sin_addr.s_addr = inet_addr(route.connect_ip);
   peer.sin_port = htons(static_cast<std::uint16_t>(route.connect_port));
-  log_if(request.log.connect_to, route.connect_ip, route.connect_port);
+  log_if(request.connect_to, route.connect_ip, route.connect_port);
   // sockaddr_in is what connect takes in the guise of sockaddr.
   const int connected = WaitConnect(sock, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer), connect_timeout_s);
-  log_if(request.log.connected, connected);
+  log_if(request.log->connected, connected);
   return connected;
 }
 
 /// The body as a terminated text of the log's width; the library need not terminate it.
 void log_body(const Request& request, const ILibHCHTTPReaderObject& reader) {
-  if (request.log.body_read_first) log_if(request.log.body_read, reader.Body_Read);
-  if (reader.Body_Read > 0 && reader.Body != nullptr && request.log.body.text != nullptr) {
+  if (request.log->body_read_first) log_if(request.body_read, reader.Body_Read);
+  if (reader.Body_Read > 0 && reader.Body != nullptr && request.log->body.text != nullptr) {
     char text[1536];
     copy_bytes(text, sizeof(text), reader.Body, static_cast<std::size_t>(reader.Body_Read));
-    log_if(request.log.body, text);
+    log_if(request.log->body, text);
   }
-  if (!request.log.body_read_first) log_if(request.log.body_read, reader.Body_Read);
+  if (!request.log->body_read_first) log_if(request.body_read, reader.Body_Read);
 }
 
 /// Takes the challenge's four texts. The library writes into a record of its own with room behind it, so
@@ -164,20 +164,21 @@ void read_challenge(packetheader_field_node* fields, AuthenticateInfo& auth) {
 }
 
 void take_challenge(const Request& request, packetheader_field_node* fields, AuthenticateInfo& auth) {
+  const ExchangeLog& log = *request.log;
   auth.on = 1;
-  log_if(request.log.challenge_taken);
+  log_if(log.challenge_taken);
   read_challenge(fields, auth);
   // The next request makes its own; this one is seen in the log alone.
   if (DbgLevel != 0) fresh_cnonce(auth);
   copy_text(auth.uri, request.challenge_uri);
   copy_text(auth.method, request.method);
   auth.nc = 1;
-  log_if(request.log.algorithm, auth.algorithm);
-  log_if(request.log.nonce, auth.nonce);
-  log_if(request.log.qop, auth.qop);
-  log_if(request.log.realm, auth.realm);
-  log_if(request.log.uri, auth.uri);
-  log_if(request.log.cnonce, auth.cnonce, static_cast<int>(std::strlen(auth.cnonce)));
+  log_if(log.algorithm, auth.algorithm);
+  log_if(log.nonce, auth.nonce);
+  log_if(log.qop, auth.qop);
+  log_if(log.realm, auth.realm);
+  log_if(log.uri, auth.uri);
+  log_if(log.cnonce, auth.cnonce, static_cast<int>(std::strlen(auth.cnonce)));
 }
 
 /// Acts on the answer's status. `provisional` is the result of a status that has no meaning of its own.
@@ -189,7 +190,7 @@ int judge_answer(DeviceContext& ctx, const Request& request, const ILibHCHTTPRea
     return request_challenged;
   }
   if (status == status_ok) {
-    log_if(request.log.ok);
+    log_if(request.ok);
     if (read_answer != nullptr && reader.Body_Read > 0 && reader.Body != nullptr) {
       char* plain = decipher_body(reader.Body, reader.Body_Read);
       if (plain != nullptr) read_answer(ctx, plain, sink);
@@ -197,12 +198,12 @@ int judge_answer(DeviceContext& ctx, const Request& request, const ILibHCHTTPRea
     }
     return request_ok;
   }
-  if (status == 0 && request.log.no_status.text != nullptr) {
-    log_if(request.log.no_status);
+  if (status == 0 && request.no_status.text != nullptr) {
+    log_if(request.no_status);
   } else if (status == status_not_found) {
-    log_if(request.log.not_found, status);
+    log_if(request.not_found, status);
   } else {
-    log_if(request.log.other_status, status);
+    log_if(request.other_status, status);
   }
   return request.other_status_result != 0 ? request.other_status_result : provisional;
 }
@@ -239,7 +240,7 @@ int give_up(const Request& request, ILibHCHTTPReaderObject& reader) {
   } else {
     remember(*request.leftover, reader.ClientSocket);
   }
-  log_if(request.log.no_answer);
+  log_if(request.log->no_answer);
   return request.no_answer_result;
 }
 
@@ -258,7 +259,7 @@ int exchange(DeviceContext& ctx, const Request& request, const Route& route, con
   }
   if (!exiting) watch.limit(answer_timeout_ms);
   const auto sent = static_cast<int>(send(reader.ClientSocket, out, static_cast<std::size_t>(out_len), 0));
-  log_if(request.log.sent, sent);
+  log_if(request.log->sent, sent);
   if (sent < 0 && request.after_send_failure != AfterSendFailure::receive) {
     ILibForceClose(&reader);
     return request.after_send_failure == AfterSendFailure::send_result ? sent : request_no_answer;
@@ -283,7 +284,7 @@ bool through_relay(const DeviceContext& ctx) {
 int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len], const char* body,
                  AuthenticateInfo& auth, AnswerReader read_answer, void* sink) {
   close_leftover(request);
-  log_if(request.log.auth_on, static_cast<int>(auth.on));
+  log_if(request.log->auth_on, static_cast<int>(auth.on));
   Route route;
   choose_route(ctx, request, server, route);
   int out_len = 0;
@@ -302,6 +303,12 @@ int run_exchange(DeviceContext& ctx, const Request& request, const char (&server
   const int result = exchange(ctx, request, route, out, out_len, auth, read_answer, sink);
   std::free(out);
   return result;
+}
+
+int post(DeviceContext& ctx, const Request& request, PostBody& body, AuthenticateInfo& auth, AnswerReader read_answer,
+         void* sink) {
+  if (!body.fits || encipher_body(body.text, body.size, request.body_len) == 0) return request.no_answer_result;
+  return run_exchange(ctx, request, ctx.redir_ip, body.text, auth, read_answer, sink);
 }
 
 }  // namespace kestrel

@@ -9,6 +9,7 @@
 
 #include "core/device_context.h"
 #include "core/log_format.h"
+#include "service/post_body.h"
 #include "service/requests.h"
 
 namespace kestrel {
@@ -18,17 +19,15 @@ constexpr int connect_timeout_s = 20;
 constexpr unsigned answer_timeout_ms = 30'000;  // from the connection to the whole answer
 constexpr unsigned exit_timeout_ms = 500;       // for an exchange, once the daemon is to end
 
-/// The texts that the log takes during an exchange; null where a request logs nothing.
+/// The texts that the log takes during an exchange, shared by a family of requests; null where it logs nothing.
 struct ExchangeLog {
   LogFormat<'d'> auth_on = {};
   LogFormat<'d'> buffer_length = {};
   LogFormat<'s'> send_buffer = {};
   LogFormat<'d'> portnum = {};
-  LogFormat<'s', 'd'> connect_to = {};
   LogFormat<'d'> connected = {};
   LogFormat<'d'> sent = {};
   LogFormat<> no_answer = {};
-  LogFormat<'d'> body_read = {};
   LogFormat<'s'> body = {};
   bool body_read_first = false;  // the length before the body, not behind it
   LogFormat<> challenge_taken = {};
@@ -38,10 +37,6 @@ struct ExchangeLog {
   LogFormat<'s'> realm = {};
   LogFormat<'s'> uri = {};
   LogFormat<'s', 'd'> cnonce = {};
-  LogFormat<> ok = {};
-  LogFormat<> no_status = {};
-  LogFormat<'d'> not_found = {};  // 404
-  LogFormat<'d'> other_status = {};
 };
 
 enum class AfterSendFailure { receive, no_answer, send_result };
@@ -60,9 +55,17 @@ struct Request {
   const char* method;         // "GET" or "POST"
   const char* challenge_uri;  // stored when a challenge is taken; the next send replaces it
   std::size_t send_len;       // bytes of the send buffer
-  ExchangeLog log;
-  LogFormat<'s', 'd'> builder_trace = {};  // logged before a packet with credentials
-  const char* name;                        // for builder_trace
+  const ExchangeLog* log;
+  // The lines of its own.
+  LogFormat<'d'> body_len = {};            // of a body to be sent, padded
+  LogFormat<'s', 'd'> builder_trace = {};  // before a packet with credentials
+  LogFormat<'s', 'd'> connect_to = {};
+  LogFormat<'d'> body_read = {};
+  LogFormat<> ok;
+  LogFormat<> no_status = {};
+  LogFormat<'d'> not_found = {};  // 404
+  LogFormat<'d'> other_status = {};
+  const char* name;  // for builder_trace
   AfterSendFailure after_send_failure = AfterSendFailure::no_answer;
   int no_answer_result = request_no_answer;
   int other_status_result = 0;  // 0: the byte count of the send
@@ -81,20 +84,24 @@ using AnswerReader = void (*)(DeviceContext& ctx, const char* plain, void* sink)
 [[nodiscard]] int run_exchange(DeviceContext& ctx, const Request& request, const char (&server)[ip_len],
                                const char* body, AuthenticateInfo& auth, AnswerReader read_answer, void* sink);
 
+/// Enciphers the body of a POST and runs its exchange with the redirect server. A body that did not fit is not sent
+/// and counts as not answered.
+[[nodiscard]] int post(DeviceContext& ctx, const Request& request, PostBody& body, AuthenticateInfo& auth,
+                       AnswerReader read_answer = nullptr, void* sink = nullptr);
+
 /// True when the record's requests go through the relay: this cycle has fallen back to it, and its address
 /// is known.
 [[nodiscard]] bool through_relay(const DeviceContext& ctx);
 
 // The log texts of the two families of requests: those whose lines begin with a blank, and the others.
 
-constexpr ExchangeLog log_of_queries = {
+inline constexpr ExchangeLog log_of_queries = {
     .auth_on = " auth_info->on=%d\n",
     .buffer_length = " BufferLength=(%d)\n",
     .portnum = " portnum=(%d)\n",
     .connected = " connect=%d\n",
     .sent = " send=%d\n",
     .no_answer = " null\n",
-    .body_read = " Body_Read=%d\n",
     .body = "\n<--\n%s\n<--\n",
     .body_read_first = true,
     .challenge_taken = " <-401 received!\n",
@@ -106,7 +113,7 @@ constexpr ExchangeLog log_of_queries = {
     .cnonce = " cnonce=%s(%d)\n",
 };
 
-constexpr ExchangeLog log_of_reports = {
+inline constexpr ExchangeLog log_of_reports = {
     .connected = "connect=%d\n",
     .no_answer = "null\n",
     .body = "<--\n%s<--\n\n",
@@ -117,9 +124,6 @@ constexpr ExchangeLog log_of_reports = {
     .realm = "  realm=%s\n",
     .uri = "  uri=%s\n",
     .cnonce = "  cnonce=%s (%d)\n",
-    .ok = "200 OK\n",
-    .not_found = "Error=(%d)\n",
-    .other_status = "Error=(%d)\n",
 };
 
 }  // namespace kestrel

@@ -39,6 +39,8 @@ def check(program, *options):
         conf.write_text(text)
         run = subprocess.run([program, *options], env=os.environ | {"KESTREL_CONF": str(conf)}, timeout=100,
                              capture_output=True, text=True)
+        put_back = conf.read_text().replace("stored_hid=10203040", "stored_hid=") == text
+    assert put_back or program != sys.argv[1], "the settings are not put back"
     return run.returncode, run.stdout
 
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 #include <regex>
+#include <set>
 
 #include "regstate/auth_fail_count.h"
 #include "regstate/regstate_fakes.h"
@@ -83,6 +84,7 @@ TEST_F(StateTable, EveryPathIsATransition) {
   std::ranges::copy(reporting_rows(), std::back_inserter(rows));
   std::ranges::copy(start_rows(), std::back_inserter(rows));
   std::vector<bool> taken(rows.size());
+  std::set<std::string> steps;
   // Without `run` nothing waits.
   Texts hurried;
   for (const Row& row : rows) hurried.push_back(std::regex_replace(row.trace, std::regex("wait [0-9]+/"), ""));
@@ -113,6 +115,7 @@ TEST_F(StateTable, EveryPathIsATransition) {
       ASSERT_EQ(matches.size(), 1U) << state_name(exploration.state);
       const Row& row = rows[matches.front()];
       taken[matches.front()] = true;
+      steps.insert(std::string(state_name(exploration.state)) + " " + state_name(now.state));
       for (const Effect& effect : row.then) effect.step(expected, effect.value);
       then.state = row.next;
       EXPECT_STREQ(state_name(now.state), state_name(then.state));
@@ -127,6 +130,8 @@ TEST_F(StateTable, EveryPathIsATransition) {
   for (std::size_t i = 0; i < rows.size(); ++i) {
     EXPECT_TRUE(taken[i]) << "no path: " << state_name(rows[i].state) << " " << rows[i].trace;
   }
+  // scripts/state-diagram draws them.
+  for (const std::string& step : steps) RecordProperty(step, 1);
 }
 
 TEST_F(StateTable, Names) {

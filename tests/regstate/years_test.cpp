@@ -208,6 +208,7 @@ class Years : public FakeTest {
   DeviceContext ended{};   // the last cycle as it ended
   bool has_ended = false;  // since the start or a reload
   std::size_t cycles = 0, turns = 0;
+  std::set<std::string> steps;  // from a state to the next
 
   static bool is_final(RegState state) { return state >= LumenDevPartDone && state <= LumenDevNotReady; }
 
@@ -274,6 +275,7 @@ class Years : public FakeTest {
       const std::uint64_t before_s = fake.clock_s;
       fake.calls.clear();
       current_record.handlers[state](&current_record);
+      steps.insert(std::string(state_name(state)) + " " + state_name(load_word(current_record.state)));
       if (is_final(current_record.state) && !is_final(state)) check_report();
       if (is_final(state) && current_record.state == START) {
         ended = last_record;
@@ -327,6 +329,8 @@ TEST_F(Years, TheCameraIsRegisteredAsTheWorldIs) {
   live_until(long_s);
   std::printf("%.1f years, %zu cycles, %zu turns\n", static_cast<double>(fake.clock_s) / 365.25 / day_s, cycles, turns);
   EXPECT_GT(cycles, 10'000U);
+  // scripts/state-diagram draws them.
+  for (const std::string& step : steps) RecordProperty(step, 1);
 }
 
 }  // namespace

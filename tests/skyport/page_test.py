@@ -81,7 +81,7 @@ class Bench(Stage):
         page.run("document.querySelector('#camera-list .row').click()")
         page.until("return document.querySelectorAll('#walk .walk').length === 1 && document.querySelectorAll('#walk .reached').length > 0")
         self.check(cam.MODEL in page.run(TEXT) and "80" in page.run("return document.getElementById('facts').innerText"), "facts")
-        page.run("[...document.querySelectorAll('#exchange-list summary')].find(one => one.innerText.includes('/iupd.html') && one.innerText.includes('200')).click()")
+        page.run("[...document.querySelectorAll('#exchange-list summary')].find(one => one.textContent.includes('/iupd.html') && one.textContent.includes('200')).click()")
         page.until("return document.querySelector('#exchange-list pre .tag')?.textContent !== undefined")
         self.check("<ueport>80</ueport>" in page.run("return document.getElementById('exchange-list').textContent").replace("\n", ""), "an opened update")
         page.run("for (const [id, value] of [['fault-path', '/daip.html'], ['fault-kind', 'status']]) { document.getElementById(id).value = value;"
@@ -90,8 +90,10 @@ class Bench(Stage):
         page.press(*"503", ENTER)
         page.until("return document.getElementById('active').innerText.includes('/daip.html:status=503')")
         self.camera.signal(signal.SIGUSR1)
-        page.until("return [...document.querySelectorAll('#exchange-list li')].some(one => one.innerText.includes('refused 503') && one.innerText.includes('fault'))", 15)
+        page.until("return [...document.querySelectorAll('#exchange-list li')].some(one => one.textContent.includes('refused 503') && one.textContent.includes('fault'))", 15)
         self.check("/daip.html:status=503" in self.faults(), "the fault is the service's")
+        self.check(page.run("scrollTo(0, 9999); return document.elementFromPoint(60, 20).closest('header')?.innerText.includes('status=503') && scrollY > 0"), "faults stay in sight")
+        page.run("scrollTo(0, 0)")
         for name, width, dark in (("page", 1400, False), ("page-dark", 1400, True), ("page-narrow", 400, False)) if pictures else ():
             page.prefer_dark(dark)
             page.resize(width, 950)
@@ -156,7 +158,7 @@ class Bench(Stage):
     # Another run of the service, with a thousand cameras; the page finds to it by itself.
     def thousand(self):
         page = self.browser
-        page.open(PAGE)
+        page.open(PAGE + "#%")
         page.until(words("live"))
         self.service.stop()
         page.until(words("does not answer"))

@@ -199,6 +199,24 @@ class SkyportTest(unittest.TestCase):
         self.assertEqual(self.people("/faults"), ["/ext.html:reset"] * 1000)
         self.assertEqual(self.people("/faults", "DELETE"), [])
 
+    def test_followers_miss_nothing_of_a_burst(self):
+        with socket.create_connection(("127.0.0.1", self.port)) as burst:
+            self.camera.ask("GET", "/daip.html")
+            burst.sendall(500 * b"M\x1b \xc2\x9b HTTP/1.1\r\nHost: x\r\n\r\n")
+            while self.people("/exchanges")[-1]["id"] < 500:
+                pass
+        with socket.create_connection(("127.0.0.1", self.status), 3) as follower:
+            follower.sendall(b"GET /events?since=0 HTTP/1.1\r\n\r\n")
+            told = b""
+            while told.count(b'"id":') < self.last("id"):
+                told += follower.recv(65536)
+        self.assertEqual(told.count(b"event: devices"), 1)
+        self.assertEqual([one["id"] for one in self.people("/exchanges?before=7&last=2")], [5, 6])
+        with contextlib.closing(http.client.HTTPConnection("127.0.0.1", self.status, timeout=10)) as connection:
+            connection.request("GET", "/")
+            text = connection.getresponse().read().decode()
+        self.assertFalse([c for c in text if c != "\n" and (c < " " or "\x7f" <= c < "\xa0")], "what moves a terminal")
+
     def test_connecting_back(self):
         def ask(port):
             return self.camera.ask("POST", "/connectbk.html", sealed(ldev(hid="KESTREL1", eip="127.0.0.1", ueport=port, tstamp="1")))[0]

@@ -129,6 +129,10 @@ class Explain(unittest.TestCase):
         self.assertEqual(explain("--verdict", log=copy.encode()), explain("--verdict", log=log))
         self.assertRegex(explain("--redact", "--addresses", "all", log=log), r"active ip is=192\.168\.0\.1\n")
         self.assertIn("5.1.1.2", explain("--redact", "--addresses", "none", log=log))
+        journal = "".join(f"Nov 23 10:00:00 camera[7]: KLOG{line}\n" for line in log[:60] + [l for l in log if "pass" in l]).encode()
+        late = explain("--redact", log=["***[NATM]***", "  chname=LC-1200_102030-1.2-80", "x LC-1200_102030"])
+        self.assertEqual([secret for secret in secrets if secret in explain("--redact", log=journal) + late], [])
+        self.assertIn("no line of a", explain("--redact", log="KLOG=> pass=(s3cret)pw)\n".encode("utf-16"), status=1))
         with tempfile.TemporaryDirectory() as folder:
             (copy_file := Path(folder, "copy")).write_text("before")
             explain("--redact", "-o", copy_file, "/dev/null", folder, status=2)

@@ -41,7 +41,8 @@ with tempfile.TemporaryDirectory() as folder, socket.create_server(("127.0.0.1",
     assert code == 1 and "0 of 3 cameras" in table and row(table, "/connectbk.html")[2] >= 12 and row(table, "/iupd.html")[0] >= 3, table
     code, table, _ = load("-n", "3", "--service", shut_port, "--for", "1")
     assert code == 1 and row(table, "/enable.html")[3] >= 9 and "times: Connection refused" in table, table
-    for wrong in (("--service", "x"), ("--reached", "1.2.3.4"), ("--csv", folder), ("-n", "0"), ("--speed", "nan"), ("--what",)):
+    for wrong in (("--service", "x"), ("--reached", "1.2.3.4"), ("--csv", folder), ("-n", "0"), ("--speed", "nan"), ("--what",),
+                  ("--service", "1.2.3.4:80x"), ("--prefix", "a:b"), ("--csv", "/dev/full", *there, "-n", "1")):
         code, _, said = load(*wrong)
         assert code == 2 and said.startswith("skyport-load: ") and said.count("\n") == 1, (wrong, said)
     accounts.write_text("A:b\nnobody\n")

@@ -47,12 +47,14 @@ void complain(const std::string& sentence) {
   std::fputs(fmt::format("kestrel-explain: {}\n", finder::printable(sentence)).c_str(), stderr);
 }
 
+int complain_of_no_log() {
+  complain("no line of a daemon's log in the input; give it /tmp/kestreld_log.txt of the camera");
+  return nothing_found;
+}
+
 int finish(const explain::Story& story, const explain::Judge& judge, explain::Printer& printer,
            const explain::LogEnd& end) {
-  if (!story.is_daemons()) {
-    complain("no line of a daemon's log in the input; give it /tmp/kestreld_log.txt of the camera");
-    return nothing_found;
-  }
+  if (!story.is_daemons()) return complain_of_no_log();
   printer.print_verdict(judge.verdict(), end);
   if (std::fflush(stdout) != 0) throw std::runtime_error("can't write to standard output");
   return 0;
@@ -140,7 +142,10 @@ int run(int argc, char** argv) {
     const auto addresses = options.addresses == "none"  ? explain::Addresses::none
                            : options.addresses == "all" ? explain::Addresses::all
                                                         : explain::Addresses::public_only;
-    if (explain::redact_files(explain::files_in_order(options.files, options.alone), options.output, addresses)) {
+    const explain::Redacted redacted =
+        explain::redact_files(explain::files_in_order(options.files, options.alone), options.output, addresses);
+    if (redacted == explain::Redacted::not_a_log) return complain_of_no_log();
+    if (redacted == explain::Redacted::common_word) {
       complain(
           "a host id, name or password is very short or a word of the log; it was replaced only where it stands "
           "as one, so read the copy before you mail it");

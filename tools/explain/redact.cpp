@@ -25,7 +25,7 @@ struct Field {
   std::string_view format;
   std::array<std::string_view, 3> kinds;
 };
-constexpr std::array<Field, 23> fields = {{
+constexpr std::array<Field, 25> fields = {{
     {"get_dev_sip_account success, hid=%s, password=%s", {"hid", "password"}},
     {"=> hid=(%s)", {"hid"}},
     {"=> user=(%s)", {"hid"}},
@@ -35,6 +35,8 @@ constexpr std::array<Field, 23> fields = {{
     {"hid: c(%s)-l(%s)", {"hid", "hid"}},
     {"=> uid=(%s)", {"uid"}},
     {"uid   : c(%s)-l(%s)", {"uid", "uid"}},
+    {"chname=%s-1.2-%s", {"uid", ""}},
+    {"<name>%s-1.2-%s</name>", {"uid", ""}},
     {"sname : c(%s)-l(%s)", {"name", "name"}},
     {"eport:(%s) Added by:(%s), try netxt", {"", "owner"}},
     {"nonce=%s", {"nonce"}},
@@ -51,13 +53,13 @@ constexpr std::array<Field, 23> fields = {{
     {"cnonce=%s", {"nonce"}},
 }};
 
-/// A secret that stands between two texts, anywhere in a line.
+/// A secret that stands between two texts, anywhere in a line; without a second one, up to the line's end.
 struct Enclosed {
   std::string_view open;
   std::string_view close;
   std::string_view kind;
 };
-constexpr std::array<Enclosed, 7> enclosures = {{
+constexpr std::array<Enclosed, 13> enclosures = {{
     {"<hid>", "</hid>", "hid"},
     {"<tstamp>", "</tstamp>", "stamp"},
     {"<ah>", "</ah>", "name"},
@@ -65,6 +67,13 @@ constexpr std::array<Enclosed, 7> enclosures = {{
     {"nonce=\"", "\"", "nonce"},  // cnonce too
     {"response=\"", "\"", "response"},
     {"opaque=\"", "\"", "nonce"},
+    // Of lines that another program has put something before.
+    {"=> hid=(", ")", "hid"},
+    {"=> user=(", ")", "hid"},
+    {"=> uid=(", ")", "uid"},
+    {"=> pass=(", "", "password"},
+    {", password=", "", "password"},
+    {"password '", "", "tool-password"},
 }};
 
 /// Kinds whose values are replaced wherever they stand.
@@ -80,10 +89,26 @@ bool is_word_of_log(std::string_view value) {
                      [&](const Row& row) { return row.text.find(value) != std::string_view::npos; });
 }
 
+constexpr std::string_view daemons_mark = "KLOG";
 constexpr std::string_view letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 constexpr std::string_view number_chars = "0123456789.";
 constexpr std::string_view base64_chars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
 constexpr std::size_t mac_len = 17;
+
+/// Where an enclosed secret ends that begins at `at`.
+std::size_t end_of(const Enclosed& enclosed, std::string_view text, std::size_t at) {
+  return enclosed.close.empty() ? text.size() : std::min(text.find(enclosed.close, at), text.size());
+}
+
+/// Cuts off what stands before the daemon's line, which is all of it without the daemon's mark: times and names by
+/// which a journal or a mail program knows the line.
+std::string_view cut_prefix(std::string_view& text) {
+  const std::size_t mark = text.find(daemons_mark);
+  if (mark == std::string_view::npos) return {};
+  const std::string_view prefix = text.substr(0, mark);
+  text.remove_prefix(mark);
+  return prefix;
+}
 
 bool is_base64(std::string_view text) {
   return !text.empty() && text.find_first_not_of(base64_chars) == std::string_view::npos;
@@ -150,7 +175,9 @@ void Redactor::learn_global(std::string_view kind, std::string_view value) {
 
 void Redactor::learn(const Line& line) {
   std::string_view text = trimmed(line.text);
-  if (text.starts_with("KLOG")) text = trimmed(text.substr(4));
+  cut_prefix(text);
+  if (text.starts_with(daemons_mark)) text = trimmed(text.substr(daemons_mark.size()));
+  is_daemons_ = is_daemons_ || !find_rows(text).empty();
   std::vector<std::string_view> arguments;
   for (const Field& field : fields) {
     if (!fits(field.format, text, arguments)) continue;
@@ -162,7 +189,7 @@ void Redactor::learn(const Line& line) {
     if (open == std::string_view::npos) continue;
     const std::string_view rest = text.substr(open + enclosed.open.size());
     if (rest.find(enclosed.close) == std::string_view::npos) continue;
-    learn_global(enclosed.kind, rest.substr(0, rest.find(enclosed.close)));
+    learn_global(enclosed.kind, rest.substr(0, end_of(enclosed, rest, 0)));
   }
 }
 
@@ -188,7 +215,9 @@ std::string Redactor::enclosed_replaced(std::string text) {
     for (std::size_t at = text.find(enclosed.open); at != std::string::npos; at = text.find(enclosed.open, at)) {
       at += enclosed.open.size();
       // A text that was cut has no end; what stands there is the secret all the same.
-      const std::size_t len = std::min(text.find(enclosed.close, at), text.size()) - at;
+      const std::size_t len = end_of(enclosed, text, at) - at;
+      // Done already, as the field of a line that is known.
+      if (text.compare(at, enclosed.kind.size() + 1, fmt::format("[{}", enclosed.kind)) == 0) continue;
       const std::string word = word_for(enclosed.kind, std::string_view(text).substr(at, len));
       text.replace(at, len, word);
       at += word.size();
@@ -268,8 +297,10 @@ std::string Redactor::tokens_replaced(std::string_view text, bool with_addresses
 
 std::string Redactor::rewrite(const Line& line) {
   std::string_view text = line.text;
-  const bool marked = text.starts_with("KLOG");
-  if (marked) text.remove_prefix(4);
+  const std::string prefix =
+      tokens_replaced(globals_replaced(std::string(cut_prefix(text))), addresses_ != Addresses::none);
+  const bool marked = text.starts_with(daemons_mark);
+  if (marked) text.remove_prefix(daemons_mark.size());
   const std::string_view core = trimmed(text);
   const std::string lead(text.substr(0, core.empty() ? 0 : static_cast<std::size_t>(core.data() - text.data())));
   std::string out;
@@ -291,7 +322,7 @@ std::string Redactor::rewrite(const Line& line) {
   if (line.cut > 0) out += fmt::format(" [{} bytes cut]", line.cut);
   const auto harmless = [](char c) { return c >= ' ' && c <= '~'; };
   if (!std::all_of(out.begin(), out.end(), harmless)) out = finder::printable(out);
-  return (marked ? "KLOG" : "") + finder::printable(lead) + out;
+  return finder::printable(prefix) + (marked ? std::string(daemons_mark) : "") + finder::printable(lead) + out;
 }
 
 }  // namespace explain

@@ -24,6 +24,8 @@ class Redactor {
   explicit Redactor(Addresses addresses) : addresses_(addresses) {}
   void learn(const Line& line);
   std::string rewrite(const Line& line);
+  /// Whether a line was the daemon's: of another text, nobody knows what is secret in it.
+  [[nodiscard]] bool is_daemons() const { return is_daemons_; }
   /// Values that are words of the log itself: they are replaced only where they stand as a secret.
   [[nodiscard]] bool has_common_word() const { return common_word_; }
 
@@ -41,12 +43,20 @@ class Redactor {
   std::vector<std::pair<std::string, std::string>> globals_;  // replaced wherever they stand, and by what; long first
   std::size_t known_ = 0;
   bool common_word_ = false;
+  bool is_daemons_ = false;
   bool in_body_ = false;  // between the marks of an answer's body
 };
 
+/// What became of a copy.
+enum class Redacted {
+  not_a_log,    // nothing was written
+  common_word,  // a secret was a word of the log, see above
+  done,
+};
+
 /// Reads the files ("-": standard input) and writes a redacted copy to `output` ("-": standard output): all of it or
-/// nothing. True when a secret was a common word, see above. Throws std::runtime_error.
-bool redact_files(const std::vector<std::string>& paths, const std::string& output, Addresses addresses);
+/// nothing. Throws std::runtime_error.
+Redacted redact_files(const std::vector<std::string>& paths, const std::string& output, Addresses addresses);
 
 }  // namespace explain
 

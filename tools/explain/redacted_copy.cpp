@@ -73,7 +73,7 @@ void deliver(std::FILE* from, const std::string& output) {
 
 }  // namespace
 
-bool redact_files(const std::vector<std::string>& paths, const std::string& output, Addresses addresses) {
+Redacted redact_files(const std::vector<std::string>& paths, const std::string& output, Addresses addresses) {
   Redactor redactor(addresses);
   // A log that is still written to must be the same both times.
   const File log = scratch();
@@ -83,6 +83,7 @@ bool redact_files(const std::vector<std::string>& paths, const std::string& outp
         "a temporary file");
     return true;
   });
+  if (!redactor.is_daemons()) return Redacted::not_a_log;
   const File copy = scratch();
   each_line(log.get(), [&](const Line& line) {
     put(copy.get(), redactor.rewrite(line) + "\n", "a temporary file");
@@ -98,7 +99,7 @@ bool redact_files(const std::vector<std::string>& paths, const std::string& outp
     });
     if (std::fflush(stdout) != 0) fail_writing(output);
   }
-  return redactor.has_common_word();
+  return redactor.has_common_word() ? Redacted::common_word : Redacted::done;
 }
 
 }  // namespace explain

@@ -9,9 +9,14 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
+#include <exception>
 #include <memory>
 #include <thread>
 
@@ -24,6 +29,7 @@ constexpr int usage_error = 2;
 constexpr std::size_t stack_len = 262144;
 constexpr double progress_s = 0.25;
 
+constexpr int end_signals[] = {SIGINT, SIGTERM};
 volatile std::sig_atomic_t interrupted = 0;
 
 struct Options {
@@ -54,9 +60,10 @@ bool read_endpoint(const std::string& text, load::Endpoint& out) {
   const std::size_t colon = text.rfind(':');
   in_addr address{};
   out.address = text.substr(0, colon);
-  const int port = colon == text.npos ? 0 : std::atoi(text.c_str() + colon + 1);
-  out.port = static_cast<std::uint16_t>(port);
-  return port > 0 && port < 65536 && inet_pton(AF_INET, out.address.c_str(), &address) == 1;
+  if (colon == text.npos) return false;
+  const char* const last = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data() + colon + 1, last, out.port);
+  return error == std::errc() && stop == last && out.port > 0 && inet_pton(AF_INET, out.address.c_str(), &address) == 1;
 }
 
 std::string hid_of(const Options& options, unsigned index) {
@@ -77,6 +84,7 @@ std::uint16_t be_reached() {
     for (;;) {
       const int visitor = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
       if (visitor >= 0) close(visitor);
+      if (visitor < 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));  // no descriptor is left
     }
   }).detach();
   return ntohs(address.sin_port);
@@ -97,7 +105,8 @@ Count count(const std::deque<One>& cameras) {
 
 void show_progress(const std::deque<One>& cameras, const load::Figures& figures, double at_s, bool last) {
   constexpr std::size_t bar_len = 30;
-  if (isatty(STDERR_FILENO) == 0) return;
+  const char* const terminal = std::getenv("TERM");
+  if (isatty(STDERR_FILENO) == 0 || terminal == nullptr || std::string_view(terminal) == "dumb") return;
   const Count now = count(cameras);
   const std::size_t filled = now.registered * bar_len / cameras.size();
   const load::Figures::Sum sum = figures.sum();
@@ -124,6 +133,11 @@ int run(const Options& options, const load::Plan& plan, std::FILE* csv) {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, stack_len);
+  // No camera's thread takes the end's signals: its exchange would look like a failed one.
+  sigset_t ends, before;
+  sigemptyset(&ends);
+  for (const int number : end_signals) sigaddset(&ends, number);
+  pthread_sigmask(SIG_BLOCK, &ends, &before);
   const double start_s = load::steady_s();
   unsigned index = 0;
   for (One& one : cameras) {
@@ -135,6 +149,7 @@ int run(const Options& options, const load::Plan& plan, std::FILE* csv) {
     if (pthread_create(&thread, &attributes, live, &one) != 0) break;
     threads.push_back(thread);
   }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
   pthread_attr_destroy(&attributes);
   const bool all_live = threads.size() == cameras.size();
   if (all_live) run_for(options, cameras, figures, start_s);
@@ -148,6 +163,16 @@ int run(const Options& options, const load::Plan& plan, std::FILE* csv) {
   fmt::print("{}{} of {} cameras registered, {:.1f} s\n", figures.table(), at_last.registered, cameras.size(),
              load::steady_s() - start_s);
   return at_last.registered == cameras.size() ? 0 : failed;
+}
+
+bool is_written(std::FILE* file) {
+  return std::fflush(file) == 0 && std::ferror(file) == 0;
+}
+
+/// What stands in a header and in a line of accounts as it is.
+bool is_plain(const std::string& text, std::string_view also_not) {
+  return !text.empty() && std::all_of(text.begin(), text.end(),
+                                      [&](char c) { return c > ' ' && c <= '~' && also_not.find(c) == also_not.npos; });
 }
 
 int refuse(const std::string& sentence) {
@@ -181,12 +206,12 @@ void add_options(CLI::App& app, Options& options) {
   app.add_option("--password", options.password, "Of every account")->type_name("TEXT")->capture_default_str();
   app.add_option("--csv", options.csv, "Write a row for each exchange there")->type_name("FILE");
   app.add_flag("--accounts", options.accounts, "Print the accounts, a HID:PASSWORD a line, for skyport --accounts");
-  app.footer("Exit status: 0 every camera is registered at the end, 1 not all, 2 wrong command line.");
+  app.footer(
+      "Exit status: 0 every camera is registered at the end, 1 not all, 2 wrong command line, or a file can't be "
+      "written.");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int load_service(int argc, char** argv) {
   Options options;
   CLI::App app("Cameras by the thousand against a service: the real protocol with the daemon's waits.", "skyport-load");
   add_options(app, options);
@@ -200,9 +225,11 @@ int main(int argc, char** argv) {
   plan.speed = options.speed;
   plan.once = options.for_s <= 0;
   if (!read_endpoint(options.service, plan.service)) return refuse("--service is not ADDR:PORT with a dotted address");
+  if (!is_plain(options.prefix, ":\"\\<>&,")) return refuse("--prefix is not letters, digits and hyphens");
+  if (!is_plain(options.password, "")) return refuse("--password is empty, or holds blanks or control characters");
   if (options.accounts) {
     for (unsigned i = 0; i < options.cameras; ++i) fmt::print("{}:{}\n", hid_of(options, i), options.password);
-    return 0;
+    return is_written(stdout) ? 0 : refuse("standard output can't be written");
   }
   plan.reached = {"127.0.0.1", 0};
   if (options.reached.empty() ? (plan.reached.port = be_reached()) == 0 : !read_endpoint(options.reached, plan.reached))
@@ -218,6 +245,19 @@ int main(int argc, char** argv) {
     files.rlim_cur = files.rlim_max;
     setrlimit(RLIMIT_NOFILE, &files);
   }
-  for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { interrupted = 1; });
-  return run(options, plan, csv.get());
+  for (const int number : end_signals) std::signal(number, [](int) { interrupted = 1; });
+  const int status = run(options, plan, csv.get());
+  if (csv && !is_written(csv.get())) return refuse(fmt::format("{} can't be written to its end", options.csv));
+  return is_written(stdout) ? status : refuse("standard output can't be written");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return load_service(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "skyport-load: %s\n", error.what());
+    return usage_error;
+  }
 }

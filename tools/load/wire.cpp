@@ -7,11 +7,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <random>
-#include <regex>
 
 #include "service_cipher.h"
 
@@ -89,45 +92,47 @@ std::string request_text(const Endpoint& service, Credentials& credentials, cons
   return text + "\r\n" + body;
 }
 
-std::string parameter(const std::string& challenge, const char* name) {
-  std::smatch found;
-  const bool is_there = std::regex_search(challenge, found, std::regex(std::string(name) + "=\"([^\"]*)\""));
-  return is_there ? found[1].str() : "";
+/// What stands between two texts, the first without regard to case; an empty text when they are not there.
+std::string between(const std::string& text, std::string_view open, char close) {
+  const auto same = [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); };
+  const auto found = std::search(text.begin(), text.end(), open.begin(), open.end(), same);
+  if (found == text.end()) return "";
+  const std::string rest(found + static_cast<std::ptrdiff_t>(open.size()), text.end());
+  return rest.substr(0, rest.find(close));
+}
+
+std::string parameter(const std::string& challenge, const std::string& name) {
+  return between(" " + challenge, " " + name + "=\"", '"');
 }
 
 void take_challenge(const std::string& answer, Credentials& credentials) {
-  std::smatch line;
-  if (!std::regex_search(answer, line, std::regex("\r\nWWW-Authenticate: Digest ([^\r]*)", std::regex::icase))) return;
-  const std::string challenge = line[1];
+  const std::string challenge = between(answer, "\r\nWWW-Authenticate: Digest ", '\r');
+  if (challenge.empty()) return;
   credentials.realm = parameter(challenge, "realm");
   credentials.nonce = parameter(challenge, "nonce");
   credentials.qop = parameter(challenge, "qop");
   credentials.nc = 1;
 }
 
-bool send_all(int fd, const std::string& text, Clock::time_point until) {
+void send_all(int fd, const std::string& text, Clock::time_point until) {
   for (std::size_t at = 0; at < text.size();) {
     const ssize_t sent = send(fd, text.data() + at, text.size() - at, MSG_NOSIGNAL);
     if (sent > 0) at += static_cast<std::size_t>(sent);
-    if (sent < 0 && (errno != EAGAIN || !is_ready(fd, POLLOUT, until))) return false;
+    if (sent < 0 && (errno != EAGAIN || !is_ready(fd, POLLOUT, until))) return;
   }
-  return true;
 }
 
-/// Until the service closes, as it does after each answer. An empty text and errno when it does not.
-std::string read_all(int fd, Clock::time_point until) {
+/// Until the service closes, as it does after each answer. Nothing, with the reason in `error`, when it does not.
+std::optional<std::string> read_all(int fd, Clock::time_point until, std::string& error) {
   std::string text;
   char block[4096];
   for (;;) {
     const ssize_t n = recv(fd, block, sizeof(block), 0);
-    if (n == 0) return text;
+    if (n == 0 || text.size() > max_answer_len) return text;
     if (n > 0) text.append(block, static_cast<std::size_t>(n));
-    if (text.size() > max_answer_len) return text;
-    if (n < 0 && errno != EAGAIN) return "";
-    if (n < 0 && !is_ready(fd, POLLIN, until)) {
-      errno = ETIMEDOUT;
-      return "";
-    }
+    if (n < 0 && errno != EAGAIN) error = std::strerror(errno);
+    if (n < 0 && errno == EAGAIN && !is_ready(fd, POLLIN, until)) error = "no whole answer in time";
+    if (!error.empty()) return {};
   }
 }
 
@@ -140,13 +145,13 @@ Outcome ask(const Endpoint& service, Credentials& credentials, const std::string
   outcome.error = sock.fd < 0 ? std::strerror(errno) : connect_to(sock.fd, service);
   if (outcome.error.empty()) {
     const auto until = Clock::now() + std::chrono::milliseconds(answer_ms);
-    const bool sent = send_all(sock.fd, request_text(service, credentials, path, xml), until);
-    const std::string answer = sent ? read_all(sock.fd, until) : "";
-    int status = 0;
-    if (answer.starts_with("HTTP/1.1 ") && answer.size() > 12) status = std::atoi(answer.c_str() + 9);
-    if (status == 401) take_challenge(answer, credentials);
-    outcome.status = status;
-    if (status == 0) outcome.error = answer.empty() ? std::strerror(errno) : "an answer that is not HTTP";
+    // What cannot be sent may have been answered already; the answer, or its lack, tells why.
+    send_all(sock.fd, request_text(service, credentials, path, xml), until);
+    const std::string answer = read_all(sock.fd, until, outcome.error).value_or("");
+    if (answer.starts_with("HTTP/1.1 ") && answer.size() > 12) outcome.status = std::atoi(answer.c_str() + 9);
+    if (outcome.status == 401) take_challenge(answer, credentials);
+    if (outcome.status == 0 && outcome.error.empty())
+      outcome.error = answer.empty() ? "closed without an answer" : "an answer that is not HTTP";
   }
   outcome.took_s = std::chrono::duration<double>(Clock::now() - start).count();
   return outcome;

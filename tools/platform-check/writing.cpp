@@ -12,11 +12,13 @@ namespace {
 
 /// A cleared buffer that a library cannot leave; each call of the same row takes another.
 char* room(std::size_t which) {
-  static Guarded rooms[4];
+  static Guarded rooms[5];
   rooms[which].fill(0);
   return rooms[which].text();
 }
 
+constexpr unsigned alias_len = 32;
+constexpr char no_matter[] = "has nothing to do with it";
 constexpr char kept_old[] = "tells the tool that it was refused, or goes on with the old one";
 
 /// A text that is stored and read back, and the old one put back.
@@ -25,8 +27,7 @@ void store(Finding& finding, int (*get)(char*), int (*set)(char*), const char* t
   char* const now = room(1);
   char* const wanted = room(2);
   std::memcpy(wanted, test, std::strlen(test) + 1);
-  get(old);
-  if (old[0] == '\0') return tell(finding, "none is stored that could be put back, not tried");
+  if (get(old) == 0 || old[0] == '\0') return tell(finding, "none is stored that could be put back, not tried");
   const int result = set(wanted);
   get(now);
   set(old);
@@ -36,7 +37,7 @@ void store(Finding& finding, int (*get)(char*), int (*set)(char*), const char* t
   if (std::strcmp(now, test) != 0) note(finding, kept_old, "\"%.40s\" was not stored", test);
   if (result == 0 && std::strcmp(now, test) == 0)
     note(finding, "looks whether it was stored", "result 0 though stored");
-  if (std::strcmp(old, back) != 0) note(finding, "has nothing to do with it", "\"%.40s\" could not be put back", old);
+  if (std::strcmp(old, back) != 0) note(finding, no_matter, "\"%.40s\" could not be put back", old);
 }
 
 int get_domain(char* domain) {
@@ -63,13 +64,16 @@ void host_id(Finding& finding) {
 void enable_switch(Finding& finding) {
   char* const old = room(0);
   char* const now = room(1);
-  cre_get_skyport_enable_state(old);
+  if (cre_get_skyport_enable_state(old) == 0) return tell(finding, "cannot be read, not tried");
   const char wanted = *old == 0 ? 1 : 0;
   const int result = cre_set_skyport_enable_state(wanted);
   cre_get_skyport_enable_state(now);
   cre_set_skyport_enable_state(*old);
+  char* const back = room(2);
+  cre_get_skyport_enable_state(back);
   tell(finding, "result %d, %d", result, *now);
   if (*now != wanted) note(finding, kept_old, "the switch keeps %d", *now);
+  if (*back != *old) note(finding, no_matter, "%d could not be put back", *old);
 }
 
 void alias(Finding& finding) {
@@ -81,18 +85,21 @@ void alias(Finding& finding) {
   char test[] = "platform-check";
   statuses.fill(0);
   char* const old_status = statuses.text();
-  srv_get_aliasname_status(old, old_status);
+  if (srv_get_aliasname_status(old, old_status) == 0) return tell(finding, "cannot be read, not tried");
   const int result = srv_update_aliasname_status(test, ALIAS_REQUESTED);
   srv_get_aliasname_status(now, status);
   srv_set_skyport_alias_status(ALIAS_FAILED);
   srv_get_skyport_alias_status(only);
   srv_update_aliasname_status(old, *old_status);
+  char* const back = room(4);
+  srv_get_skyport_alias_name(back, alias_len);
   tell(finding, "result %d, \"%.31s\", %d, then %d", result, now, *status, *only);
   if (result == 0) note(finding, "refuses the tool's alias", "result 0");
   if (std::strcmp(now, test) != 0 || *status != ALIAS_REQUESTED) {
-    note(finding, "never asks the service for the alias", "the alias or its status was not stored");
+    note(finding, "shows the tool another one", "the alias or its status was not stored");
   }
-  if (*only != ALIAS_FAILED) note(finding, "asks the service for it in every cycle", "the status alone was not stored");
+  if (*only != ALIAS_FAILED) note(finding, "has no use for that", "the status alone was not stored");
+  if (std::strcmp(old, back) != 0) note(finding, no_matter, "\"%.40s\" could not be put back", old);
 }
 
 /// The daemon says it anew with its next state.
@@ -107,11 +114,13 @@ void mapping(Finding& finding) {
   constexpr char description[] = "kestrel-platform-check";
   auto* const gateway = static_cast<MupnpIgd*>(static_cast<void*>(room(2)));
   if (Mupnpcp_discover(gateway, timeout_s) != 0) return tell(finding, "no gateway, not tried");
-  const int added = Mupnp_add_eport(description, port, 80, MUPNP_PROTOCOL_HTTP, timeout_s);
-  if (added != 0) return tell(finding, "the router refuses: %d", added);
   char* const text = room(0);
   char* const client = room(1);
   int internal = 0, lease_s = 0;
+  const int before = Mupnpcp_query_eport_ex(text, client, &internal, &lease_s, port, MUPNP_PROTOCOL_HTTP, timeout_s);
+  if (before != MUPNP_NOT_MAPPED) return tell(finding, "port %d is not free: %d, not tried", port, before);
+  const int added = Mupnp_add_eport(description, port, 80, MUPNP_PROTOCOL_HTTP, timeout_s);
+  if (added != 0) return tell(finding, "the router refuses: %d", added);
   const int found = Mupnpcp_query_eport_ex(text, client, &internal, &lease_s, port, MUPNP_PROTOCOL_HTTP, timeout_s);
   const int deleted = Mupnp_del_eport(port, MUPNP_PROTOCOL_HTTP, timeout_s);
   const int again = Mupnp_del_eport(port, MUPNP_PROTOCOL_HTTP, timeout_s);
@@ -134,7 +143,7 @@ constexpr Row rows[] = {
     own("set_redirsrv_ip", "another, and back", redirect_server),
     own("srv_update_aliasname_status", "another, and back", alias),
     own("SetSptOnLineStatus, SetSptURI", "off line, a URI", status),
-    own("Mupnp_add_eport, del_eport", "port 50997, and away", mapping, 5 * router_ms),
+    own("Mupnp_add_eport, del_eport", "port 50997, and away", mapping, 6 * router_ms),
 };
 
 }  // namespace

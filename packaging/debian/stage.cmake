@@ -1,0 +1,26 @@
+# Run by CPack on each staged tree before its package is made: what Debian's policy wants of it beside the files.
+cmake_policy(VERSION 3.25)
+set(here ${CMAKE_CURRENT_LIST_DIR})
+
+# compress(FILE): without names and times, so that the same source gives the same package.
+function(compress file)
+  execute_process(COMMAND gzip -9nf ${file} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
+foreach(component IN ITEMS daemon tools bench)
+  string(TOUPPER ${component} key)
+  set(name ${CPACK_DEBIAN_${key}_PACKAGE_NAME})
+  set(root ${CPACK_TEMPORARY_DIRECTORY}/${component})
+  file(GLOB manuals ${root}/usr/share/man/man[1-8]/*.[1-8])
+  foreach(manual IN LISTS manuals)
+    compress(${manual})
+  endforeach()
+  set(doc ${root}/usr/share/doc/${name})
+  if(EXISTS ${doc}/CHANGELOG.md)
+    file(RENAME ${doc}/CHANGELOG.md ${doc}/changelog)
+    compress(${doc}/changelog)
+  endif()
+  configure_file(${here}/changelog ${doc}/changelog.Debian COPYONLY)
+  compress(${doc}/changelog.Debian)
+  configure_file(${here}/copyright ${doc}/copyright COPYONLY)
+endforeach()
