@@ -137,18 +137,13 @@ bool authorise(const FinderRequest& request, std::uint16_t opcode) {
 
 int check_reqmode(const FinderRequest& request, bool any_mac) {
   const std::uint8_t* mac = request.bytes + at_mac;
-  constexpr char digits[] = "0123456789ABCDEF";
-  char text[3 * finder_mac_len];
-  for (std::size_t i = 0; i < finder_mac_len; ++i) {
-    text[3 * i] = digits[mac[i] >> 4];
-    text[3 * i + 1] = digits[mac[i] & 0x0F];
-    text[3 * i + 2] = ':';
-  }
-  terminate(text);
-  debug_log(" check_reqmode:\nMyMAC=%s\nReqMAC=%s\n", request.my_mac, text);
   constexpr std::uint8_t everybody[finder_mac_len] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-  if (any_mac && std::memcmp(mac, everybody, sizeof(everybody)) == 0) return 1;
-  return strncasecmp(request.my_mac, text, sizeof(text)) == 0 ? 1 : 0;
+  const bool to_all = any_mac && std::memcmp(mac, everybody, sizeof(everybody)) == 0;
+  if (to_all && DbgLevel == 0) return 1;
+  char text[18];
+  format_text(text, sizeof(text), "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+  debug_log(" check_reqmode:\nMyMAC=%s\nReqMAC=%s\n", request.my_mac, text);
+  return to_all || strcasecmp(request.my_mac, text) == 0 ? 1 : 0;
 }
 
 void Finderd_handle_request() {

@@ -1,6 +1,7 @@
 // The service's body cipher, see body_cipher.h.
 #include "service/body_cipher.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -59,7 +60,7 @@ int encipher_body(char* body, std::size_t size, LogFormat<'d'> bodylen_format) {
     body[0] = '\0';
     return 0;
   }
-  std::memcpy(cipher, body, plain_len);
+  std::copy_n(body, plain_len, cipher);
   auto len = static_cast<std::int32_t>(plain_len);
   pad_to_block(cipher, &len);
   char key[service_key_len + 1];
