@@ -7,6 +7,7 @@ import argparse
 import contextlib
 import csv
 import ctypes
+import io
 import json
 import os
 import re
@@ -331,12 +332,25 @@ def plot(figures: list[Figure]) -> str:
     return "\n".join(parts) + "\n</svg>\n"
 
 
+def later(path: str):
+    """A file that is written at the end, when another /tmp may hide its folder: a function that takes the text."""
+    try:
+        folder, name = os.open(Path(path).absolute().parent, os.O_RDONLY | os.O_DIRECTORY), Path(path).name
+    except OSError as error:
+        raise argparse.ArgumentTypeError(f"{path} can't be written: {error.strerror}") from error
+
+    def write(text: str) -> None:
+        with open(name, "w", encoding="utf-8", opener=lambda file, flags: os.open(file, flags, 0o666, dir_fd=folder)) as out:
+            out.write(text)
+    return write
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(prog="scripts/bench", description="Measure the daemon beside its peers.")
     parser.add_argument("row", nargs="*", help="rows to measure, see --list")
     parser.add_argument("--list", action="store_true", help="list the rows")
-    parser.add_argument("--csv", type=argparse.FileType("w"), metavar="FILE", help="write the figures there, too")
-    parser.add_argument("--plot", type=argparse.FileType("w"), metavar="FILE", help="draw them there, as SVG")
+    parser.add_argument("--csv", type=later, metavar="FILE", help="write the figures there, too")
+    parser.add_argument("--plot", type=later, metavar="FILE", help="draw them there, as SVG")
     parser.add_argument("--no-install", action="store_true", help="install no packages (as the first option)")
     options = parser.parse_args()
     if options.list:
@@ -360,13 +374,15 @@ def main() -> int:
             failed = 1
     print(table(figures), end="")
     if options.csv:
-        writer = csv.writer(options.csv)
+        text = io.StringIO()
+        writer = csv.writer(text, lineterminator="\n")
         writer.writerow(["row", "what", "measured", "beside", "figure", "sense", "wanted", "unit", "share", "reached"])
         for it in figures:
             writer.writerow([it.row, it.what, it.measured, it.peer, f"{it.ratio:.6g}", it.sense, it.wanted, it.unit,
                              f"{it.share:.4f}", it.reached])
+        options.csv(text.getvalue())
     if options.plot:
-        options.plot.write(plot(figures))
+        options.plot(plot(figures))
     return failed
 
 

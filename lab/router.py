@@ -108,7 +108,7 @@ class Router:
     def forget_mappings(self) -> None:
         """The mappings vanish from the firewall, as after a reboot."""
         if self.scripted:
-            self.scripted.rows.clear()
+            self.scripted.table.clear()
         self._install([])
 
     def forwarded(self) -> dict[int, tuple[str, int]]:

@@ -17,18 +17,18 @@ from lab.stage import LAN, OUTSIDE, Options, Stage
 SURVEY, OPERATIONS, ALIAS = 0xA1, 0xA5, 0x107  # of the finder
 FINDER_PORT = 62977
 _REQUEST, _REPLY = 0xFDFD, 0xFEEE
+_MAC = bytes.fromhex(cam.MAC.replace(":", ""))
 _LONGEST_S = 20  # real, for a registration
 
 
-def request(opcode: int, payload: bytes = b"", tag: int = 0) -> bytes:
-    """A datagram to the finder."""
-    mac = bytes.fromhex(cam.MAC.replace(":", ""))
-    return struct.pack("<HHH6s8xH", _REQUEST, tag, opcode, mac, len(payload)) + payload
+def request(opcode: int, payload: bytes = b"", tag: int = 0, mac: bytes = _MAC, length: int | None = None) -> bytes:
+    """A datagram to the finder; `length` is another than the payload has."""
+    return struct.pack("<HHH6s8sH", _REQUEST, tag, opcode, mac, b"unread!!", len(payload) if length is None else length) + payload
 
 
-def credentials(password: bytes) -> bytes:
+def credentials(password: bytes, user: bytes = b"admin") -> bytes:
     """How a datagram's payload begins that comes from the administrator, or says so."""
-    return base64.b64encode(b"admin").ljust(64, b"\0") + base64.b64encode(password).ljust(64, b"\0")
+    return base64.b64encode(user).ljust(64, b"\0") + base64.b64encode(password).ljust(64, b"\0")
 
 
 class Trial(Stage):

@@ -138,12 +138,12 @@ bool authorise(const FinderRequest& request, std::uint16_t opcode) {
 int check_reqmode(const FinderRequest& request, bool any_mac) {
   const std::uint8_t* mac = request.bytes + at_mac;
   constexpr std::uint8_t everybody[finder_mac_len] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-  const bool to_all = any_mac && std::memcmp(mac, everybody, sizeof(everybody)) == 0;
-  if (to_all && DbgLevel == 0) return 1;
+  const bool is_for_all = any_mac && std::memcmp(mac, everybody, sizeof(everybody)) == 0;
+  if (is_for_all && DbgLevel == 0) return 1;
   char text[18];
   format_text(text, sizeof(text), "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
   debug_log(" check_reqmode:\nMyMAC=%s\nReqMAC=%s\n", request.my_mac, text);
-  return to_all || strcasecmp(request.my_mac, text) == 0 ? 1 : 0;
+  return is_for_all || strncasecmp(request.my_mac, text, sizeof(text)) == 0 ? 1 : 0;
 }
 
 void Finderd_handle_request() {

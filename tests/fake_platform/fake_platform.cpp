@@ -1,9 +1,8 @@
-// The fake platform, see fake_platform.h: configuration, interfaces, status, router, algorithms.
+// The fake platform, see fake_platform.h: configuration, interfaces, status, router. The standard
+// algorithms are those of the host.
 #include "fake_platform/fake_platform.h"
 
 #include <arpa/inet.h>
-#include <nettle/base64.h>
-#include <nettle/md5.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <new>
 
 FakePlatform fake;
 
@@ -241,6 +239,8 @@ int get_active_interface(const char* name, IFINFO* out) {
 }
 int fillActIfInfo(ACT_IF_INFO* out, IFINFO* in) {
   const int result = answer("fillActIfInfo", 1);
+  if (result == silent_success) std::memset(out, 'x', sizeof(*out));
+  if (result != 1) return told(result);
   inet_ntop(AF_INET, &in->ip, out->ip, sizeof(out->ip));
   inet_ntop(AF_INET, &in->mask, out->mask, sizeof(out->mask));
   inet_ntop(AF_INET, &in->gateway, out->gw, sizeof(out->gw));
@@ -305,37 +305,6 @@ int Mupnp_del_eport(int external_port, int protocol, int timeout) {
   const int result = answer("Mupnp_del_eport", exists ? 0 : MUPNP_NONE, external_port, protocol, timeout);
   if (result == 0) fake.mappings.erase(external_port);
   return result;
-}
-
-// ---- The standard algorithms: real ones ----
-
-void MD5Init(MD5_CTX* context) {
-  md5_init(new (context->opaque) md5_ctx);
-}
-void MD5Update(MD5_CTX* context, unsigned char* data, unsigned int len) {
-  md5_update(std::launder(reinterpret_cast<md5_ctx*>(context->opaque)), len, data);
-}
-void MD5Final(unsigned char digest[16], MD5_CTX* context) {
-  md5_digest(std::launder(reinterpret_cast<md5_ctx*>(context->opaque)), MD5_DIGEST_SIZE, digest);
-}
-int b64_encode(const void* in, unsigned int len, void* out) {
-  const std::size_t encoded = BASE64_ENCODE_RAW_LENGTH(std::size_t{len});
-  if (len > 0) base64_encode_raw(static_cast<char*>(out), len, static_cast<const std::uint8_t*>(in));
-  static_cast<char*>(out)[encoded] = '\0';
-  return static_cast<int>(encoded);
-}
-int b64_decode(const void* in, unsigned int len, void* out) {
-  base64_decode_ctx context;
-  base64_decode_init(&context);
-  int decoded = 0;
-  for (unsigned i = 0; i < len; ++i) {
-    const int count =
-        base64_decode_single(&context, static_cast<std::uint8_t*>(out) + decoded, static_cast<const char*>(in)[i]);
-    if (count < 0) break;
-    decoded += count;
-  }
-  static_cast<char*>(out)[decoded] = '\0';
-  return decoded;
 }
 
 }  // extern "C"

@@ -558,6 +558,7 @@ TEST_F(FinderTest, Settings) {
     return Texts{"cre_set_skyport_domain " + to, "run_shell killall -9 relayd", "run_shell killall -9 kestreld"};
   };
   const char set_enable[] = "cre_set_skyport_enable_state", set_domain[] = "cre_set_skyport_domain";
+  const char refused_log[] = "<cre_set_skyport_enable_state 0>\n  error_number 1\n";
   const char status_error[] = "[kestreld] *** srv_get_skyport_alias_status error\n";
   const char name_error[] = "[kestreld] *** srv_get_skyport_alias_name error\n";
   const Bytes x63(63, 'x'), status = as_admin(op_alias_status), done = words(0, 0), counted = words(0, 0, 2);
@@ -569,7 +570,7 @@ TEST_F(FinderTest, Settings) {
       {"on already, and signalled all the same", nullptr, enable("01"), done, signal, "is_changed 0\n"},
       {"off already", off, enable("00"), done, signal},
       {"only one byte is read", nullptr, enable("00ff"), done, to_off},
-      {"switch that the store refuses", result(set_enable, 0), enable("00"), words(1, 1), {to_off[0]}, "d 0\n"},
+      {"switch that the store refuses", result(set_enable, 0), enable("00"), words(1, 1), {to_off[0]}, refused_log},
       {"stored, though it says not", result(set_enable, silent_success), enable("00"), done, to_off},
       {"not known", result("cre_get_skyport_enable_state", 0), enable("01"), done, on},
       {"neither on nor off", nullptr, enable("02"), words(1, 1), {}, "  error_number 1\n"},
@@ -621,16 +622,19 @@ TEST_F(FinderTest, FourUsableInterfacesAtMost) {
     fake.binary_interfaces[name] = interface("10.0.0.1");
   }
   fake.binary_interfaces["bare0"] = interface("0.0.0.0");
-  fake.once["get_active_interface"] = {1};          // of the first, which is not filled in
-  finder.served.ifinfo[0] = interface("10.9.9.9");  // of an earlier look
+  fake.once["get_active_interface"] = {1};              // of the first, which is not filled in
+  fake.once["fillActIfInfo"] = {1, 0, silent_success};  // texts, none, and some without an end
+  finder.served.ifinfo[0] = interface("10.9.9.9");      // of an earlier look
+  std::strcpy(finder.served.act_if[1].ip, "10.9.9.9");
   fake.log.clear();
   ASSERT_EQ(get_ifinfo(), 4);
-  Bytes wanted = " In get_ifinfo: iIfNum=4\n";
-  for (const char* row : {"0 eth0", "1 eth1", "2 a-name-of-15-ch", "3 eth3"}) {
-    wanted += Bytes(" In get_ifinfo, ACT_IF_INFO_") + row[0] +
-              ":\n[10.0.0.1]\n[0A:0B:0C:0D:0E:0F]\n[255.0.0.0]\n[10.1.2.254]\n[" + (row + 2) + "]\n\n";
-  }
-  EXPECT_EQ(joined(fake.log), wanted);
+  const Bytes texts = "[10.0.0.1]\n[0A:0B:0C:0D:0E:0F]\n[255.0.0.0]\n[10.1.2.254]\n", x15(15, 'x');
+  const Bytes endless = '[' + x15 + "]\n[" + x15 + "xx]\n[" + x15 + "]\n[" + x15 + "]\n";
+  EXPECT_EQ(joined(fake.log), " In get_ifinfo: iIfNum=4\n In get_ifinfo, ACT_IF_INFO_0:\n" + texts +
+                                  "[eth0]\n\n In get_ifinfo, ACT_IF_INFO_1:\n[]\n[]\n[]\n[]\n[eth1]\n\n"
+                                  " In get_ifinfo, ACT_IF_INFO_2:\n" +
+                                  endless + "[a-name-of-15-ch]\n\n In get_ifinfo, ACT_IF_INFO_3:\n" + texts +
+                                  "[eth3]\n\n");
 }
 
 /// What cannot be set up is said once; later looks set up what can be by then, and say what is new.

@@ -1,6 +1,4 @@
-// host/: settings, the lock, the status file, HTTP responses, challenges and base64, through the platform's ABI.
-#include <sys/socket.h>
-
+// host/: settings, the lock, the status file, HTTP requests, challenges and base64, through the platform's ABI.
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -16,16 +14,11 @@
 #include "platform/tessel.h"
 #include "platform/tesselcfg.h"
 #include "support/child.h"
-#include "support/http_response.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-
-long descriptors() {
-  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-}
 
 /// `text` with its one `from` replaced.
 std::string with(std::string text, const std::string& from, const std::string& to) {
@@ -288,77 +281,6 @@ TEST_F(Host, TheStatusFileHasOneEntryALineAndMakesUpForFailures) {
 }
 
 // ---- HTTP ----
-
-/// What the reader makes of a peer that sends `bytes` and then closes, or, when `open`, stays. `given_up`: not the
-/// peer ends the connection but whoever waits for the answer.
-std::string receive(const std::string& bytes, bool open, bool given_up) {
-  int ends[2];
-  EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-  std::thread peer([&] {
-    [[maybe_unused]] const ssize_t sent = send(ends[1], bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (!open) shutdown(ends[given_up ? 0 : 1], given_up ? SHUT_RDWR : SHUT_WR);
-  });
-  const std::string response = read_response(ends[0]);
-  peer.join();
-  close(ends[1]);
-  return response;
-}
-
-std::string repeated(const std::string& piece, std::size_t times) {
-  std::string text;
-  while (times-- > 0) text += piece;
-  return text;
-}
-
-TEST(HttpReader, TakesOneWholeResponseWithinItsLimits) {
-  struct Row {
-    const char* what;
-    std::string bytes;
-    bool open = true;           // the peer stays connected
-    std::string expected = "";  // empty: no response
-  };
-  const std::string ok = "HTTP/1.1 200 OK\r\nA: 1\r\n", length = ok + "Content-Length: ";
-  const std::string chunked = ok + "Transfer-Encoding: chunked\r\n\r\n";
-  // clang-format off
-  const Row rows[] = {
-      {"no byte too many", length + "5\r\n\r\nhelloHTTP/1.1 404 no", true, "200|A=1;Content-Length=5;|hello"},
-      {"an empty body", length + "0\r\n\r\n", true, "200|A=1;Content-Length=0;|"},
-      {"chunks", chunked + "3\r\nabc\r\n2;x=y\r\nde\r\n0\r\nTrailer: q\r\n\r\n", true, "200|A=1;Transfer-Encoding=chunked;|abcde"},
-      {"HTTP/1.0, up to the end", "HTTP/1.0 401 Unauthorized\r\nA: Digest realm=\"x\"\r\n\r\nno", false, "401|A=Digest realm=\"x\";|no"},
-      {"204", "HTTP/1.1 204 No Content\r\n\r\n", true, "204||"},
-      {"interim answers first", "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 102 P\r\nx: y\r\n\r\n" + length + "2\r\n\r\nok", true, "200|A=1;Content-Length=2;|ok"},
-      {"equal names, in order", ok + "B: 2\r\na:\t3 \r\n\r\n", false, "200|A=1;B=2;a=3;|"},
-      {"the longest body", length + "65536\r\n\r\n" + std::string(65536, 'x'), true, "200|A=1;Content-Length=65536;|" + std::string(65536, 'x')},
-      {"a body over the limit", length + "65537\r\n\r\n" + std::string(65537, 'x')},
-      {"an endless body", ok + "\r\n" + std::string(1000000, 'x')},
-      {"endless chunks", chunked + repeated("1\r\nx\r\n", 200000)},
-      {"an endless chunk extension", chunked + "1;" + std::string(1000000, 'x')},
-      {"endless trailers", chunked + "0\r\n" + repeated("X: y\r\n", 200000)},
-      {"a head over the limit", ok + "B: " + std::string(8192, 'x') + "\r\n\r\n", false},
-      {"endless fields", ok + repeated("B: x\r\n", 200000)},
-      {"endless interim answers", repeated("HTTP/1.1 100 C\r\n\r\n", 100000)},
-      {"length and chunks", length + "5\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"},
-      {"cut in the body", length + "50\r\n\r\nhello", false},
-      {"cut in a chunk", chunked + "5\r\nhel", false},
-      {"cut behind a chunk", chunked + "5\r\nhello\r\n", false},
-      {"cut in the trailers", chunked + "0\r\nX: y\r\n", false},
-      {"cut behind the head", length + "5\r\n\r\n", false},
-      {"other lengths", length + "5\r\nContent-Length: 4\r\n\r\nhell", false},
-      {"cut in the head", ok, false},
-      {"only interim", "HTTP/1.1 100 Continue\r\n\r\n", false},
-      {"garbage", std::string("\0\1\2garbage\r\n\r\n", 14)},
-  };
-  // clang-format on
-  const long before = descriptors();
-  for (const Row& row : rows) {
-    const auto start = std::chrono::steady_clock::now();
-    for (const bool given_up : {false, true}) {
-      EXPECT_TRUE(receive(row.bytes, row.open, given_up) == row.expected) << row.what << given_up;
-    }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << row.what;
-  }
-  EXPECT_EQ(descriptors(), before);
-}
 
 TEST(HttpPackets, NothingBreaksOutOfItsPlaceInTheHead) {
   const std::string head =

@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """Datagrams of every bad kind, forged where need be, to the finder of a real daemon: while each comes, honest surveys
 stay answered. usage: datagrams_test.py BUILD; 77 where namespaces can't be made"""
-import base64
 import os
 import random
 import socket
@@ -13,17 +12,10 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 from lab import camera as cam, world  # noqa: E402
+from lab.trial import credentials, request  # noqa: E402
 
 PORT, CAMERA, PC, ALL = 62977, "10.1.0.1", "10.1.0.2", "255.255.255.255"
 PC_MAC, MAC, EVERYBODY = bytes.fromhex("024b52000002"), bytes.fromhex(cam.MAC.replace(":", "")), b"\xff" * 6
-
-
-def ask(opcode, payload=b"", mac=MAC, length=None, tag=7):
-    return struct.pack("<HHH6s8xH", 0xFDFD, tag, opcode, mac, len(payload) if length is None else length) + payload
-
-
-def as_user(password, opcode=0xA5):
-    return ask(opcode, base64.b64encode(b"admin").ljust(64, b"\0") + base64.b64encode(password).ljust(64, b"\0"))
 
 
 def frame(data, source=PC, port=50001, to=CAMERA, offset=0, surplus=0):
@@ -35,7 +27,7 @@ def frame(data, source=PC, port=50001, to=CAMERA, offset=0, surplus=0):
     return (EVERYBODY if to == ALL else MAC) + PC_MAC + b"\x08\0" + struct.pack("!10H", *head) + udp
 
 
-SURVEY, ANY = ask(0xA1, mac=EVERYBODY), range(1501 - 28)
+SURVEY, ANY = request(0xA1, mac=EVERYBODY), range(1501 - 28)
 CHECKS = -1  # as many replies as there may be checks of passwords
 # What comes, how often a second, and how many replies go out.
 KINDS = [
@@ -52,13 +44,13 @@ KINDS = [
     ("from absent neighbours", 200, lambda: [frame(SURVEY, f"10.1.0.{10 + i % 200}") for i in range(500)], 0),
     ("from 1,000 sources", 1000, lambda: [frame(SURVEY, f"10.2.{i // 250}.{i % 250 + 1}", i + 1) for i in range(1000)], 1000),
     ("zeros of every length", 5000, lambda: [frame(b"\0" * n) for n in ANY], 0),
-    ("surveys of every length", 5000, lambda: [frame(ask(0xA1, b"x" * n, EVERYBODY)) for n in ANY[:-22]], 1003),
-    ("lengths that lie", 5000, lambda: [frame(ask(0xA1, b"x" * n, EVERYBODY, n + 1)) for n in ANY[:-22]], 0),
+    ("surveys of every length", 5000, lambda: [frame(request(0xA1, b"x" * n, mac=EVERYBODY)) for n in ANY[:-22]], 1003),
+    ("lengths that lie", 5000, lambda: [frame(request(0xA1, b"x" * n, mac=EVERYBODY, length=n + 1)) for n in ANY[:-22]], 0),
     ("noise", 5000, lambda: [frame(random.randbytes(n)) for n in ANY], 0),
-    ("every length without a password", 20000, lambda: [frame(ask(0xA5, b"\xff" * n)) for n in ANY[:-22]] * 7, CHECKS),
-    ("every kind of question", 20000, lambda: [frame(ask(n)) for n in range(0x10000) if n not in (0xD1, 0x102, 0x105)][::6], CHECKS),
-    ("wrong passwords", 20000, lambda: [frame(as_user(b"%d" % n)) for n in range(10000)], CHECKS),
-    ("a right one, again and again", 20000, lambda: [frame(as_user(b"admin"))] * 10000, CHECKS),
+    ("every length without a password", 20000, lambda: [frame(request(0xA5, b"\xff" * n)) for n in ANY[:-22]] * 7, CHECKS),
+    ("every kind of question", 20000, lambda: [frame(request(n)) for n in range(0x10000) if n not in (0xD1, 0x102, 0x105)][::6], CHECKS),
+    ("wrong passwords", 20000, lambda: [frame(request(0xA5, credentials(b"%d" % n))) for n in range(10000)], CHECKS),
+    ("a right one, again and again", 20000, lambda: [frame(request(0xA5, credentials(b"admin")))] * 10000, CHECKS),
     ("fragments without an end", 5000, lambda: [frame(SURVEY, offset=0x2000)] * 1000, 0),
     ("longer than they are", 5000, lambda: [frame(SURVEY, surplus=40)] * 20, 0),
 ]
@@ -107,7 +99,7 @@ class Lan:
     def settle(self):
         """Until all that was sent is worked off: what is asked last is answered last."""
         self.honest.settimeout(10)
-        self.honest.send(ask(0xA1, mac=EVERYBODY, tag=8))
+        self.honest.send(request(0xA1, tag=8, mac=EVERYBODY))
         while self.honest.recv(2048)[2:4] != b"\x08\0":
             pass
         self.honest.settimeout(1)
@@ -146,7 +138,7 @@ def body():
         time.sleep(0.05)
     bad = [kind[0] for kind in KINDS if not lan.suffer(*kind)]
     time.sleep(0.3)  # three checks of passwords
-    if lan.ask(as_user(b"admin"))[16:18] != b"\0\0":
+    if lan.ask(request(0xA5, credentials(b"admin")))[16:18] != b"\0\0":
         bad.append("the administrator is not served")
     if len(os.listdir(f"/proc/{camera.process.pid}/fd")) > 9:  # five, and those of an exchange with the service
         bad.append("descriptors")

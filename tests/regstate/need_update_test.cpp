@@ -3,7 +3,9 @@
 
 #include <cstring>
 #include <iterator>
+#include <map>
 #include <numeric>
+#include <tuple>
 
 #include "regstate/regstate_fakes.h"
 #include "regstate/state_table.h"
@@ -19,10 +21,8 @@ std::string logged() {
 }
 
 TEST_F(UpdateDecision, UpdateWhenAComparedFieldChanged) {
-  const struct {
-    RegState state;
-    const char* compared;  // in order; a difference in one with a star decides at once
-  } rows[] = {
+  const std::pair<RegState, const char*> rows[] = {
+      // compared, in order; a difference in one with a star decides at once
       {PublicMode, "eip iip iport"},
       {NoUPnP, "eip iip iport"},
       {NATM, "eip* ueip* iip iport"},
@@ -30,35 +30,32 @@ TEST_F(UpdateDecision, UpdateWhenAComparedFieldChanged) {
       {UpnpPfReady, "eip* ueip* ueport* iip iport"},
       {NAT1, ""},
   };
-  const struct {
-    std::string name;
-    char *now, *last;
-  } fields[] = {{"eip", now.e.ip, last.e.ip},
-                {"ueip", now.ue.ip, last.ue.ip},
-                {"ueport", now.ue.port, last.ue.port},
-                {"iip", now.i.ip, last.i.ip},
-                {"iport", now.i.port, last.i.port}};
-  for (const auto& row : rows) {
+  const std::pair<std::string, char*> fields[] = {
+      {"eip", last.e.ip}, {"ueip", last.ue.ip}, {"ueport", last.ue.port}, {"iip", last.i.ip}, {"iport", last.i.port}};
+  for (const auto& [state, compared] : rows) {
     // A bit for each field that differs; the last one is for the last state.
     for (unsigned differing = 0; differing < 1U << 6; ++differing) {
-      begin(row.state);
-      now.prefinal_state = last.prefinal_state = row.state;
+      begin(state);
+      now.prefinal_state = state;
+      last = now;
       last.state = (differing >> 5) != 0 ? LumenDevDone : LumenDevPartDone;
       std::string expected = std::string("<> last succeeded state: ") + state_name(last.state) + "\n";
-      int result = 0;
-      bool decided = false;
+      const std::size_t head = expected.size();
+      std::map<std::string, bool> differs;
       for (unsigned i = 0; i < std::size(fields); ++i) {
-        const std::string& name = fields[i].name;
-        if ((differing >> i & 1) == 0) std::strcpy(fields[i].last, fields[i].now);
-        const std::size_t at = (" " + std::string(row.compared)).find(" " + name);
-        if ((differing >> i & 1) == 0 || at == std::string::npos || decided) continue;
-        expected += "<> " + name + " isn't the same. " + name + " changed. must update.\n";
-        result = 1;
-        decided = row.compared[at + name.size()] == '*';
+        if ((differing >> i & 1) == 0) continue;
+        differs[fields[i].first] = differs[fields[i].first + '*'] = true;
+        fields[i].second[0] = 'x';
       }
-      if (row.compared[0] == '\0') expected += std::string("<> unhandled state=") + state_name(row.state) + "\n";
-      EXPECT_EQ(need_update(now), result) << state_name(row.state) << ' ' << differing;
-      EXPECT_EQ(logged(), expected) << state_name(row.state) << ' ' << differing;
+      for (const std::string& field : split(compared)) {
+        const std::string name = field.substr(0, field.find('*'));
+        if (differs[field]) expected += "<> " + name + " isn't the same. " + name + " changed. must update.\n";
+        if (differs[field] && name != field) break;
+      }
+      const int result = expected.size() > head ? 1 : 0;
+      if (compared[0] == '\0') expected += std::string("<> unhandled state=") + state_name(state) + "\n";
+      EXPECT_EQ(need_update(now), result) << state_name(state) << ' ' << differing;
+      EXPECT_EQ(logged(), expected) << state_name(state) << ' ' << differing;
     }
   }
 }
@@ -89,23 +86,21 @@ TEST_F(UpdateDecision, BothRecordsAreLogged) {
 }
 
 TEST_F(UpdateDecision, UpdateWhenTheLastCycleDoesNotCompare) {
-  const struct {
-    RegState last, last_prefinal;
-    const char* line;
-  } rows[] = {
+  const std::tuple<RegState, RegState, const char*> rows[] = {
+      // the last cycle's state and the one before its end
       {START, NATM, "must do first update\n"},
       {LumenDevNotReady, PublicMode, "different prefinal state,must update\n"},
       {LumenDevNotReady, NATM, "<> last state (LumenDevNotReady), need to update\n"},
       {IpReady, NATM, "<> last state (IpReady), need to update\n"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [state, prefinal, line] : rows) {
     begin(NATM);
     now.prefinal_state = NATM;
     last = now;
-    last.state = row.last;
-    last.prefinal_state = row.last_prefinal;
+    last.state = state;
+    last.prefinal_state = prefinal;
     EXPECT_EQ(need_update(now), 1);
-    EXPECT_EQ(logged(), row.line);
+    EXPECT_EQ(logged(), line);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <tuple>
 
 #include "core/wait.h"
 #include "regstate/auth_fail_count.h"
@@ -15,16 +16,6 @@ namespace kestrel {
 namespace {
 
 using RegstateCycle = RegstateTest;
-
-// The exploration shows that what is there stays.
-TEST_F(RegstateCycle, DefaultsFillWhatIsEmpty) {
-  const MupnpIgd expected = {"n/a", "n/a", "n/a", "n/a", "n/a", "n/a", "n/a"};
-  now.ue = {};
-  now.igd = {};
-  fill_defaults(now);
-  EXPECT_EQ(std::memcmp(&now.igd, &expected, sizeof(expected)), 0);
-  EXPECT_EQ(std::string(now.ue.ip) + now.ue.port, "null0");
-}
 
 const std::string uid_line = "=> uid=(LC-100_0A0B0C)/";
 const std::string account =
@@ -163,31 +154,26 @@ TEST_F(RegstateCycle, UriOfTheDomain) {
 // ---- From cycle to cycle ----
 
 TEST_F(RegstateCycle, ConfigurationHold) {
-  const std::string hold = "sleep 120 secs/hold 120/";
-  const struct {
-    std::uint32_t run, configure, reload;
-    std::string during;  // the signals of each hold: configure, reload, both, terminate
-    std::string trace;
-  } rows[] = {
-      {1, 0, 0, "", ""},    {1, 1, 0, "cc-", hold + hold + hold},
-      {1, 1, 1, "", ""},    {1, 1, 0, "r", hold},
-      {1, 1, 0, "b", hold}, {1, 1, 0, "t", hold},
-      {0, 1, 0, "-", hold},
+  // `run`, `configure` and `dev_reload` at the beginning; the signals of each hold: configure, reload, both, terminate
+  const std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::string> rows[] = {
+      {1, 0, 0, ""}, {1, 1, 1, ""}, {1, 1, 0, "cc-"}, {1, 1, 0, "r"}, {1, 1, 0, "b"}, {1, 1, 0, "t"}, {0, 1, 0, "-"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
+  for (const auto& [run, configure, reload, during] : rows) {
+    SCOPED_TRACE(during);
     begin(LumenDevPartDone);
-    now.run = row.run;
-    now.configure = row.configure;
-    now.dev_reload = row.reload;
+    now.run = run;
+    now.configure = configure;
+    now.dev_reload = reload;
+    std::string expected;
+    for (std::size_t i = 0; i < during.size(); ++i) expected += "sleep 120 secs/hold 120/";
     std::size_t holds = 0;
-    fake.on_wait = [&](unsigned) {
-      const char signal = row.during.at(holds++);
+    fake.on_wait = [&, &signals = during](unsigned) {
+      const char signal = signals.at(holds++);
       if (signal == 'c' || signal == 'b') now.configure = 1;
       if (signal == 'r' || signal == 'b') now.dev_reload = 1;
       if (signal == 't') now.run = 0;
     };
-    if (row.configure != 0) wait_note_signal();  // seen long ago: cuts no hold short
+    if (configure != 0) wait_note_signal();  // seen long ago: cuts no hold short
     // Meanwhile the finder tells of the cycle that has ended.
     trace.on_call = [&](const std::string& call) {
       if (!call.starts_with("wait_regardless")) return;
@@ -197,7 +183,7 @@ TEST_F(RegstateCycle, ConfigurationHold) {
     const std::uint64_t begun = fake.clock_s;
     start_over(now);
     EXPECT_EQ(fake.clock_s - begun, 120 * holds);
-    EXPECT_EQ(trace.take(), row.trace);
+    EXPECT_EQ(trace.take(), expected);
     EXPECT_EQ(now.configure, 0U);
     EXPECT_EQ(now.state, START);
     EXPECT_EQ(last.state, LumenDevPartDone);

@@ -49,8 +49,9 @@ void RegstateTest::begin(RegState state, const char* results) {
   now.ue = {"10.1.2.3", "58081"};
   now.proxy = {"10.0.0.9", "1"};
   now.proxy_tested = state >= LumenDevPartDone ? 1 : 0;
-  now.igd = {"F", "M", "U", "", "N", "D", "P"};
-  fake.igd = now.igd;
+  now.igd = {"F", "", "", "", "", "", ""};
+  if (state == NoUPnP) now.ue = {};
+  fake.igd = {"F", "M", "U", "", "N", "D", "P"};
   fake.router_ip = now.ue.ip;
   fake.interfaces = {{"192.168.1.30", "00:11:22:0A:0B:0C", "255.255.255.0", "192.168.1.1", "eth0"}};
 }

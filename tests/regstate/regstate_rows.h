@@ -81,7 +81,9 @@ constexpr Step tested = [](World w, int) { w.now.proxy_tested = 1; };
 constexpr Step ue_is_i = [](World w, int) { w.now.ue = w.now.i; };
 constexpr Step ue_ip_is_e_ip = [](World w, int) { std::memcpy(w.now.ue.ip, w.now.e.ip, ip_len); };
 constexpr Step no_port = [](World w, int) { std::strncpy(w.now.ue.port, "0", port_len); };
-constexpr Step defaults = [](World w, int) { std::strcpy(w.now.igd.modelName, "n/a"); };
+constexpr Step no_ue = [](World w, int) { w.now.ue = {"null", "0"}; };
+constexpr Step gateway_told = [](World w, int) { w.now.igd = fake.igd; };
+constexpr Step defaults = [](World w, int) { w.now.igd = {"F", "n/a", "n/a", "n/a", "n/a", "n/a", "n/a"}; };
 constexpr Step relay_known = [](World w, int) { w.now.proxy = relay; };
 constexpr Step redir_known = [](World w, int) { std::strncpy(w.now.redir_ip, redirect_server, ip_len); };
 constexpr Step redir_unknown = [](World w, int) { std::memset(w.now.redir_ip, 0, ip_len); };
@@ -194,10 +196,10 @@ const Rows plain_rows = {
 
     {NATMode, {{reload, 1}}, natmode, START, {}},
     {NATMode, {{reload, 0}, {found, 1}}, natmode, UPnP, {{found, 0}}},
-    {NATMode, {{reload, 0}, {found, 0}}, natmode + gateway, UPnP, {}},
+    {NATMode, {{reload, 0}, {found, 0}}, natmode + gateway, UPnP, {gateway_told}},
     {NATMode, {{reload, 0}, {found, 0}, {run, 0}}, natmode + "discover=x/", NoUPnP, {}},
     {NATMode, {{reload, 0}, {found, 0}, {run, 0}}, natmode + "discover=r/", NoUPnP, {{reload, 1}}},
-    {NATMode, {{reload, 0}, {found, 0}, {run, 1}}, natmode + "discover=x/" + gateway, UPnP, {}},
+    {NATMode, {{reload, 0}, {found, 0}, {run, 1}}, natmode + "discover=x/" + gateway, UPnP, {gateway_told}},
     {NATMode, {{reload, 0}, {found, 0}, {run, 1}}, natmode + "discover=x/discover=x/", NoUPnP, {}},
     {NATMode, {{reload, 0}, {found, 0}, {run, 1}}, natmode + "discover=r/", START, {{reload, 1}}},
     {NATMode, {{reload, 0}, {found, 0}, {run, 1}}, natmode + "discover=x/discover=r/", NoUPnP, {{reload, 1}}},
@@ -247,7 +249,7 @@ const struct {
   std::string refused, failed;  // before LumenDevNotReady
 } reporting_states[] = {
     {PublicMode, "PublicMode", "", "Need", " ==>!", LumenDevDone, IpReady, 2, {ue_is_i}, "", ""},
-    {NoUPnP, "NoUPnP", "", "!Need", " ==>!", LumenDevPartDone, NoUPnP, 2, {}, "", ""},
+    {NoUPnP, "NoUPnP", "", "!Need", " ==>!", LumenDevPartDone, NoUPnP, 2, {no_ue}, "", ""},
     {NATM, "NATM", "", "!Need", " ==>!", LumenDevPartDone, NATM, 3, {}, "", ""},
     {UpnpPfReady, "UpnpPfReady", pf, "!Need", "==>!", LumenDevDone, UpnpPfReady, 2, {}, refused, failed},
     {UpnpPfFailed, "UpnpPfFailed", "", "!Need", "==>!", LumenDevPartDone, UpnpPfFailed, 2, {}, "", ""},

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -31,6 +32,13 @@ inline std::string read_file(const std::string& path) {
 
 inline void write_file(const std::string& path, const std::string& text) {
   std::ofstream(path) << text;
+}
+
+/// How long `work` takes.
+inline double seconds_of(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 /// Its exit status is what `work` returns, or 99 when an expectation failed in it.

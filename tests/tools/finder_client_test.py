@@ -2,7 +2,6 @@
 """The finder from outside: a client of this test's own, kestrel-find and tshark with the dissector, against the daemon
 on two LANs of a private world. usage: finder_client_test.py BUILD; 77 where namespaces can't be made"""
 
-import base64
 import json
 import os
 import pty
@@ -21,6 +20,7 @@ from pathlib import Path
 PROJECT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT))
 from lab import camera as lab_camera, world  # noqa: E402
+from lab.trial import credentials, request  # noqa: E402
 
 PORT, EVERYBODY, TAGS = 62977, b"\xff" * 6, iter(range(1, 0x10000))
 MAC, MAC1, STUB_MAC = "02:4b:52:10:20:30", "02:4b:52:10:20:31", "02:4b:52:10:20:99"
@@ -33,10 +33,6 @@ def raw(mac):
     return bytes.fromhex(mac.replace(":", ""))
 
 
-def admin(argument=b"", user=b"admin", password=b"admin"):
-    return base64.b64encode(user).ljust(64, b"\0") + base64.b64encode(password).ljust(64, b"\0") + argument
-
-
 def ask(interface, opcode, payload=b"", mac=raw(MAC), length=None, wait_s=2.0):
     """Broadcasts a request on an interface; the reply that comes in by it as (address, result, payload), or None."""
     tag = next(TAGS)
@@ -44,9 +40,7 @@ def ask(interface, opcode, payload=b"", mac=raw(MAC), length=None, wait_s=2.0):
         port.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, interface.encode())
         port.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
         port.settimeout(wait_s)
-        length = len(payload) if length is None else length
-        header = struct.pack("<HHH6s8sH", 0xFDFD, tag, opcode, mac, b"unread!!", length)
-        port.sendto(header + payload, ("255.255.255.255", PORT))
+        port.sendto(request(opcode, payload, tag, mac, length), ("255.255.255.255", PORT))
         try:
             reply, (sender, sender_port) = port.recvfrom(2048)
         except TimeoutError:
@@ -130,20 +124,12 @@ class Finder(unittest.TestCase):
                 self.assertEqual((address, result, len(told), told[at_mac:at_mac + 6], told[at_ip:at_ip + 4]),
                                  (ip, 0, OPEN[opcode], raw(own), socket.inet_aton(ip)))
 
-    def test_arguments_that_the_tool_never_sends(self):
-        self.assertEqual([words(ask("b", 0xD2, admin(argument))) for argument in (b"\2", b"")], [(1, 1, 0, 0, 0)] * 2)
-        handle = words(ask("a", 0x107, admin(b"gate")))  # without its zero byte
-        self.assertEqual((handle[:2], stored("alias"), stored("alias_status")), ((0, 0), "gate", "1"))
-        self.assertEqual(words(ask("b", 0x107, admin(b"door"))), (1, 2, handle[2], 0, 0))
-        self.assertEqual(words(ask("a", 0x10A, admin(b"skyport.test"))), (0, 0, 0, 30000, 0))
-        self.assertEqual((CAMERA.process.poll(), stored("enabled")), (None, "1"))
-
     def test_nobody_else_is_served(self):
         for opcode in PROTECTED:
-            for payload in (b"", admin(password=b"Admin"), admin(user=b"bob")):
+            for payload in (b"", credentials(b"Admin"), credentials(b"admin", b"bob")):
                 self.assertEqual(words(ask("a", opcode, payload)), (1, 0, 0, 0, 0))
         for opcode in {0xA3: 0, **OPEN, **PROTECTED}.keys() - {0xA1, 0x109}:
-            self.assertIsNone(ask("a", opcode, admin(b"\0"), mac=EVERYBODY, wait_s=0.1))
+            self.assertIsNone(ask("a", opcode, credentials(b"admin") + b"\0", mac=EVERYBODY, wait_s=0.1))
         for _ in range(BROKEN):
             self.assertIsNone(ask("a", 0xA1, b"x", length=0, wait_s=0.1))
 
@@ -286,7 +272,7 @@ class Finder(unittest.TestCase):
         supervisor.join()
         self.assertEqual((status, "is back" in out, ends, stored("domain")), (0, True, [-9], "new.test"))
         CAMERA.set("domain", "skyport.test")
-        self.assertEqual(words(ask("a", 0x108, admin())), (1, 3, 0, 0, 0))  # what it set before is forgotten
+        self.assertEqual(words(ask("a", 0x108, credentials(b"admin"))), (1, 3, 0, 0, 0))  # what it set before is forgotten
         self.assertEqual(find("alias-status", MAC)[0], 6)
 
 
