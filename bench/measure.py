@@ -283,8 +283,8 @@ def exchange() -> list[Figure]:
 def log() -> list[Figure]:
     """A log line, on and off"""
     on, bare = instructions("pieces", "log-on", 100, 900)[0], instructions("pieces", "log-bare", 100, 900)[0]
-    off = instructions("pieces", "log-off", 100, 1100)[0] - instructions("pieces", "nothing", 100, 1100)[0]
-    spdlog = instructions("peers", "spdlog-off", 100, 1100)[0]
+    off = instructions("pieces", "log-off", 100, 20100)[0] - instructions("pieces", "nothing", 100, 20100)[0]
+    spdlog = instructions("peers", "spdlog-off", 100, 20100)[0]
     spent = time_ratio(("pieces", "log-on", 900), ("pieces", "log-bare", 900))
     return [Figure("log", "A log line, on: time", "", "snprintf, open, write, close", spent, AT_MOST, 1.1),
             Figure("log", "A log line, on: instructions", f"{on:,.0f}", f"the same {bare:,.0f}", on / bare, AT_MOST, 1.1),
