@@ -1,7 +1,6 @@
 // What every file that implements a platform function starts from: the platform's headers with their
 // functions exported, and the guard that keeps exceptions on this side of the C ABI.
-#ifndef KESTREL_HOST_ABI_H
-#define KESTREL_HOST_ABI_H
+#pragma once
 
 #pragma GCC visibility push(default)
 #include "platform/sptcontrol.h"
@@ -41,5 +40,3 @@ inline bool put_text(char* out, std::size_t size, std::string_view text) {
 }
 
 }  // namespace host
-
-#endif

@@ -1,6 +1,5 @@
 // Small files that readers see either as they were or as they are to be.
-#ifndef KESTREL_HOST_ATOMIC_FILE_H
-#define KESTREL_HOST_ATOMIC_FILE_H
+#pragma once
 
 #include <sys/stat.h>
 
@@ -34,5 +33,3 @@ class Descriptor {
 [[nodiscard]] bool make_directories(const std::string& path);
 
 }  // namespace host
-
-#endif

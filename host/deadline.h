@@ -1,6 +1,5 @@
 // An end in time that several steps share.
-#ifndef KESTREL_HOST_DEADLINE_H
-#define KESTREL_HOST_DEADLINE_H
+#pragma once
 
 #include <algorithm>
 #include <cstdint>
@@ -30,5 +29,3 @@ class Deadline {
 };
 
 }  // namespace host
-
-#endif

@@ -1,6 +1,5 @@
 // An Internet Gateway Device: what it says about itself, and the search for one.
-#ifndef KESTREL_HOST_GATEWAY_H
-#define KESTREL_HOST_GATEWAY_H
+#pragma once
 
 #include <memory>
 #include <optional>
@@ -33,5 +32,3 @@ Gateway parse_description(const std::string& xml, const std::string& location, c
 std::optional<Gateway> find_gateway(const Settings& settings, const Interface& on, const Deadline& deadline);
 
 }  // namespace host
-
-#endif

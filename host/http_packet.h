@@ -1,6 +1,5 @@
 // The platform's packet object and what is behind it.
-#ifndef KESTREL_HOST_HTTP_PACKET_H
-#define KESTREL_HOST_HTTP_PACKET_H
+#pragma once
 
 #include <deque>
 #include <string>
@@ -40,5 +39,3 @@ struct Packet {
 };
 
 }  // namespace host
-
-#endif

@@ -1,6 +1,5 @@
 // The machine's IPv4 interfaces as the kernel tells them.
-#ifndef KESTREL_HOST_INTERFACES_H
-#define KESTREL_HOST_INTERFACES_H
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -39,5 +38,3 @@ std::optional<Interface> active_interface(const Settings& settings, const TextSe
 void camera_mac(const Settings& settings, std::uint8_t (&mac)[6]);
 
 }  // namespace host
-
-#endif

@@ -1,6 +1,5 @@
 // What is needed of the XML that routers write.
-#ifndef KESTREL_HOST_ROUTER_XML_H
-#define KESTREL_HOST_ROUTER_XML_H
+#pragma once
 
 #include <pugixml.hpp>
 #include <string>
@@ -31,5 +30,3 @@ void read_router_xml(const std::string& text, pugi::xml_document& document);
 [[nodiscard]] std::string child_text(const pugi::xml_node& node, std::string_view name);
 
 }  // namespace host
-
-#endif

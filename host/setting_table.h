@@ -1,6 +1,5 @@
 // Every setting of the settings file: group, key, bounds, and what holds when it is missing.
-#ifndef KESTREL_HOST_SETTING_TABLE_H
-#define KESTREL_HOST_SETTING_TABLE_H
+#pragma once
 
 #include "setting_values.h"
 #include "settings.h"
@@ -67,5 +66,3 @@ inline constexpr unsigned max_users = 32;
 inline constexpr std::size_t max_user_len = 63;
 
 }  // namespace host::setting
-
-#endif

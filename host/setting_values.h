@@ -1,6 +1,5 @@
 // Reading and checking of the settings file's content, shared by readers and the writer.
-#ifndef KESTREL_HOST_SETTING_VALUES_H
-#define KESTREL_HOST_SETTING_VALUES_H
+#pragma once
 
 #include <glib.h>
 #include <sys/stat.h>
@@ -42,5 +41,3 @@ bool is_http_url_format(std::string_view text);
 bool is_anything(std::string_view text);
 
 }  // namespace host
-
-#endif

@@ -2,8 +2,7 @@
 //
 // Any thread may call. A problem with a setting is said once on standard error, in one sentence with
 // file, group and key, and again only after the file has changed.
-#ifndef KESTREL_HOST_SETTINGS_H
-#define KESTREL_HOST_SETTINGS_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -93,5 +92,3 @@ void complain(const std::string& path, const char* group, const char* key, const
 std::string settings_path();
 
 }  // namespace host
-
-#endif

@@ -1,6 +1,5 @@
 // Calls of a gateway's actions.
-#ifndef KESTREL_HOST_SOAP_H
-#define KESTREL_HOST_SOAP_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -33,5 +32,3 @@ SoapAnswer soap_call(const ConnectionService& service, const char* action, const
 std::string output_of(const SoapAnswer& answer, const std::string& name);
 
 }  // namespace host
-
-#endif

@@ -1,6 +1,5 @@
 // The search for gateways on the LAN (SSDP).
-#ifndef KESTREL_HOST_SSDP_H
-#define KESTREL_HOST_SSDP_H
+#pragma once
 
 #include <netinet/in.h>
 
@@ -43,5 +42,3 @@ class SsdpSearch {
 std::string location_in(std::string_view datagram);
 
 }  // namespace host
-
-#endif

@@ -1,6 +1,5 @@
 // HTTP with a router: one request a connection, bounded in time and size, never off the camera's network.
-#ifndef KESTREL_HOST_TRANSFER_H
-#define KESTREL_HOST_TRANSFER_H
+#pragma once
 
 #include <curl/curl.h>
 
@@ -54,5 +53,3 @@ class Transfer {
 };
 
 }  // namespace host
-
-#endif

@@ -1,7 +1,6 @@
 // The debug log: the one way in which the daemon reports anything. Lines go to standard output, to a
 // file under /tmp, or both.
-#ifndef KESTREL_CORE_DEBUG_LOG_H
-#define KESTREL_CORE_DEBUG_LOG_H
+#pragma once
 
 namespace kestrel {
 
@@ -44,5 +43,3 @@ void print_error_text(const char* text);
 void print_error(const char* what);
 
 }  // namespace kestrel
-
-#endif

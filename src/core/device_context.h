@@ -1,7 +1,6 @@
 // The registration record on which everything works: plain data, so that every room may read it. What
 // the states do stands in regstate/.
-#ifndef KESTREL_CORE_DEVICE_CONTEXT_H
-#define KESTREL_CORE_DEVICE_CONTEXT_H
+#pragma once
 
 #include <pthread.h>
 
@@ -124,5 +123,3 @@ inline void set_update_result(DeviceContext& ctx, UpdateResult result) {
 }
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // The seven texts of a gateway's description, named once: where each stands, and its lines in the log.
-#ifndef KESTREL_CORE_GATEWAY_TEXTS_H
-#define KESTREL_CORE_GATEWAY_TEXTS_H
+#pragma once
 
 #include <array>
 #include <cstddef>
@@ -43,5 +42,3 @@ inline const char* gateway_text(const MupnpIgd& igd, const GatewayText& text) {
 }
 
 }  // namespace kestrel
-
-#endif

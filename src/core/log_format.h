@@ -1,6 +1,5 @@
 // Log texts that stand in tables: the compiler counts their conversions where the table is written.
-#ifndef KESTREL_CORE_LOG_FORMAT_H
-#define KESTREL_CORE_LOG_FORMAT_H
+#pragma once
 
 #include <cstddef>
 
@@ -53,5 +52,3 @@ void log_if(LogFormat<Conversions...> format, typename LogArgument<Conversions>:
 }
 
 }  // namespace kestrel
-
-#endif

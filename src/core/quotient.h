@@ -1,7 +1,6 @@
 // Division by a constant, as a multiplication. Compilers that optimise for size call a routine of the compiler's own
 // instead where the processor cannot divide: 1.3 kB on 32-bit ARM, for three places.
-#ifndef KESTREL_CORE_QUOTIENT_H
-#define KESTREL_CORE_QUOTIENT_H
+#pragma once
 
 #include <cstdint>
 
@@ -23,5 +22,3 @@ static_assert(quotient<10>(0xFFFFFFFF) == 429496729 && quotient<10>(0xFFFFFFF9) 
 static_assert(quotient<1000>(0xFFFFFFFF) == 4294967 && quotient<1'000'000>(999'999'999) == 999);
 
 }  // namespace kestrel
-
-#endif

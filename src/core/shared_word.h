@@ -1,8 +1,7 @@
 // What the two threads and the signal handlers share: single words and a few short texts of the
 // current record, read and written as relaxed atomics over plain fields. Nothing is ordered by them and
 // no lock exists; a reader sees each word whole, and a text always terminated.
-#ifndef KESTREL_CORE_SHARED_WORD_H
-#define KESTREL_CORE_SHARED_WORD_H
+#pragma once
 
 #include <atomic>
 #include <cstddef>
@@ -42,5 +41,3 @@ void load_text(char (&to)[N], const char (&from)[N]) {
 }
 
 }  // namespace kestrel
-
-#endif

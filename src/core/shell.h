@@ -1,6 +1,5 @@
 // The daemon's only way to the shell.
-#ifndef KESTREL_CORE_SHELL_H
-#define KESTREL_CORE_SHELL_H
+#pragma once
 
 namespace kestrel {
 
@@ -13,5 +12,3 @@ constexpr int shell_timeout_s = 30;
 void run_shell(const char* command);
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // The one hand that holds signals back from a thread.
-#ifndef KESTREL_CORE_SIGNALS_BLOCKED_H
-#define KESTREL_CORE_SIGNALS_BLOCKED_H
+#pragma once
 
 #include <pthread.h>
 
@@ -38,5 +37,3 @@ struct SignalsBlocked {
 };
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // Bounded texts: the one way in which the daemon copies and formats into its fixed-size fields.
-#ifndef KESTREL_CORE_TEXT_H
-#define KESTREL_CORE_TEXT_H
+#pragma once
 
 #include <cstdarg>
 #include <cstddef>
@@ -47,5 +46,3 @@ void zero(T& object) {
 }
 
 }  // namespace kestrel
-
-#endif

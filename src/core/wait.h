@@ -1,6 +1,5 @@
 // Every sleep of the state machine, in one place: ended by a signal, never slept over by one.
-#ifndef KESTREL_CORE_WAIT_H
-#define KESTREL_CORE_WAIT_H
+#pragma once
 
 #include <cstdint>
 
@@ -23,5 +22,3 @@ void wait_arm();
 void wait_note_signal();
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // The daemon as a whole: start-up, main loop, shutdown. main calls it and nothing else.
-#ifndef KESTREL_DAEMON_KESTRELD_H
-#define KESTREL_DAEMON_KESTRELD_H
+#pragma once
 
 namespace kestrel {
 
@@ -21,5 +20,3 @@ void requestConfigure(int signal);
 void* finderd_thread(void* context);
 
 }  // namespace kestrel
-
-#endif

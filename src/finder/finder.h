@@ -1,6 +1,5 @@
 // The LAN finder service: what the thread's entry calls, in this order.
-#ifndef KESTREL_FINDER_FINDER_H
-#define KESTREL_FINDER_FINDER_H
+#pragma once
 
 #include "core/device_context.h"
 
@@ -30,5 +29,3 @@ void Finderd_loop();
 void Finderd_DST();
 
 }  // namespace kestrel
-
-#endif

@@ -1,7 +1,6 @@
 // The finder's operations and what they share. An operation reads its request, fills the reply's payload, and gives
 // the reply's result.
-#ifndef KESTREL_FINDER_OPERATIONS_H
-#define KESTREL_FINDER_OPERATIONS_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -75,5 +74,3 @@ inline std::uint8_t byte_setting(int (*get)(char*), std::uint8_t otherwise) {
 }
 
 }  // namespace kestrel
-
-#endif

@@ -12,8 +12,7 @@
 //   22  user name, base64, 64 bytes         22  payload
 //   86  password, base64, 64 bytes
 //   150 argument, up to the end
-#ifndef KESTREL_FINDER_PACKET_H
-#define KESTREL_FINDER_PACKET_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -118,5 +117,3 @@ void parse_mac(const char* text, std::uint8_t (&mac)[finder_mac_len]);
 void Finderd_build_header(std::uint8_t* buf, const FinderRequest& request, std::uint16_t result, std::uint16_t length);
 
 }  // namespace kestrel
-
-#endif

@@ -1,7 +1,6 @@
 // The finder's one record: what the loop and the sockets work on. Only the finder thread touches it; the operations
 // get what they need by their request.
-#ifndef KESTREL_FINDER_RECORD_H
-#define KESTREL_FINDER_RECORD_H
+#pragma once
 
 #include <netinet/in.h>
 
@@ -70,5 +69,3 @@ void Finderd_handle_request();
 int Finderd_send(const std::uint8_t* buf, std::uint32_t len);
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // Addresses: what counts as private, the first interface, and the device uid.
-#ifndef KESTREL_NET_ADDRESS_H
-#define KESTREL_NET_ADDRESS_H
+#pragma once
 
 #include "platform/tessel.h"
 
@@ -23,5 +22,3 @@ int first_iface(int (*get)(ACT_IF_INFO* info, int* index), ACT_IF_INFO& out);
 int make_uid(char* uid, int size);
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // Where the service's servers are: the relay proxy and the redirect server, by name or from the store.
-#ifndef KESTREL_NET_SERVER_LOCATION_H
-#define KESTREL_NET_SERVER_LOCATION_H
+#pragma once
 
 namespace kestrel {
 
@@ -15,5 +14,3 @@ int get_proxy_addr(char* ip, char* port);
 int resolve_redirect_server(char* ip);
 
 }  // namespace kestrel
-
-#endif

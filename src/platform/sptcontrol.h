@@ -1,7 +1,6 @@
 // libsptcontrol.so: the camera's remote-access status service, which shows the state to the camera's
 // web pages and indicators. The camera maker supplies the library.
-#ifndef KESTREL_PLATFORM_SPTCONTROL_H
-#define KESTREL_PLATFORM_SPTCONTROL_H
+#pragma once
 
 #ifdef __cplusplus
 extern "C" {
@@ -17,6 +16,4 @@ int SetSptURI(const char* uri);
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

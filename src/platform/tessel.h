@@ -3,8 +3,7 @@
 //
 // The caller owns every buffer; output texts are NUL-terminated within the stated size. Any thread may
 // call; an object (reader, packet, MD5 context) belongs to one thread at a time.
-#ifndef KESTREL_PLATFORM_TESSEL_H
-#define KESTREL_PLATFORM_TESSEL_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -199,6 +198,4 @@ static_assert(sizeof(IF_METRIC) == 24 && offsetof(IF_METRIC, name) == 4);
 static_assert(sizeof(AuthenticateInfo) == 612 && offsetof(AuthenticateInfo, nc) == 88 &&
               offsetof(AuthenticateInfo, realm) == 98 && offsetof(AuthenticateInfo, response) == 578);
 static_assert(sizeof(MD5_CTX) == 256);
-#endif
-
 #endif

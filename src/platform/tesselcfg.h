@@ -5,8 +5,7 @@
 //  - the result is non-zero on success and 0 when the value is not available (outputs then unspecified);
 //  - output texts are NUL-terminated within the stated size; the caller owns every buffer;
 //  - any thread may call, at any time.
-#ifndef KESTREL_PLATFORM_TESSELCFG_H
-#define KESTREL_PLATFORM_TESSELCFG_H
+#pragma once
 
 #ifdef __cplusplus
 extern "C" {
@@ -123,6 +122,4 @@ int srv_get_first_connection(char* text);
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

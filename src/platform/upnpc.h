@@ -3,8 +3,7 @@
 //
 // `timeout` is in seconds and bounds the whole call. The functions work on the gateway that the last
 // successful Mupnpcp_discover found. Main thread only.
-#ifndef KESTREL_PLATFORM_UPNPC_H
-#define KESTREL_PLATFORM_UPNPC_H
+#pragma once
 
 #include <stddef.h>
 
@@ -77,6 +76,4 @@ int Mupnp_del_eport(int external_port, int protocol, int timeout);
 }
 
 static_assert(sizeof(MupnpIgd) == 576, "seven texts without padding");
-#endif
-
 #endif

@@ -1,7 +1,6 @@
 // The counters of authentication failures in a row. Nothing but the states themselves resets them:
 // they outlive cycles and reloads.
-#ifndef KESTREL_REGSTATE_AUTH_FAIL_COUNT_H
-#define KESTREL_REGSTATE_AUTH_FAIL_COUNT_H
+#pragma once
 
 #include <cstdint>
 
@@ -38,5 +37,3 @@ constexpr std::uint32_t auth_fail_limit_natm = 3;
 }
 
 }  // namespace kestrel
-
-#endif

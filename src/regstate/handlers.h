@@ -1,7 +1,6 @@
 // The state handlers, one a state. Each does one state's work and writes the next state before it
 // returns; a handler that leaves the state alone is called again on the main loop's next turn.
-#ifndef KESTREL_REGSTATE_HANDLERS_H
-#define KESTREL_REGSTATE_HANDLERS_H
+#pragma once
 
 namespace kestrel {
 
@@ -26,5 +25,3 @@ void go_LumenDevDone(DeviceContext* ctx);
 void go_LumenDevNotReady(DeviceContext* ctx);
 
 }  // namespace kestrel
-
-#endif

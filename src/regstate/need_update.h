@@ -1,6 +1,5 @@
 // The decision whether the service must be told again.
-#ifndef KESTREL_REGSTATE_NEED_UPDATE_H
-#define KESTREL_REGSTATE_NEED_UPDATE_H
+#pragma once
 
 #include "core/device_context.h"
 
@@ -12,5 +11,3 @@ namespace kestrel {
 int need_update(const DeviceContext& current);
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // Identity initialisation: what every registration begins with.
-#ifndef KESTREL_REGSTATE_STATE_INIT_H
-#define KESTREL_REGSTATE_STATE_INIT_H
+#pragma once
 
 #include "core/device_context.h"
 
@@ -15,5 +14,3 @@ extern std::uint32_t upnp_found_at_init;
 void state_init(DeviceContext& current);
 
 }  // namespace kestrel
-
-#endif

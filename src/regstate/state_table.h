@@ -1,6 +1,5 @@
 // The state table: names and handlers of the states.
-#ifndef KESTREL_REGSTATE_STATE_TABLE_H
-#define KESTREL_REGSTATE_STATE_TABLE_H
+#pragma once
 
 #include "core/device_context.h"
 
@@ -13,5 +12,3 @@ const char* state_name(RegState state);
 void install_handlers(DeviceContext& ctx);
 
 }  // namespace kestrel
-
-#endif

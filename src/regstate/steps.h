@@ -1,6 +1,5 @@
 // Steps that several state handlers share.
-#ifndef KESTREL_REGSTATE_STEPS_H
-#define KESTREL_REGSTATE_STEPS_H
+#pragma once
 
 #include "core/device_context.h"
 
@@ -50,5 +49,3 @@ void start_over(DeviceContext& current);
 constexpr unsigned configuration_hold_s = 120;
 
 }  // namespace kestrel
-
-#endif

@@ -1,7 +1,6 @@
 // Blowfish (B. Schneier, 1993), enciphering direction only, and the 8-bit cipher-feedback mode that the
 // service's bodies, the tokens and the refer file use.
-#ifndef KESTREL_SERVICE_BLOWFISH_H
-#define KESTREL_SERVICE_BLOWFISH_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -45,5 +44,3 @@ void bf_cfb8_decrypt(unsigned char* buffer, std::int32_t len, const unsigned cha
                      const unsigned char* iv, int iv_len);
 
 }  // namespace kestrel
-
-#endif

@@ -1,7 +1,6 @@
 // What the service and the daemon share: two secrets, the key made from them, and how a body travels
 // (XML, Blowfish CFB-8, base64). docs/service-protocol.md has worked examples.
-#ifndef KESTREL_SERVICE_BODY_CIPHER_H
-#define KESTREL_SERVICE_BODY_CIPHER_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -40,5 +39,3 @@ void make_service_key(char key[service_key_len + 1]);
 [[nodiscard]] char* decipher_body(const char* body, std::int32_t len);
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // Connecting with a time limit.
-#ifndef KESTREL_SERVICE_CONNECT_H
-#define KESTREL_SERVICE_CONNECT_H
+#pragma once
 
 #include <sys/socket.h>
 
@@ -15,5 +14,3 @@ int SetNonBlock(int fd, int on);
 int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s);
 
 }  // namespace kestrel
-
-#endif

@@ -1,7 +1,6 @@
 // HTTP Digest (RFC 2617) as the service takes it: the nonce count is decimal, and the header has a
 // blank before the comma behind the uri.
-#ifndef KESTREL_SERVICE_DIGEST_H
-#define KESTREL_SERVICE_DIGEST_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -24,5 +23,3 @@ void digest_calc_response(const char* user, const char* realm, const char* pass,
 int make_digest_header(const AuthenticateInfo* info, char* out);
 
 }  // namespace kestrel
-
-#endif

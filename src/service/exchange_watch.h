@@ -1,7 +1,6 @@
 // The bound of an exchange from outside: whatever library reads an answer, and whatever the peer does, the
 // conversation is closed when its time is over or when the daemon is to end.
-#ifndef KESTREL_SERVICE_EXCHANGE_WATCH_H
-#define KESTREL_SERVICE_EXCHANGE_WATCH_H
+#pragma once
 
 namespace kestrel {
 
@@ -25,5 +24,3 @@ struct ExchangeWatch {
 };
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // What the POST requests share: six random digits, the XML, the cipher.
-#ifndef KESTREL_SERVICE_POST_BODY_H
-#define KESTREL_SERVICE_POST_BODY_H
+#pragma once
 
 #include <cstddef>
 
@@ -23,5 +22,3 @@ struct PostBody {
 [[gnu::format(printf, 2, 3)]] void put(PostBody& body, const char* format, ...);
 
 }  // namespace kestrel
-
-#endif

@@ -1,7 +1,6 @@
 // The service room's face: the requests to the service, one function each, and the refer file. A request
 // never repeats itself: after request_challenged the caller calls again.
-#ifndef KESTREL_SERVICE_REQUESTS_H
-#define KESTREL_SERVICE_REQUESTS_H
+#pragma once
 
 #include <cstddef>
 
@@ -64,5 +63,3 @@ void end_exchanges();
 [[nodiscard]] int write_refer_file(const char* hid, const char* timestamp);
 
 }  // namespace kestrel
-
-#endif

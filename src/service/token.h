@@ -1,6 +1,5 @@
 // The request token, a fresh client nonce for every authenticated request.
-#ifndef KESTREL_SERVICE_TOKEN_H
-#define KESTREL_SERVICE_TOKEN_H
+#pragma once
 
 #include <cstddef>
 
@@ -13,5 +12,3 @@ constexpr std::size_t token_len = 32;
 char* make_token(char* out, unsigned* len);
 
 }  // namespace kestrel
-
-#endif

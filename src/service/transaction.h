@@ -1,7 +1,6 @@
 // The one transaction with the service: a short HTTP exchange on a fresh connection, with Digest once a
 // challenge has been taken. What the requests differ in stands in a description for each.
-#ifndef KESTREL_SERVICE_TRANSACTION_H
-#define KESTREL_SERVICE_TRANSACTION_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -127,5 +126,3 @@ inline constexpr ExchangeLog log_of_reports = {
 };
 
 }  // namespace kestrel
-
-#endif

@@ -1,6 +1,5 @@
 // The one XML reader of the daemon: the text of an element, found by its name.
-#ifndef KESTREL_SERVICE_XML_VALUE_H
-#define KESTREL_SERVICE_XML_VALUE_H
+#pragma once
 
 #include <cstddef>
 
@@ -12,5 +11,3 @@ namespace kestrel {
 int get_xml_value(const char* text, const char* tag, unsigned taglen, char* out, std::size_t size);
 
 }  // namespace kestrel
-
-#endif

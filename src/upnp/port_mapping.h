@@ -1,6 +1,5 @@
 // The port-mapping strategy: one external port of the router, mapped to the camera's HTTP port.
-#ifndef KESTREL_UPNP_PORT_MAPPING_H
-#define KESTREL_UPNP_PORT_MAPPING_H
+#pragma once
 
 #include <cstdint>
 
@@ -56,5 +55,3 @@ std::uint16_t next_port(std::uint16_t port);
 int remove_own_mappings(const char* uid);
 
 }  // namespace kestrel
-
-#endif
