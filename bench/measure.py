@@ -327,7 +327,7 @@ def plot(figures: list[Figure]) -> str:
         y, long = top + index * (bar + gap), min(it.share, 2) * scale
         parts.append(f'<text x="{left - 8}" y="{y + 12}" text-anchor="end">{it.what}</text>'
                      f'<rect x="{left}" y="{y}" width="{long:.1f}" height="{bar}" fill="{"#4c8f5e" if it.reached else "#b3261e"}"/>'
-                     f'<text x="{left + long + 5:.0f}" y="{y + 12}">{it.share:.2f}</text>')
+                     f'<text x="{width - 20}" y="{y + 12}" text-anchor="end">{it.share:.2f}</text>')
     parts.append(f'<line x1="{left + scale}" x2="{left + scale}" y1="{top - 8}" y2="{height - 8}" stroke="#444" stroke-dasharray="4 3"/>')
     return "\n".join(parts) + "\n</svg>\n"
 
