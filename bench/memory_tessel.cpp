@@ -22,7 +22,7 @@
 
 namespace {
 
-constexpr std::size_t head_len = 2048;
+constexpr std::size_t head_len = 1024;
 constexpr std::size_t max_fields = 12;
 
 /// A request's or an answer's head; the public part comes first.

@@ -134,9 +134,14 @@ void reload(Cache& state, const std::string& path, const Stamp& seen) {
 
 const std::string* find(const Values& values, const char* group, const char* key) {
   if (values.empty()) return nullptr;
-  thread_local std::string name;  // keeps its memory: this is most of what a getter does
-  name.assign("[").append(group).append("] ").append(key);
-  const auto found = values.find(name);
+  char name[64];  // longer than every name of the table; this is most of what a getter does
+  const std::string_view words[] = {"[", group, "] ", key};
+  char* end = name;
+  for (const std::string_view word : words) {
+    if (word.size() > static_cast<std::size_t>(std::end(name) - end)) return nullptr;
+    end = std::copy(word.begin(), word.end(), end);
+  }
+  const auto found = values.find(std::string_view(name, end));
   return found == values.end() ? nullptr : &found->second;
 }
 

@@ -6,12 +6,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 namespace host {
 
@@ -42,8 +43,12 @@ struct Change {
   std::string value;
 };
 
-/// Texts by "[group] key".
-using Values = std::map<std::string, std::string>;
+struct TextHash : std::hash<std::string_view> {
+  using is_transparent = void;
+};
+
+/// Texts by "[group] key", to be found by any kind of text.
+using Values = std::unordered_map<std::string, std::string, TextHash, std::equal_to<>>;
 
 /// One reading of the file. Never changes, so threads may share it.
 struct Settings {

@@ -2,6 +2,7 @@
 #include "daemon/kestreld.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -103,6 +104,9 @@ int run_daemon() {
   SignalsBlocked settings({SIGUSR1, SIGUSR2});
   fill_standard_descriptors();
   never_wait_for_console();
+#ifdef M_ARENA_MAX
+  mallopt(M_ARENA_MAX, 1);  // two threads that allocate once in a while need no heap each
+#endif
   upnp_found_at_init = 0;
   if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
     print_error("signal");

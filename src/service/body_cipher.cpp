@@ -1,6 +1,7 @@
 // The service's body cipher, see body_cipher.h.
 #include "service/body_cipher.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -59,14 +60,14 @@ int encipher_body(char* body, std::size_t size, LogFormat<'d'> bodylen_format) {
     body[0] = '\0';
     return 0;
   }
-  std::memcpy(cipher, body, plain_len);
+  std::copy_n(body, plain_len, cipher);
   auto len = static_cast<std::int32_t>(plain_len);
   pad_to_block(cipher, &len);
   char key[service_key_len + 1];
   make_service_key(key);
   log_if(bodylen_format, len);
   bf_cfb8_encrypt(cipher, len, as_bytes(key), service_key_len, cipher_iv, cipher_iv_len);
-  std::memset(body, 0, size);
+  body[0] = '\0';
   int encoded = 0;
   if (base64_len(static_cast<std::size_t>(len)) < size) encoded = b64_encode(cipher, static_cast<unsigned>(len), body);
   std::free(cipher);

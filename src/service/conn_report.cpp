@@ -1,5 +1,6 @@
 // The connection report: the device's first-connection record, sent when it has changed. The finder
 // thread sends it, so nothing here is shared with the other requests.
+#include <cstdlib>
 #include <cstring>
 
 #include "core/debug_log.h"
@@ -31,9 +32,12 @@ constexpr Request report_request = {
 constexpr std::size_t plain_len = 4096;   // digits, XML and terminator
 constexpr std::size_t base64_len = 5632;  // 4 * (4096 + 8) / 3, and room
 
-/// Apart, so that asking every 15 s with nothing to send touches no stack for it.
-[[gnu::noinline]] int send_report(DeviceContext* ctx, AuthenticateInfo* auth, const char* record, char* last_report) {
-  char text[base64_len];
+int report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report, char (&record)[first_connection_len],
+           char (&text)[base64_len]) {
+  zero(record);
+  srv_get_first_connection(record);
+  terminate(record);
+  if (std::strcmp(record, last_report) == 0) return request_ok;
   PostBody body = begin_body(text, sizeof(text), plain_len);
   put(body, "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n%s</ldev>\n", record);
   if (!body.fits) {
@@ -51,10 +55,16 @@ constexpr std::size_t base64_len = 5632;  // 4 * (4096 + 8) / 3, and room
 }  // namespace
 
 int conn_report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report) {
-  char record[first_connection_len] = "";
-  srv_get_first_connection(record);
-  terminate(record);
-  return std::strcmp(record, last_report) == 0 ? request_ok : send_report(ctx, auth, record, last_report);
+  struct Texts {
+    char record[first_connection_len];
+    char text[base64_len];
+  };
+  // Not on the stack, which keeps for good what it once took.
+  auto* texts = static_cast<Texts*>(std::malloc(sizeof(Texts)));
+  if (texts == nullptr) return request_no_answer;
+  const int result = report(ctx, auth, last_report, texts->record, texts->text);
+  std::free(texts);
+  return result;
 }
 
 }  // namespace kestrel

@@ -3,14 +3,12 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 
 #include "core/text.h"
 
 namespace kestrel {
 
 PostBody begin_body(char* text, std::size_t size, std::size_t plain_size) {
-  std::memset(text, 0, size);
   random_digits6(text);
   return {text, size, plain_size, random_digits_len, true};
 }

@@ -14,8 +14,8 @@ struct PostBody {
   bool fits;
 };
 
-/// Clears `text` (`size` bytes) and begins a body with six random digits, of `plain_size` bytes at most, terminator
-/// included; more than the digits take.
+/// Begins a body in `text` (`size` bytes) with six random digits, of `plain_size` bytes at most, terminator included;
+/// more than the digits take.
 [[nodiscard]] PostBody begin_body(char* text, std::size_t size, std::size_t plain_size);
 
 /// Appends formatted XML, as printf formats it.
