@@ -25,10 +25,10 @@ void decode(const char* b64, char (&out)[decoded_len]) {
 void log_foreign(LogFormat<'s'> format, const char* text) {
   char shown[decoded_len];
   copy_text(shown, text);
-  for (char& c : shown) {
-    const auto byte = static_cast<unsigned char>(c);
+  for (char* c = shown; *c != '\0'; ++c) {
+    const auto byte = static_cast<unsigned char>(*c);
     const bool control = byte < 0x20 || (byte >= 0x7F && byte < 0xA0);
-    if (control && c != '\0') c = '?';
+    if (control) *c = '?';
   }
   log_if(format, shown);
 }

@@ -13,7 +13,7 @@ Texts fuzz_seeds() {
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const Texts lines = split(text_of(data, size), '\n');
+  const Texts lines = split(text_of(data, size), "\n");
   std::vector<packetheader_field_node> fields(lines.size());
   for (std::size_t i = 0; i < lines.size(); ++i) {
     fields[i] = {"WWW-Authenticate", lines[i].c_str(), i + 1 < lines.size() ? &fields[i + 1] : nullptr};

@@ -1,112 +1,256 @@
-// A datagram to the LAN finder, on a platform whose texts fill their fields without an end.
+// Datagrams to the LAN finder, one after the other, on a platform whose texts fill their fields without an end. Each
+// begins with a byte that says how it comes, and ends at a mark; what must come of it is told by tables of its own.
 #include <arpa/inet.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstring>
 
+#include "core/debug_log.h"
 #include "core/text.h"
 #include "fake_platform/fake_platform.h"
 #include "finder/finder.h"
-#include "finder/packet.h"
 #include "finder/record.h"
 #include "fuzz.h"
 #include "support/nettle_cipher.h"
 
 using namespace kestrel;
 
-extern "C" int kill(pid_t /*pid*/, int /*number*/) noexcept {
-  return 0;
-}
-
-namespace kestrel {
-int conn_report(DeviceContext* /*ctx*/, AuthenticateInfo* /*auth*/, char* /*last_report*/) {
-  return 0;
-}
-}  // namespace kestrel
-
 namespace {
 
-std::string request(FinderOpcode opcode, const std::string& user, const std::string& argument) {
-  std::string text(at_arg, '\0');
-  const auto put = [&](std::size_t at, const std::string& bytes) { text.replace(at, bytes.size(), bytes); };
-  const auto put_word = [&](std::size_t at, unsigned value) {
-    put(at, {static_cast<char>(value & 0xFF), static_cast<char>(value >> 8)});
-  };
-  put_word(at_magic, finder_request_magic);
-  put_word(at_opcode, opcode);
-  put_word(at_length, static_cast<unsigned>(at_arg + argument.size() - finder_header_len));
-  put(at_mac, user.empty() ? "\xff\xff\xff\xff\xff\xff" : std::string("\x00\x11\x22\x0a\x0b\x0c", 6));
-  put(at_user, nettle_cipher::base64(user));
-  put(at_password, nettle_cipher::base64(fake.admin_password));
-  return text + argument;
+constexpr std::string_view mark = "\x1e\x1d";
+/// How a datagram comes: so many times 20 ms after the one before; by the second interface; from a forged sender; with
+/// its length put right.
+enum Coming : unsigned { after_20ms = 0x1F, by_second = 0x20, from_everybody = 0x40, with_length = 0x80 };
+
+struct Operation {
+  unsigned opcode;
+  std::size_t payload_len;
+  bool for_anyone;
+  const char* change;  // the call that it may make
+};
+constexpr Operation operations[] = {
+    {0x00A1, 312, true, nullptr},
+    {0x0109, 304, true, nullptr},
+    {0x00D1, 16, true, nullptr},
+    {0x0102, 16, true, nullptr},
+    {0x0105, 64, true, nullptr},
+    {0x00A5, 34, false, nullptr},
+    {0x0106, 64, false, nullptr},
+    {0x0108, 16, false, nullptr},
+    {0x00D2, 16, false, "cre_set_skyport_enable_state"},
+    {0x0107, 16, false, "srv_update_aliasname_status"},
+    {0x010A, 16, false, "cre_set_skyport_domain"},
+};
+
+const std::string own_mac("\x00\x11\x22\x0a\x0b\x0c", 6), every_mac(6, '\xff');
+const char* const addresses[] = {"192.168.1.20", "192.168.7.20"};
+
+std::string datagram;      // that waits to be received
+Texts sent;                // replies
+std::uint64_t now_ms = 0;  // of the finder's clock
+std::uint64_t checks = 0;  // thousandths of password checks that may be made now
+bool sender_forged = false;
+
+unsigned word(const std::string& text, std::size_t at) {
+  return static_cast<std::uint8_t>(text[at]) | static_cast<unsigned>(static_cast<std::uint8_t>(text[at + 1])) << 8;
 }
 
-int loopback_socket(sockaddr_in& at) {
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  at.sin_family = AF_INET;
-  at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(at);
-  require(bind(fd, reinterpret_cast<const sockaddr*>(&at), len) == 0, "bind");
-  getsockname(fd, reinterpret_cast<sockaddr*>(&at), &len);
-  return fd;
+std::string as_word(std::size_t value) {
+  return {static_cast<char>(value & 0xFF), static_cast<char>(value >> 8)};
+}
+
+std::string decoded(const std::string& request, std::size_t at) {
+  const std::string field = request.size() > at ? request.substr(at, 64).c_str() : "";
+  char plain[256];
+  b64_decode(field.data(), static_cast<unsigned>(field.size()), plain);
+  return plain;
+}
+
+struct Expected {
+  std::size_t reply_len = 0;  // 0: none
+  const Operation* proven = nullptr;
+};
+
+Expected expected(const std::string& request) {
+  if (request.size() < 22 || word(request, 0) != 0xFDFD || request.size() != word(request, 20) + 22) return {};
+  const unsigned opcode = word(request, 4);
+  const auto* row = std::ranges::find(operations, opcode, &Operation::opcode);
+  const bool known = row != std::end(operations), survey = opcode == 0x00A1 || opcode == 0x0109;
+  const std::string mac = request.substr(6, 6);
+  if (mac != own_mac && !(survey && mac == every_mac)) return {};
+  if (known && row->for_anyone) return {22 + row->payload_len, nullptr};
+  if (checks < 1000) return {};
+  checks -= 1000;
+  const std::string name = decoded(request, 22);
+  const bool right = decoded(request, 86) == fake.admin_password;
+  if (right && name == fake.admin) return known ? Expected{22 + row->payload_len, row} : Expected{};
+  // Of a name the table's getter gives 16 bytes.
+  const bool user = std::ranges::any_of(fake.users, [&](const auto& each) { return each.substr(0, 16) == name; });
+  return {right && user && opcode == 0x00A3 ? std::size_t{0} : 38, nullptr};
+}
+
+void check_reply(const std::string& request, const std::string& reply, const Expected& wanted) {
+  require(reply.starts_with("\xee\xfe" + request.substr(2, 4) + own_mac), "a reply echoes tag and opcode");
+  in_addr address{};
+  std::memcpy(&address, reply.data() + 12, sizeof(address));
+  require(address.s_addr == finder.served.ifinfo[finder.iReportSocketIndex].ip, "its interface's address");
+  require(word(reply, 16) <= 1 && word(reply, 18) == 1 && word(reply, 20) == reply.size() - 22, "result and length");
+  const bool refusal = word(reply, 16) == 1 && reply.substr(22) == std::string(16, '\0');
+  const auto* row = std::ranges::find(operations, word(request, 4), &Operation::opcode);
+  const bool open = row != std::end(operations) && row->for_anyone;
+  require(refusal == (wanted.proven == nullptr && !open), "who has proven nothing is refused, nobody else");
+}
+
+void serve(const std::string& request, unsigned coming) {
+  now_ms += (coming & after_20ms) * 20;
+  checks = std::min<std::uint64_t>(checks + (coming & after_20ms) * 20 * 10, 20'000);
+  finder.iReportSocketIndex = (coming & by_second) != 0 ? 1 : 0;
+  sender_forged = (coming & from_everybody) != 0;
+  datagram = request.substr(0, 1024);
+  if ((coming & with_length) != 0 && datagram.size() >= 22) datagram.replace(20, 2, as_word(datagram.size() - 22));
+  fake.calls.clear();
+  sent.clear();
+  const Expected wanted = expected(datagram);
+  Finderd_handle_request();
+  const bool answered = wanted.reply_len != 0 && !sender_forged;
+  require(sent.size() == (answered ? 1U : 0U), "one reply or none");
+  require(!answered || sent[0].size() == wanted.reply_len, "a reply has its operation's length");
+  if (answered) check_reply(datagram, sent[0], wanted);
+  for (const std::string& call : fake.calls) {
+    const bool changes = call.starts_with("cre_set") || call.starts_with("srv_update") || call.starts_with("srv_set") ||
+                         call.starts_with("set_") || call.starts_with("kill") || call.starts_with("run_shell");
+    if (!changes) continue;
+    const char* change = wanted.proven != nullptr ? wanted.proven->change : nullptr;
+    require(change != nullptr, "only the administrator's proof in this very datagram changes anything");
+    require(call.starts_with(change) || call.starts_with("kill") || call.starts_with("run_shell"),
+            "what was asked for");
+  }
 }
 
 void set_up() {
-  fake_reset();
-  const std::string endless(70, 't');
-  for (std::string* text :
-       {&fake.model, &fake.firmware, &fake.spt_version, &fake.oem_version, &fake.brand, &fake.product,
-        &fake.camera_name, &fake.http_url, &fake.domain, &fake.domain_ip, &fake.alias, &fake.last_alias}) {
-    *text = endless;
+  static const bool filled = [] {
+    fake_reset();
+    const std::string endless(70, 't');
+    for (std::string* text : {&fake.model, &fake.firmware, &fake.spt_version, &fake.oem_version, &fake.brand,
+                              &fake.product, &fake.camera_name, &fake.http_url, &fake.last_alias}) {
+      *text = endless;
+    }
+    fake.users = {"guest", endless};
+    return true;
+  }();
+  static DeviceContext record{};
+  require(filled, "set up");
+  fake.enabled = 1;
+  fake.alias_status = ALIAS_OK;
+  fake.alias = fake.domain = fake.domain_ip = std::string(70, 't');
+  Finderd_CST();
+  finder.ctx = &record;
+  finder.alias = {1, ""};
+  finder.checks = {};
+  now_ms = 1'000'000;
+  checks = 20'000;
+  finder.served.iIfNum = 2;
+  copy_text(finder.served.present_if.mac, "00:11:22:0A:0b:0c");
+  for (int i = 0; i < 2; ++i) {
+    finder.served.ifinfo[i].ip = inet_addr(addresses[i]);
+    finder.served.ifinfo[i].mask = htonl(0xFFFFFF00);
   }
-  fake.users = {"guest", endless};
 }
 
-/// Whether the request carries the administrator's password.
-bool has_password(const std::string& text) {
-  const std::string field = text.size() > at_password ? text.substr(at_password, finder_credential_len).c_str() : "";
-  char plain[256];
-  b64_decode(field.data(), static_cast<unsigned>(field.size()), plain);
-  return fake.admin_password == plain;
+std::string request(unsigned opcode, const std::string& user, const std::string& password,
+                    const std::string& argument = "", unsigned coming = 0) {
+  const auto field = [](const std::string& text) {
+    const std::string b64 = nettle_cipher::base64(text);
+    return b64 + std::string(64 - b64.size(), '\0');
+  };
+  const std::string payload = user.empty() ? "" : field(user) + field(password) + argument;
+  const bool survey = opcode == 0x00A1 || opcode == 0x0109;
+  return static_cast<char>(coming) + ("\xfd\xfdTG" + as_word(opcode) + (survey ? every_mac : own_mac)) +
+         std::string(8, '\0') + as_word(payload.size()) + payload + std::string(mark);
 }
 
 }  // namespace
 
+extern "C" {
+
+int kill(pid_t /*pid*/, int /*number*/) noexcept {
+  fake_record("kill");
+  return 0;
+}
+
+ssize_t recvfrom(int /*fd*/, void* to, std::size_t size, int /*flags*/, sockaddr* from, socklen_t* from_len) {
+  const std::size_t len = std::min(size, datagram.size());
+  std::memcpy(to, datagram.data(), len);
+  sockaddr_in sender{};
+  sender.sin_family = AF_INET;
+  sender.sin_addr.s_addr = inet_addr(sender_forged ? "255.255.255.255" : "192.168.1.30");
+  *from_len = sizeof(sender);
+  std::memcpy(from, &sender, sizeof(sender));
+  return static_cast<ssize_t>(len);
+}
+
+ssize_t sendto(int /*fd*/, const void* data, std::size_t size, int /*flags*/, const sockaddr* /*to*/, socklen_t) {
+  sent.emplace_back(static_cast<const char*>(data), size);
+  return static_cast<ssize_t>(size);
+}
+
+}  // extern "C"
+
+namespace kestrel {
+
+int DbgLevel = 0;
+
+/// Reads every text to its end.
+int debug_log(const char* format, ...) {
+  static char line[2048];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(line, sizeof(line), format, args);
+  va_end(args);
+  return 0;
+}
+void print_console(const char* /*format*/, ...) {}
+void print_error(const char* /*what*/) {}
+
+std::uint64_t finder_now_ms() {
+  return now_ms;
+}
+
+}  // namespace kestrel
+
 Texts fuzz_seeds() {
-  const std::string off(1, '\0');
-  Texts seeds{request(op_survey, "", ""), request(op_spt_survey, "", ""), request(op_set_enable, "guest", off)};
-  for (const FinderOpcode opcode : {op_get_url, op_list, op_self_conf_result, op_get_alias, op_alias_status}) {
-    seeds.push_back(request(opcode, "admin", ""));
+  const std::string off(1, '\0'), on("\1"), admin = "admin", pw = "pw";
+  Texts seeds;
+  std::string all, guesses;
+  for (const Operation& row : operations) {
+    seeds.push_back(row.for_anyone ? request(row.opcode, "", "") : request(row.opcode, admin, pw, off));
+    all += request(row.opcode, row.for_anyone ? "" : admin, pw, on + "x", with_length);
   }
-  for (const FinderOpcode opcode : {op_set_enable, op_set_alias, op_set_domain}) {
-    seeds.push_back(request(opcode, "admin", opcode == op_set_enable ? off : "rose.test"));
-  }
+  for (int i = 0; i < 24; ++i) guesses += request(0x00D2, admin, std::to_string(i), off);
+  seeds.push_back(all);
+  seeds.push_back(guesses + request(0x00D2, admin, pw, off) + request(0x00D2, admin, pw, off, 6));
+  seeds.push_back(request(0x00A3, "guest", pw) + request(0x00D2, "guest", pw, off) + request(0x00A3, admin, pw) +
+                  request(0x00A3, "guest", "x") + request(0x00D2, admin, "", off) + request(0x00B1, admin, pw));
+  const std::string asked = request(0x0107, admin, pw, "rose\0") + request(0x0108, admin, pw, "", by_second);
+  seeds.push_back(asked + asked + request(0x0107, admin, pw, std::string(64, 'r'), with_length));
+  seeds.push_back(request(0x010A, admin, pw, "rose.test") + request(0x010A, admin, pw, "rose.test", from_everybody) +
+                  request(0x010A, admin, pw, std::string(64, 'd')) + request(0x010A, admin, pw));
   return seeds;
 }
 
+Texts fuzz_words() {
+  Texts words{std::string(mark), own_mac, every_mac, std::string(mark) + "\x80\xfd\xfd"};
+  for (const Operation& row : operations) words.push_back("\xfd\xfdTG" + as_word(row.opcode) + own_mac);
+  for (const char* text : {"admin", "guest", "pw"}) words.push_back(nettle_cipher::base64(text) + '\0');
+  return words;
+}
+
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static sockaddr_in camera{}, tool{};
-  static const int camera_fd = loopback_socket(camera), tool_fd = loopback_socket(tool);
-  static DeviceContext record{};
   set_up();
-  Finderd_CST();
-  finder.ctx = &record;
-  finder.checks = {};  // every input may have its password looked at
-  finder.served.iIfNum = 1;
-  finder.fd[0] = camera_fd;
-  copy_text(finder.served.present_if.mac, "00:11:22:0A:0B:0C");
-  if (sendto(tool_fd, data, size, 0, reinterpret_cast<const sockaddr*>(&camera), sizeof(camera)) < 0) return 0;
-  Finderd_handle_request();
-  const bool changed = !fake_calls({"cre_set", "srv_update", "srv_set", "run_shell"}).empty();
-  require(!changed || has_password(text_of(data, size)), "settings are the administrator's");
-  // A reply may take its time; then a later turn takes it.
-  std::vector<std::uint8_t> reply(1024);
-  for (ssize_t len = 0; (len = recv(tool_fd, reply.data(), reply.size(), MSG_DONTWAIT)) > 0;) {
-    require(len >= static_cast<ssize_t>(finder_header_len), "a reply has its header");
-    require(reply[0] == 0xEE && reply[1] == 0xFE, "a reply has its magic");
-    require(len == static_cast<ssize_t>(finder_header_len) + reply[at_length] + 256 * reply[at_length + 1],
-            "its length");
+  for (const std::string& part : split(text_of(data, size), mark)) {
+    if (!part.empty()) serve(part.substr(1), static_cast<std::uint8_t>(part[0]));
   }
   return 0;
 }

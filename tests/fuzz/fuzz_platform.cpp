@@ -36,7 +36,7 @@ namespace {
 /// Deals the input's texts out, over and over.
 class Deal {
  public:
-  explicit Deal(const std::string& input) : texts_(split(input, '\xff')) {}
+  explicit Deal(const std::string& input) : texts_(split(input, "\xff")) {}
   const std::string& next() { return texts_[at_++ % texts_.size()]; }
   /// Fills a whole record with a text, repeated up to its last byte.
   template <typename Record>

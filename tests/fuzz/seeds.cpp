@@ -23,6 +23,10 @@ void add_words(const std::string& seed, std::set<std::string>& words) {
 
 }  // namespace
 
+__attribute__((weak)) Texts fuzz_words() {
+  return {};
+}
+
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   const char* const folder = std::getenv("KESTREL_FUZZ_SEEDS");
   if (folder == nullptr) return 0;
@@ -35,6 +39,15 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     add_words(seed, words);
   }
   std::ofstream dictionary(at / "dictionary");
-  for (const std::string& word : words) dictionary << '"' << word << "\"\n";
+  for (const std::string& word : fuzz_words()) words.insert(word);
+  for (const std::string& word : words) {
+    dictionary << '"';
+    for (const char c : word) {
+      char escape[5];
+      std::snprintf(escape, sizeof(escape), "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+      dictionary << escape;
+    }
+    dictionary << "\"\n";
+  }
   return 0;
 }
