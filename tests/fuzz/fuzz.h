@@ -27,6 +27,9 @@ inline void require(bool holds, const char* what) {
   std::abort();
 }
 
+/// With clock.cpp: passes so much time of the monotonic clock.
+void pass_ms(std::int64_t ms);
+
 inline std::string text_of(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
