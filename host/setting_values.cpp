@@ -52,6 +52,8 @@ KeyFile read_key_file(const std::string& path, struct stat& state, std::string& 
     problem = "the settings were cut short while they were read";
     return nullptr;
   }
+  // However the lines end: GLib takes one carriage return off each time that it reads what it wrote.
+  std::erase(content, '\r');
   KeyFile file(g_key_file_new());
   GError* failure = nullptr;
   const auto flags = static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS);

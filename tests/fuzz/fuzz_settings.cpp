@@ -99,7 +99,8 @@ std::string content(const std::string& path) {
 }
 
 /// Every key of a file with its value as it is written, and its comments; nothing when it is none.
-std::map<std::string, std::string> keys_of(const std::string& text) {
+std::map<std::string, std::string> keys_of(std::string text) {
+  std::erase(text, '\r');
   std::map<std::string, std::string> keys;
   const std::unique_ptr<GKeyFile, decltype(&g_key_file_unref)> file(g_key_file_new(), g_key_file_unref);
   const auto flags = static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS);
@@ -156,7 +157,8 @@ Texts fuzz_seeds() {
               "0HID00001\n[skyport]\n[users]\nadmin=a\nuser1=b\nuser2=\xff\n",
               "2\x01\n" + few,
               "3192.0.2.1\n" + few + "[skyport]\nredirsrv_ip=x\nalias[de]=y",
-              "5\x10\n\n#\n[a]\n[a]\nb=\\x"};
+              "5\x10\n\n#\n[a]\n[a]\nb=\\x",
+              "4\n[e]\nn=0\r\r\na=1\r"};
   for (const std::string& group : split(seeds[0], "\n[")) seeds.push_back("4rose\n[" + group);
   return seeds;
 }
@@ -182,7 +184,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   for (auto* both : {&before, &after})
     for (const std::string& name : setter.readings) both->erase(name);
   for (const auto& [name, reading] : before) require(after[name] == reading, ("reads as before: " + name).c_str());
-  const auto comments = [](const std::string& file) {
+  const auto comments = [](std::string file) {
+    std::erase(file, '\r');
     Texts lines = split(file, "\n");
     for (std::string& each : lines) each = each.c_str();  // a zero ends its line
     std::erase_if(lines, [](const std::string& each) { return !each.starts_with('#'); });

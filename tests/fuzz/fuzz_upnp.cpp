@@ -34,7 +34,9 @@ std::list<Request*> running;  // of the one search
 std::list<CURLMsg> done;
 
 CURLcode perform(Request& request) {
-  require(request.url.starts_with("http://192.168.1."), "no request leaves the camera's network");
+  const std::string server = request.url.substr(7, request.url.find_first_of("/?#", 7) - 7);
+  require(request.url.starts_with("http://") && server.substr(server.rfind('@') + 1).starts_with("192.168.1."),
+          "no request leaves the camera's network");
   if (next_answer == answers.size() || answers[next_answer].empty()) {
     next_answer = std::min(next_answer + 1, answers.size());
     pass_ms(request.timeout_ms);
