@@ -11,7 +11,9 @@ build_packages=(
 lab_packages=(python3 iproute2 util-linux procps psmisc nftables miniupnpd-nftables libfaketime)
 # What the checks of style and the tests take beside these.
 check_packages=(clang-format clang-tidy shellcheck mandoc binutils tinyproxy tshark chromium chromium-driver)
-export build_packages lab_packages check_packages
+# Clang with libFuzzer.
+fuzz_packages=(clang libclang-rt-dev)
+export build_packages lab_packages check_packages fuzz_packages
 
 # say WORDS: one line for the person at the terminal, on standard error.
 say() {
