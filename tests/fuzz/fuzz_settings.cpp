@@ -1,6 +1,5 @@
 // The settings file: any bytes, read by every getter, then changed by a setter. The first byte of the input chooses
 // the setter, the rest of its first line is the value.
-#include <fcntl.h>
 #include <glib.h>
 #include <sys/syscall.h>
 #include <unistd.h>
