@@ -1,6 +1,5 @@
 // The PC tool's commands on whatever cameras answer. The first byte of the input chooses command and output, the rest
 // are replies, each behind a mark and a byte that says whether its tag, length and address are put right.
-
 #include <nlohmann/json.hpp>
 
 #include "../../tools/find/commands.h"
