@@ -45,7 +45,6 @@ constexpr Operation operations[] = {
 };
 
 const std::string own_mac("\x00\x11\x22\x0a\x0b\x0c", 6), every_mac(6, '\xff');
-const char* const addresses[] = {"192.168.1.20", "192.168.7.20"};
 
 std::string datagram;      // that waits to be received
 Texts sent;                // replies
@@ -118,45 +117,38 @@ void serve(const std::string& request, unsigned coming) {
   require(sent.size() == (answered ? 1U : 0U), "one reply or none");
   require(!answered || sent[0].size() == wanted.reply_len, "a reply has its operation's length");
   if (answered) check_reply(datagram, sent[0], wanted);
-  for (const std::string& call : fake.calls) {
-    const bool changes = call.starts_with("cre_set") || call.starts_with("srv_update") || call.starts_with("srv_set") ||
-                         call.starts_with("set_") || call.starts_with("kill") || call.starts_with("run_shell");
-    if (!changes) continue;
-    const char* change = wanted.proven != nullptr ? wanted.proven->change : nullptr;
+  const char* change = wanted.proven != nullptr ? wanted.proven->change : nullptr;
+  for (const std::string& call : fake_calls({"cre_set", "srv_update", "srv_set", "set_", "kill", "run_shell"})) {
     require(change != nullptr, "only the administrator's proof in this very datagram changes anything");
-    require(call.starts_with(change) || call.starts_with("kill") || call.starts_with("run_shell"),
-            "what was asked for");
+    const bool told = call.starts_with("kill") || call.starts_with("run_shell");
+    require(told || call.starts_with(change), "nothing but what it asks for");
   }
 }
 
 void set_up() {
-  static const bool filled = [] {
-    fake_reset();
+  static DeviceContext record{};
+  if (fake.users.empty()) {
     const std::string endless(70, 't');
     for (std::string* text : {&fake.model, &fake.firmware, &fake.spt_version, &fake.oem_version, &fake.brand,
                               &fake.product, &fake.camera_name, &fake.http_url, &fake.last_alias}) {
       *text = endless;
     }
     fake.users = {"guest", endless};
-    return true;
-  }();
-  static DeviceContext record{};
-  require(filled, "set up");
+  }
   fake.enabled = 1;
   fake.alias_status = ALIAS_OK;
   fake.alias = fake.domain = fake.domain_ip = std::string(70, 't');
   Finderd_CST();
   finder.ctx = &record;
+  record.pid = 0x7FFFFFFF;  // nobody's
   finder.alias = {1, ""};
   finder.checks = {};
   now_ms = 1'000'000;
   checks = 20'000;
   finder.served.iIfNum = 2;
   copy_text(finder.served.present_if.mac, "00:11:22:0A:0b:0c");
-  for (int i = 0; i < 2; ++i) {
-    finder.served.ifinfo[i].ip = inet_addr(addresses[i]);
-    finder.served.ifinfo[i].mask = htonl(0xFFFFFF00);
-  }
+  finder.served.ifinfo[0].ip = inet_addr("192.168.1.20");
+  finder.served.ifinfo[1].ip = inet_addr("192.168.7.20");
 }
 
 std::string request(unsigned opcode, const std::string& user, const std::string& password,
@@ -173,18 +165,10 @@ std::string request(unsigned opcode, const std::string& user, const std::string&
 
 }  // namespace
 
-extern "C" {
-
-int kill(pid_t /*pid*/, int /*number*/) noexcept {
-  fake_record("kill");
-  return 0;
-}
-
 ssize_t recvfrom(int /*fd*/, void* to, std::size_t size, int /*flags*/, sockaddr* from, socklen_t* from_len) {
   const std::size_t len = std::min(size, datagram.size());
   std::memcpy(to, datagram.data(), len);
   sockaddr_in sender{};
-  sender.sin_family = AF_INET;
   sender.sin_addr.s_addr = inet_addr(sender_forged ? "255.255.255.255" : "192.168.1.30");
   *from_len = sizeof(sender);
   std::memcpy(from, &sender, sizeof(sender));
@@ -196,11 +180,12 @@ ssize_t sendto(int /*fd*/, const void* data, std::size_t size, int /*flags*/, co
   return static_cast<ssize_t>(size);
 }
 
-}  // extern "C"
+extern "C" int kill(pid_t /*pid*/, int /*number*/) noexcept {
+  fake_record("kill");
+  return 0;
+}
 
 namespace kestrel {
-
-int DbgLevel = 0;
 
 /// Reads every text to its end.
 int debug_log(const char* format, ...) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "core/debug_log.h"
@@ -20,7 +21,7 @@ bool captured = false;
 
 /// Every literal of the sources that has a conversion, and some that ask for more than the formatter has.
 Texts formats() {
-  Texts found{"%%d|%", "%8.8d%c%-s%n", "%s%s%s%s%s", "100%", "%%%s%%%c"};
+  std::set<std::string> found{"%%d|%", "%8.8d%c%-s%n", "%s%s%s%s%s", "100%", "%%%s%%%c"};
   for (const auto& entry : std::filesystem::recursive_directory_iterator(KESTREL_SOURCES)) {
     if (entry.path().extension() != ".cpp") continue;
     std::ostringstream text;
@@ -28,10 +29,10 @@ Texts formats() {
     const std::string source = text.str();
     const std::regex literal("\"([^\"\\n]*%[^\"\\n]*)\"");
     for (std::sregex_iterator at(source.begin(), source.end(), literal); at != std::sregex_iterator(); ++at) {
-      found.push_back(std::regex_replace((*at)[1].str(), std::regex(R"(\\n)"), "\n"));
+      found.insert(std::regex_replace((*at)[1].str(), std::regex(R"(\\n)"), "\n"));
     }
   }
-  return found;
+  return {found.begin(), found.end()};
 }
 
 /// The text as the C library would have to be given it: a '%' that begins none of the three conversions is not there.

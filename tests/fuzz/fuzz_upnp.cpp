@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <list>
@@ -20,39 +21,42 @@ namespace {
 
 constexpr std::string_view mark = "\x1e\x1d";
 
-Texts answers;
-std::size_t next_answer = 0;
+Texts answers;  // still to come, the next one last
 
 /// A request as libcurl would make it.
 struct Request {
   std::string url;
-  curl_write_callback take_body = nullptr, take_head = nullptr;
-  void *body_to = nullptr, *head_to = nullptr;
+  curl_write_callback take_body = nullptr;
+  void* self = nullptr;
   long status = 0, timeout_ms = 0;
 };
-std::list<Request*> running;  // of the one search
+std::list<Request*> running;  // of the search
 std::list<CURLMsg> done;
+
+std::string next_answer() {
+  return answers.empty() ? "" : answers.back();
+}
+
+/// The next answer without what its first byte says.
+std::string take_answer() {
+  const std::string text = next_answer();
+  if (!answers.empty()) answers.pop_back();
+  return text.empty() ? "" : text.substr(1);
+}
 
 CURLcode perform(Request& request) {
   const std::string server = request.url.substr(7, request.url.find_first_of("/?#", 7) - 7);
   require(request.url.starts_with("http://") && server.substr(server.rfind('@') + 1).starts_with("192.168.1."),
           "no request leaves the camera's network");
-  if (next_answer == answers.size() || answers[next_answer].empty()) {
-    next_answer = std::min(next_answer + 1, answers.size());
-    pass_ms(request.timeout_ms);
-    return CURLE_OPERATION_TIMEDOUT;
-  }
-  std::string answer = answers[next_answer++];
-  request.status = answer[0] == '2' ? 200 : answer[0] == '5' ? 500 : static_cast<unsigned char>(answer[0]);
-  answer.erase(0, 1);
-  char head[] = "HTTP/1.1 200 OK\r\n";
-  if (request.take_head(head, 1, sizeof(head) - 1, request.head_to) != sizeof(head) - 1) return CURLE_WRITE_ERROR;
-  const std::size_t half = answer.size() / 2;
-  for (const std::size_t at : {std::size_t{0}, half}) {
-    const std::size_t len = at == 0 ? half : answer.size() - half;
-    if (len > 0 && request.take_body(answer.data() + at, 1, len, request.body_to) != len) return CURLE_WRITE_ERROR;
-  }
-  return CURLE_OK;
+  const char first = next_answer().c_str()[0];
+  std::string answer = take_answer();
+  if (first == '\0') pass_ms(request.timeout_ms);
+  if (first == '\0') return CURLE_OPERATION_TIMEDOUT;
+  request.status = first == '2' ? 200 : 500;
+  const std::size_t half = answer.size() / 2, rest = answer.size() - half;
+  const bool taken = request.take_body(answer.data(), 1, half, request.self) == half &&
+                     request.take_body(answer.data() + half, 1, rest, request.self) == rest;
+  return taken ? CURLE_OK : CURLE_WRITE_ERROR;
 }
 
 }  // namespace
@@ -61,12 +65,7 @@ extern "C" {
 
 #undef curl_easy_setopt
 #undef curl_easy_getinfo
-CURL* curl_easy_init() {
-  return new Request;
-}
-void curl_easy_cleanup(CURL* handle) {
-  delete static_cast<Request*>(handle);
-}
+
 CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
   auto& request = *static_cast<Request*>(handle);
   va_list args;
@@ -76,15 +75,11 @@ CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
     require(pugi::xml_document().load_string(va_arg(args, const char*)), "what the router is told is XML");
   if (option == CURLOPT_TIMEOUT_MS) request.timeout_ms = va_arg(args, long);
   if (option == CURLOPT_WRITEFUNCTION) request.take_body = va_arg(args, curl_write_callback);
-  if (option == CURLOPT_HEADERFUNCTION) request.take_head = va_arg(args, curl_write_callback);
-  if (option == CURLOPT_WRITEDATA) request.body_to = va_arg(args, void*);
-  if (option == CURLOPT_HEADERDATA) request.head_to = va_arg(args, void*);
+  if (option == CURLOPT_WRITEDATA) request.self = va_arg(args, void*);
   va_end(args);
   return CURLE_OK;
 }
-CURLcode curl_easy_perform(CURL* handle) {
-  return perform(*static_cast<Request*>(handle));
-}
+
 CURLcode curl_easy_getinfo(CURL* handle, CURLINFO info, ...) {
   va_list args;
   va_start(args, info);
@@ -93,25 +88,20 @@ CURLcode curl_easy_getinfo(CURL* handle, CURLINFO info, ...) {
   return CURLE_OK;
 }
 
-CURLMcode curl_multi_add_handle(CURLM* /*multi*/, CURL* handle) {
-  running.push_back(static_cast<Request*>(handle));
-  return CURLM_OK;
-}
-CURLMcode curl_multi_remove_handle(CURLM* /*multi*/, CURL* handle) {
-  running.remove(static_cast<Request*>(handle));
-  return CURLM_OK;
-}
 CURLMcode curl_multi_poll(CURLM* /*multi*/, curl_waitfd* /*set*/, unsigned /*count*/, int timeout_ms, int* /*ready*/) {
-  const bool comes = next_answer < answers.size() && answers[next_answer].starts_with('S');
-  if (!comes && running.empty()) pass_ms(std::max(timeout_ms, 1));
+  if (next_answer().empty() || (next_answer()[0] != 'S' && running.empty())) pass_ms(std::max(timeout_ms, 1));
   return CURLM_OK;
 }
+
 CURLMcode curl_multi_perform(CURLM* /*multi*/, int* /*left*/) {
-  for (Request* request : running)
-    done.push_back({CURLMSG_DONE, request, {}}), done.back().data.result = perform(*request);
+  for (Request* request : running) {
+    done.push_back({CURLMSG_DONE, request, {}});
+    done.back().data.result = perform(*request);
+  }
   running.clear();
   return CURLM_OK;
 }
+
 CURLMsg* curl_multi_info_read(CURLM* /*multi*/, int* /*left*/) {
   static CURLMsg message;
   if (done.empty()) return nullptr;
@@ -120,39 +110,40 @@ CURLMsg* curl_multi_info_read(CURLM* /*multi*/, int* /*left*/) {
   return &message;
 }
 
-int socket(int /*family*/, int /*type*/, int /*protocol*/) noexcept {
-  return dup(STDIN_FILENO);
-}
-int bind(int /*fd*/, const sockaddr* /*to*/, socklen_t /*len*/) noexcept {
-  return 0;
-}
-int setsockopt(int /*fd*/, int /*level*/, int /*name*/, const void* /*value*/, socklen_t /*len*/) noexcept {
-  return 0;
-}
-ssize_t sendto(int /*fd*/, const void* /*data*/, std::size_t size, int /*flags*/, const sockaddr* /*to*/, socklen_t) {
-  return static_cast<ssize_t>(size);
-}
 ssize_t recvfrom(int /*fd*/, void* to, std::size_t size, int /*flags*/, sockaddr* from, socklen_t* /*len*/) {
-  if (next_answer == answers.size() || !answers[next_answer].starts_with('S')) return -1;
-  const std::string datagram = answers[next_answer++].substr(1);
+  if (!next_answer().starts_with('S')) return -1;
+  const std::string datagram = take_answer();
   sockaddr_in sender{};
   sender.sin_addr.s_addr = htonl(0xC0A80101U + static_cast<unsigned>(datagram.size() % 3));
   std::memcpy(from, &sender, sizeof(sender));
   std::memcpy(to, datagram.data(), std::min(size, datagram.size()));
   return static_cast<ssize_t>(std::min(size, datagram.size()));
 }
+
 int poll(pollfd* /*set*/, nfds_t /*count*/, int timeout_ms) {
   pass_ms(timeout_ms);
   return 0;
 }
+
+// clang-format off
+CURL* curl_easy_init() { return new Request; }
+void curl_easy_cleanup(CURL* handle) { delete static_cast<Request*>(handle); }
+CURLcode curl_easy_perform(CURL* handle) { return perform(*static_cast<Request*>(handle)); }
+CURLMcode curl_multi_add_handle(CURLM*, CURL* handle) { return running.push_back(static_cast<Request*>(handle)), CURLM_OK; }
+CURLMcode curl_multi_remove_handle(CURLM*, CURL* handle) { return running.remove(static_cast<Request*>(handle)), CURLM_OK; }
+int socket(int, int, int) noexcept { return dup(STDIN_FILENO); }
+int bind(int, const sockaddr*, socklen_t) noexcept { return 0; }
+int setsockopt(int, int, int, const void*, socklen_t) noexcept { return 0; }
+ssize_t sendto(int, const void*, std::size_t size, int, const sockaddr*, socklen_t) { return static_cast<ssize_t>(size); }
+// clang-format on
 
 }  // extern "C"
 
 namespace host {
 
 std::vector<Interface> list_interfaces(const Settings& /*settings*/) {
-  return {
-      {"eth0", 2, true, false, {}, inet_addr("192.168.1.20"), inet_addr("255.255.255.0"), inet_addr("192.168.1.1"), 0}};
+  const std::uint32_t own = inet_addr("192.168.1.20"), mask = inet_addr("255.255.255.0");
+  return {{"eth0", 2, true, false, {}, own, mask, inet_addr("192.168.1.1"), 0}};
 }
 std::optional<Interface> active_interface(const Settings& settings, const TextSetting& /*setting*/) {
   return list_interfaces(settings).front();
@@ -204,7 +195,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   setenv("KESTREL_CONF", "/dev/null", 1);
   kestrel::current_record.run = 1;
   answers = split(text_of(data, size), mark);
-  next_answer = 0;
+  std::ranges::reverse(answers);
   MupnpIgd igd{};
   if (kestrel::find_gateway(&igd) != 0) return 0;
   for (const char* text : {igd.friendlyName, igd.manufacturer, igd.modelName}) require(std::strlen(text) < 64, "texts");
