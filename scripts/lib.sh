@@ -11,7 +11,10 @@ build_packages=(
 lab_packages=(python3 iproute2 util-linux procps psmisc nftables miniupnpd-nftables libfaketime)
 # What the checks of style and the tests take beside these.
 check_packages=(clang-format clang-tidy shellcheck mandoc binutils tinyproxy tshark chromium chromium-driver)
-export build_packages lab_packages check_packages
+# What making the Debian packages takes, and what trying them in a clean Debian takes beside that.
+packaging_packages=(dpkg-dev gzip)
+trial_packages=(debootstrap lintian iproute2 util-linux procps systemd)
+export build_packages lab_packages check_packages packaging_packages trial_packages
 
 # say WORDS: one line for the person at the terminal, on standard error.
 say() {
