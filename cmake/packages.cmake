@@ -5,6 +5,20 @@ set(KESTREL_MAINTAINER "The kestreld authors <maintainers@kestreld.invalid>" CAC
   "Who answers for the Debian packages")
 set(KESTREL_PACKAGE_REVISION 1 CACHE STRING "What follows the version in the Debian packages' versions")
 
+# A version stands in these, too, as their own communities have it.
+set(named_in_debian/changelog "kestreld (${PROJECT_VERSION}-")
+set(named_in_buildroot/package/kestreld/kestreld.mk "KESTRELD_VERSION = ${PROJECT_VERSION}\n")
+foreach(file debian/changelog buildroot/package/kestreld/kestreld.mk)
+  file(READ ${packaging}/${file} text)
+  string(FIND "${text}" "${named_in_${file}}" place)
+  if(place EQUAL -1)
+    message(FATAL_ERROR "packaging/${file} is of another version than ${PROJECT_VERSION}: bring it up to date.")
+  endif()
+endforeach()
+if(NOT EXISTS ${packaging}/yocto/recipes-connectivity/kestreld/kestreld_${PROJECT_VERSION}.bb)
+  message(FATAL_ERROR "packaging/yocto has no recipe kestreld_${PROJECT_VERSION}.bb: rename the one that is there.")
+endif()
+
 # kestrel_service(NAME COMPONENT): a systemd unit, whose program is where the installation's prefix says.
 function(kestrel_service name component)
   install(CODE "

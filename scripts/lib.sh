@@ -18,7 +18,11 @@ bench_packages=(
   libnfnetlink0
 )
 bench_daemons=(minissdpd wsdd2 inadyn)
-export build_packages lab_packages check_packages fuzz_packages bench_packages bench_daemons
+# What making the Debian packages takes, and what trying them in a clean Debian takes beside that.
+packaging_packages=(dpkg-dev gzip)
+trial_packages=(debootstrap lintian iproute2 util-linux procps systemd)
+export build_packages lab_packages check_packages fuzz_packages bench_packages bench_daemons packaging_packages
+export trial_packages
 
 # say WORDS: one line for the person at the terminal, on standard error.
 say() {
