@@ -484,12 +484,17 @@ TEST_F(FinderTest, FirstAndLastDnsServer) {
       {"# dns\nsearch a.test b.test\n\tnameserver\t192.0.2.1 # x\noptions\nnameserver\n", "c000020100000000", 0},
       {"nameserver 2001:db8::1\nnameserver router\nnameserver 192.0.2.1\n", "c000020100000000", 2},
       {"Nameserver 192.0.2.1\nnameservers 192.0.2.2\n#nameserver 192.0.2.3\n", "0000000000000000", 0}};
+  const int lowest = dup(STDERR_FILENO);
+  close(lowest);
   for (const auto& [file, wanted, errors] : rows) {
     write_file("/etc/resolv.conf", file);
     EXPECT_EQ(servers(), hex(wanted)) << file;
     EXPECT_EQ(fake.console.size(), errors) << file;
     for (const std::string& line : fake.console) EXPECT_TRUE(line.starts_with("Finderd_get_dns: ")) << line;
   }
+  const int next = dup(STDERR_FILENO);
+  EXPECT_EQ(next, lowest) << "the file is closed";
+  close(next);
   unlink("/etc/resolv.conf");
   EXPECT_EQ(servers(), Bytes(8, '\0'));
   EXPECT_EQ(fake.console, Texts{"Finderd_get_dns: No such file or directory\n"});
@@ -748,6 +753,22 @@ TEST_F(FinderTest, RepliesToNeighboursThatDoNotExistAreNotWaitedFor) {
   EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
   EXPECT_EQ(fake.console, Texts{"sendto: Resource temporarily unavailable\n"});
   EXPECT_GE(sent, 2000U);  // there is room for them: 600 forged requests in the 3 s that a neighbour is looked for
+}
+
+TEST_F(FinderTest, NoReplyGoesToEverybody) {
+  start();
+  const std::tuple<const char*, const char*, bool> rows[] = {
+      {"255.0.0.0", "255.255.255.255", true},  {"255.0.0.0", "127.255.255.255", true},
+      {"255.0.0.0", "127.0.0.0", true},        {"255.0.0.0", "127.0.0.255", false},
+      {"255.255.255.0", "127.0.1.255", false}, {"255.255.255.254", "127.0.0.1", false},
+      {"255.255.255.255", "127.0.0.1", false}};
+  const std::vector<std::uint8_t> reply(334);
+  for (const auto& [mask, to, stands_for_all] : rows) {
+    finder.served.ifinfo[0].mask = inet_addr(mask);
+    finder.peer = {AF_INET, htons(9), {inet_addr(to)}, {}};
+    EXPECT_EQ(Finderd_send(reply.data(), 334), stands_for_all ? 0 : 1) << mask << to;
+    EXPECT_EQ(fake.console, Texts{}) << mask << to;
+  }
 }
 
 // ---- The loop ----

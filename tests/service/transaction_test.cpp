@@ -558,6 +558,7 @@ TEST_F(Transaction, AliasFollowUp) {
     for (const std::string& line : fake.log) log += line;
     EXPECT_TRUE(log.ends_with(row.log)) << row.what << "\n" << log;
     EXPECT_EQ(fake_logged("return fail.\n") + fake_logged("return success.\n"), row.attempts) << row.what;
+    EXPECT_EQ(fake_logged("update alias URL\n"), row.attempts > 0 ? 1U : 0U) << row.what;
     EXPECT_LE(fake_open_sockets(), 1) << row.what;
   }
   start();
