@@ -15,6 +15,7 @@
 
 #include "fake_platform/fixture.h"
 #include "finder/finder.h"
+#include "finder/operations.h"
 #include "finder/packet.h"
 #include "finder/record.h"
 #include "service/requests.h"
@@ -407,6 +408,18 @@ TEST_F(FinderTest, OnlyTheAdministratorWithHisPasswordIsServed) {
     expect(row);
     EXPECT_EQ(fake_logged("Unknown opcode"), row.outcome == silence ? 1 : 0) << row.name;
   }
+}
+
+TEST_F(FinderTest, WhatIsNotThereIsNotTouched) {
+  EXPECT_EQ(Finderd_check_user(nullptr, nullptr), 0U);
+  EXPECT_EQ(Finderd_get_time(nullptr), 0);
+  FinderReply reply{};
+  reply.payload_len = 4;
+  put_bytes(reply, 5, "x", 1);  // behind the payload, and across its end
+  put_bytes(reply, 3, "xy", 2);
+  put_bytes(reply, 2, "zz", 2);
+  const char* const payload = reinterpret_cast<const char*>(reply.bytes) + finder_header_len;
+  EXPECT_EQ(Bytes(payload, 8), Bytes("\0\0zz\0\0\0\0", 8));
 }
 
 TEST_F(FinderTest, PasswordsAreCheckedTwentyTimesAndThenTenTimesASecond) {
