@@ -15,6 +15,7 @@
 
 #include "fake_platform/fixture.h"
 #include "finder/finder.h"
+#include "finder/operations.h"
 #include "finder/packet.h"
 #include "finder/record.h"
 #include "service/requests.h"
@@ -409,6 +410,18 @@ TEST_F(FinderTest, OnlyTheAdministratorWithHisPasswordIsServed) {
   }
 }
 
+TEST_F(FinderTest, WhatIsNotThereIsNotTouched) {
+  EXPECT_EQ(Finderd_check_user(nullptr, nullptr), 0U);
+  EXPECT_EQ(Finderd_get_time(nullptr), 0);
+  FinderReply reply{};
+  reply.payload_len = 4;
+  put_bytes(reply, 5, "x", 1);  // behind the payload, and across its end
+  put_bytes(reply, 3, "xy", 2);
+  put_bytes(reply, 2, "zz", 2);
+  const char* const payload = reinterpret_cast<const char*>(reply.bytes) + finder_header_len;
+  EXPECT_EQ(Bytes(payload, 8), Bytes("\0\0zz\0\0\0\0", 8));
+}
+
 TEST_F(FinderTest, PasswordsAreCheckedTwentyTimesAndThenTenTimesASecond) {
   start();
   const auto served = [&](std::size_t opcode) {
@@ -489,12 +502,17 @@ TEST_F(FinderTest, FirstAndLastDnsServer) {
       {"# dns\nsearch a.test b.test\n\tnameserver\t192.0.2.1 # x\noptions\nnameserver\n", "c000020100000000", 0},
       {"nameserver 2001:db8::1\nnameserver router\nnameserver 192.0.2.1\n", "c000020100000000", 2},
       {"Nameserver 192.0.2.1\nnameservers 192.0.2.2\n#nameserver 192.0.2.3\n", "0000000000000000", 0}};
+  const int lowest = dup(STDERR_FILENO);
+  close(lowest);
   for (const auto& [file, wanted, errors] : rows) {
     write_file("/etc/resolv.conf", file);
     EXPECT_EQ(servers(), hex(wanted)) << file;
     EXPECT_EQ(fake.console.size(), errors) << file;
     for (const std::string& line : fake.console) EXPECT_TRUE(line.starts_with("Finderd_get_dns: ")) << line;
   }
+  const int next = dup(STDERR_FILENO);
+  EXPECT_EQ(next, lowest) << "the file is closed";
+  close(next);
   unlink("/etc/resolv.conf");
   EXPECT_EQ(servers(), Bytes(8, '\0'));
   EXPECT_EQ(fake.console, Texts{"Finderd_get_dns: No such file or directory\n"});
@@ -753,6 +771,22 @@ TEST_F(FinderTest, RepliesToNeighboursThatDoNotExistAreNotWaitedFor) {
   EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
   EXPECT_EQ(fake.console, Texts{"sendto: Resource temporarily unavailable\n"});
   EXPECT_GE(sent, 2000U);  // there is room for them: 600 forged requests in the 3 s that a neighbour is looked for
+}
+
+TEST_F(FinderTest, NoReplyGoesToEverybody) {
+  start();
+  const std::tuple<const char*, const char*, bool> rows[] = {
+      {"255.0.0.0", "255.255.255.255", true},  {"255.0.0.0", "127.255.255.255", true},
+      {"255.0.0.0", "127.0.0.0", true},        {"255.0.0.0", "127.0.0.255", false},
+      {"255.255.255.0", "127.0.1.255", false}, {"255.255.255.254", "127.0.0.1", false},
+      {"255.255.255.255", "127.0.0.1", false}};
+  const std::vector<std::uint8_t> reply(334);
+  for (const auto& [mask, to, stands_for_all] : rows) {
+    finder.served.ifinfo[0].mask = inet_addr(mask);
+    finder.peer = {AF_INET, htons(9), {inet_addr(to)}, {}};
+    EXPECT_EQ(Finderd_send(reply.data(), 334), stands_for_all ? 0 : 1) << mask << to;
+    EXPECT_EQ(fake.console, Texts{}) << mask << to;
+  }
 }
 
 // ---- The loop ----

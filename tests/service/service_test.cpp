@@ -19,6 +19,7 @@
 #include "service/post_body.h"
 #include "service/requests.h"
 #include "service/token.h"
+#include "service/xml_value.h"
 #include "support/child.h"
 #include "support/nettle_cipher.h"
 
@@ -52,6 +53,19 @@ TEST(Blowfish, Cfb8IsNettlesForEveryLengthOfTextAndKey) {
     bf_cfb8_decrypt(nettle_cipher::bytes(buffer), size, raw(key), key_len, cipher_iv, cipher_iv_len);
     EXPECT_EQ(buffer, text) << len;
     text += static_cast<char>(len * 73 + 11);
+  }
+  const std::string before = text;
+  bf_cfb8_encrypt(nettle_cipher::bytes(text), 1, raw(text), 0, cipher_iv, cipher_iv_len);  // no key
+  bf_cfb8_encrypt(nettle_cipher::bytes(text), 1, raw(text), 8, cipher_iv, cipher_iv_len - 1);
+  EXPECT_EQ(text, before);
+}
+
+TEST(XmlValue, ATagThatIsTooLongIsNotThere) {
+  for (const unsigned len : {62U, 63U, 64U}) {  // the longest, one whose end is too long, and a longer one
+    const std::string tag(len, 't');
+    char out[2] = "";
+    EXPECT_EQ(get_xml_value(("<" + tag + ">1</" + tag + ">").c_str(), tag.c_str(), len, out, 2), len == 62 ? 1 : 0);
+    EXPECT_STREQ(out, len == 62 ? "1" : "");
   }
 }
 

@@ -305,20 +305,6 @@ TEST_F(Transaction, AChallengeIsAnsweredWithTheNextRequest) {
   }
 }
 
-TEST_F(Transaction, WhatIsLeftOpenIsClosedByTheNextOfItsKind) {
-  for (const Subject& subject : subjects) {
-    if (!subject.leaves_open) continue;
-    start();
-    for (int i = 0; i < 5; ++i) exchange(subject, {.usable = false});
-    EXPECT_EQ(fake_open_sockets(), 1) << subject.name;
-    exchange(subjects[daip], {});
-    EXPECT_EQ(fake_open_sockets(), 1) << subject.name;
-    fake.always["connect"] = -1;
-    exchange(subject, {});
-    EXPECT_EQ(fake_open_sockets(), 0) << subject.name;
-  }
-}
-
 TEST_F(Transaction, WhenTheDaemonIsToEndAnExchangeHasHalfASecond) {
   ctx.run = 0;
   EXPECT_EQ(exchange(subjects[eip], {}), 1);
@@ -558,6 +544,7 @@ TEST_F(Transaction, AliasFollowUp) {
     for (const std::string& line : fake.log) log += line;
     EXPECT_TRUE(log.ends_with(row.log)) << row.what << "\n" << log;
     EXPECT_EQ(fake_logged("return fail.\n") + fake_logged("return success.\n"), row.attempts) << row.what;
+    EXPECT_EQ(fake_logged("update alias URL\n"), row.attempts > 0 ? 1U : 0U) << row.what;
     EXPECT_LE(fake_open_sockets(), 1) << row.what;
   }
   start();
