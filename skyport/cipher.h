@@ -1,6 +1,5 @@
 // Bodies as the service takes them apart and answers.
-#ifndef KESTREL_SKYPORT_CIPHER_H
-#define KESTREL_SKYPORT_CIPHER_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -19,5 +18,3 @@ struct RequestBody {
 RequestBody decode_request(std::string_view base64);
 
 }  // namespace skyport
-
-#endif

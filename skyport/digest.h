@@ -1,7 +1,6 @@
 // HTTP Digest (RFC 2617, MD5, qop "auth" or none), the server's side. A nonce serves every path,
 // method and listener of the service, unless the scope is "path".
-#ifndef KESTREL_SKYPORT_DIGEST_H
-#define KESTREL_SKYPORT_DIGEST_H
+#pragma once
 
 #include <cstdint>
 #include <deque>
@@ -60,5 +59,3 @@ class NonceTable {
 std::string target_path(std::string_view target);
 
 }  // namespace skyport
-
-#endif

@@ -1,6 +1,5 @@
 // The status port's stream of what happens, for pages that follow it (server-sent events).
-#ifndef KESTREL_SKYPORT_EVENTS_H
-#define KESTREL_SKYPORT_EVENTS_H
+#pragma once
 
 #include "http.h"
 #include "requests.h"
@@ -12,5 +11,3 @@ namespace skyport {
 Answer get_events(Service& service, const Request& request);
 
 }  // namespace skyport
-
-#endif

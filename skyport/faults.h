@@ -1,7 +1,6 @@
 // Faults that a person or a test asks of the service: which path, what goes wrong, when and how often.
 // Written PATH:KIND[=ARG][@WHEN][*COUNT]; docs/bench.md lists the kinds.
-#ifndef KESTREL_SKYPORT_FAULTS_H
-#define KESTREL_SKYPORT_FAULTS_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -90,5 +89,3 @@ class FaultList {
 };
 
 }  // namespace skyport
-
-#endif

@@ -1,7 +1,6 @@
 // HTTP listeners on libmicrohttpd: a thread a connection, bounded in number, size and idle time. What ends without a
 // request that HTTP allows is told, too.
-#ifndef KESTREL_SKYPORT_HTTP_H
-#define KESTREL_SKYPORT_HTTP_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -66,5 +65,3 @@ class Listener {
 std::string raw_answer(const Answer& answer, const std::string& length_header, const std::string& body);
 
 }  // namespace skyport
-
-#endif

@@ -1,7 +1,6 @@
 // Sockets and time: listeners, the connection back to a camera, raw sends, and waits that end when
 // the service stops.
-#ifndef KESTREL_SKYPORT_NET_H
-#define KESTREL_SKYPORT_NET_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -50,5 +49,3 @@ struct ConnectResult {
 ConnectResult try_connect(const Endpoint& endpoint, double timeout_s, int stop_fd);
 
 }  // namespace skyport
-
-#endif

@@ -1,6 +1,5 @@
 // The command line of skyport.
-#ifndef KESTREL_SKYPORT_OPTIONS_H
-#define KESTREL_SKYPORT_OPTIONS_H
+#pragma once
 
 #include "requests.h"
 
@@ -11,5 +10,3 @@ namespace skyport {
 int read_options(int argc, char** argv, Settings& settings);
 
 }  // namespace skyport
-
-#endif

@@ -1,6 +1,5 @@
 // The page of the status port: its files, compiled in.
-#ifndef KESTREL_SKYPORT_PAGE_H
-#define KESTREL_SKYPORT_PAGE_H
+#pragma once
 
 #include "http.h"
 
@@ -10,5 +9,3 @@ namespace skyport {
 Answer page_file(const char* path);
 
 }  // namespace skyport
-
-#endif

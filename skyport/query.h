@@ -1,6 +1,5 @@
 // The query of a request's target: names and values behind its '?'.
-#ifndef KESTREL_SKYPORT_QUERY_H
-#define KESTREL_SKYPORT_QUERY_H
+#pragma once
 
 #include <cstdint>
 #include <initializer_list>
@@ -19,5 +18,3 @@ struct QueryField {
 std::string read_query(const std::string& target, std::initializer_list<QueryField> fields);
 
 }  // namespace skyport
-
-#endif

@@ -1,7 +1,6 @@
 // The service's requests: what each path wants and does, and the decision on one request from its
 // Authorization header to its answer.
-#ifndef KESTREL_SKYPORT_REQUESTS_H
-#define KESTREL_SKYPORT_REQUESTS_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -54,5 +53,3 @@ Answer decide(Service& service, const Request& request, bool relay_only, Exchang
 std::string alias_error(const std::string& name);
 
 }  // namespace skyport
-
-#endif

@@ -1,6 +1,5 @@
 // The service's listeners, and the faults that break an answer on the wire.
-#ifndef KESTREL_SKYPORT_SERVER_H
-#define KESTREL_SKYPORT_SERVER_H
+#pragma once
 
 #include "http.h"
 #include "requests.h"
@@ -15,5 +14,3 @@ Answer serve_request(Service& service, const Request& request, bool relay_only);
 void note_broken(Service& service, const Request& request, unsigned status, const std::string& error);
 
 }  // namespace skyport
-
-#endif

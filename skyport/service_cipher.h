@@ -1,7 +1,6 @@
 // The cipher between a camera and its service, by nettle: Blowfish in 8-bit cipher feedback, carried in base64. The
 // one implementation outside the daemon: the bench service, the tools and the tests check the daemon's own with it.
-#ifndef KESTREL_SKYPORT_SERVICE_CIPHER_H
-#define KESTREL_SKYPORT_SERVICE_CIPHER_H
+#pragma once
 
 #include <cstddef>
 #include <initializer_list>
@@ -44,5 +43,3 @@ std::string seal(std::string_view plain);
 std::string unseal(std::string_view text);
 
 }  // namespace service_cipher
-
-#endif

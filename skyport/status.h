@@ -1,6 +1,5 @@
 // The status port: what the service knows, for people and scripts, and the orders that it takes.
-#ifndef KESTREL_SKYPORT_STATUS_H
-#define KESTREL_SKYPORT_STATUS_H
+#pragma once
 
 #include "http.h"
 #include "requests.h"
@@ -11,5 +10,3 @@ namespace skyport {
 Answer serve_status(Service& service, const Request& request);
 
 }  // namespace skyport
-
-#endif

@@ -1,6 +1,5 @@
 // What the status port tells, as JSON.
-#ifndef KESTREL_SKYPORT_STATUS_JSON_H
-#define KESTREL_SKYPORT_STATUS_JSON_H
+#pragma once
 
 #include <nlohmann/json.hpp>
 #include <string>
@@ -18,5 +17,3 @@ Json device_json(const Service& service, const Device& device);
 Json exchange_json(const Service& service, const Exchange& exchange);
 
 }  // namespace skyport
-
-#endif

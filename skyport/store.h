@@ -1,7 +1,6 @@
 // What the service keeps: registrations, reports, aliases and connect-back results in SQLite, and the last exchanges in
 // memory, of which a file has a copy for the next run. Any thread may call. A failing database throws StoreError.
-#ifndef KESTREL_SKYPORT_STORE_H
-#define KESTREL_SKYPORT_STORE_H
+#pragma once
 
 #include <cstdint>
 #include <deque>
@@ -140,5 +139,3 @@ class ExchangeLog {
 };
 
 }  // namespace skyport
-
-#endif

@@ -1,6 +1,5 @@
 // The state of the service as plain text, for people at a terminal.
-#ifndef KESTREL_SKYPORT_TEXT_PAGE_H
-#define KESTREL_SKYPORT_TEXT_PAGE_H
+#pragma once
 
 #include "http.h"
 #include "requests.h"
@@ -11,5 +10,3 @@ namespace skyport {
 Answer text_page(Service& service);
 
 }  // namespace skyport
-
-#endif

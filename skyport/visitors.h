@@ -1,6 +1,5 @@
 // Who may use the status port: it has no password, so a page of the internet in this machine's browser must not.
-#ifndef KESTREL_SKYPORT_VISITORS_H
-#define KESTREL_SKYPORT_VISITORS_H
+#pragma once
 
 #include <string>
 
@@ -14,5 +13,3 @@ namespace skyport {
 std::string visitor_error(const Request& request);
 
 }  // namespace skyport
-
-#endif

@@ -1,7 +1,6 @@
 // The fake platform: every function of src/platform, the waits, the shell and the log, by the same symbols. One
 // plain record says what they answer and keeps what they were asked.
-#ifndef KESTREL_TESTS_FAKE_PLATFORM_H
-#define KESTREL_TESTS_FAKE_PLATFORM_H
+#pragma once
 
 #include <cstdint>
 #include <deque>
@@ -135,5 +134,3 @@ int fake_open_sockets();
 void fake_record(const std::string& call);
 int fake_result(const char* function, int natural);
 void fake_fill(char* out, std::size_t size, const std::string& text);
-
-#endif

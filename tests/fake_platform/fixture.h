@@ -1,6 +1,5 @@
 // The fixture of every test on the fake platform.
-#ifndef KESTREL_TESTS_FIXTURE_H
-#define KESTREL_TESTS_FIXTURE_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -11,5 +10,3 @@ class FakeTest : public ::testing::Test {
   void SetUp() override { fake_reset(); }
   void TearDown() override { fake_reset(); }
 };
-
-#endif

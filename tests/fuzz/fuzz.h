@@ -1,6 +1,5 @@
 // What a fuzz target is: LLVMFuzzerTestOneInput and the inputs that mutation starts from.
-#ifndef KESTREL_TESTS_FUZZ_H
-#define KESTREL_TESTS_FUZZ_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -42,5 +41,3 @@ inline Texts split(std::string_view text, std::string_view at) {
   parts.emplace_back(text);
   return parts;
 }
-
-#endif

@@ -187,6 +187,8 @@ extern "C" int kill(pid_t /*pid*/, int /*number*/) noexcept {
 
 namespace kestrel {
 
+int DbgLevel = debug_file;
+
 /// Reads every text to its end.
 int debug_log(const char* format, ...) {
   static char line[2048];

@@ -1,7 +1,6 @@
 // What the state machine calls, in the place of service/, upnp/ and net/server_location.cpp: the results come from
 // the fake platform's scripts, by the names of the trace.
-#ifndef KESTREL_TESTS_REGSTATE_FAKES_H
-#define KESTREL_TESTS_REGSTATE_FAKES_H
+#pragma once
 
 #include <utility>
 #include <vector>
@@ -56,5 +55,3 @@ class RegstateTest : public FakeTest {
 };
 
 }  // namespace kestrel
-
-#endif

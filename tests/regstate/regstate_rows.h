@@ -1,6 +1,5 @@
 // The transition tables of the states as data, written out with all that a path does, and what is explored.
-#ifndef KESTREL_TESTS_REGSTATE_ROWS_H
-#define KESTREL_TESTS_REGSTATE_ROWS_H
+#pragma once
 
 #include <cstdio>
 #include <cstring>
@@ -333,5 +332,3 @@ inline Rows start_rows() {
 }
 
 }  // namespace kestrel
-
-#endif

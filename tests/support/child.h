@@ -1,6 +1,5 @@
 // Runs a piece of a test in a process of its own, and keeps what it prints.
-#ifndef KESTREL_TESTS_CHILD_H
-#define KESTREL_TESTS_CHILD_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -90,5 +89,3 @@ inline bool own_folder(const char* path) {
 inline bool own_tmp() {
   return own_namespaces(0) && own_folder("/tmp");
 }
-
-#endif

@@ -1,6 +1,5 @@
 // What libtessel's HTTP reader makes of a peer's bytes, as one text.
-#ifndef KESTREL_TESTS_HTTP_RESPONSE_H
-#define KESTREL_TESTS_HTTP_RESPONSE_H
+#pragma once
 
 #include <cstdlib>
 #include <string>
@@ -26,5 +25,3 @@ inline std::string read_response(int fd) {
   ILibForceClose(&reader);
   return seen;
 }
-
-#endif

@@ -1,6 +1,5 @@
 // The service's cipher as the bench has it, by nettle: what the daemon's own is checked against.
-#ifndef KESTREL_TESTS_NETTLE_CIPHER_H
-#define KESTREL_TESTS_NETTLE_CIPHER_H
+#pragma once
 
 #include <cstdint>
 #include <cstring>
@@ -19,5 +18,3 @@ inline const std::uint8_t* bytes(const std::string& text) {
 }
 
 }  // namespace nettle_cipher
-
-#endif

@@ -1,6 +1,5 @@
 // What the daemon did, as one text: calls of the fakes and log lines in their order, each ended by '/'.
-#ifndef KESTREL_TESTS_TRACE_H
-#define KESTREL_TESTS_TRACE_H
+#pragma once
 
 #include <algorithm>
 #include <functional>
@@ -89,5 +88,3 @@ class Trace {
   std::string text_;
   std::size_t logged_ = 0;
 };
-
-#endif

@@ -1,7 +1,6 @@
 // What the camera and its remote-access service encipher: bodies, answers, request tokens and the
 // refer file. All of them are Blowfish in 8-bit cipher feedback, in base64; keys and wrapping differ.
-#ifndef KESTREL_TOOLS_BODY_H
-#define KESTREL_TOOLS_BODY_H
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -42,5 +41,3 @@ Result decode_any(std::string_view input);
 Result encode(Kind kind, std::string_view text, std::string_view digits);
 
 }  // namespace decode
-
-#endif

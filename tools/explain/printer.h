@@ -1,6 +1,5 @@
 // Printing the story and the verdict, for people and as JSON. All foreign text is made printable here.
-#ifndef KESTREL_TOOLS_EXPLAIN_PRINTER_H
-#define KESTREL_TOOLS_EXPLAIN_PRINTER_H
+#pragma once
 
 #include <cstdint>
 #include <ctime>
@@ -55,5 +54,3 @@ class Printer {
 };
 
 }  // namespace explain
-
-#endif

@@ -1,6 +1,5 @@
 // Lines out of files, of standard input, or of a log that a daemon is writing. No line takes more memory than another.
-#ifndef KESTREL_TOOLS_EXPLAIN_READER_H
-#define KESTREL_TOOLS_EXPLAIN_READER_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -59,5 +58,3 @@ struct FollowCalls {
 void follow_file(const std::string& path, const FollowCalls& calls);
 
 }  // namespace explain
-
-#endif

@@ -1,6 +1,5 @@
 // A copy of a log without its secrets.
-#ifndef KESTREL_TOOLS_EXPLAIN_REDACT_H
-#define KESTREL_TOOLS_EXPLAIN_REDACT_H
+#pragma once
 
 #include <cstdint>
 #include <map>
@@ -59,5 +58,3 @@ enum class Redacted {
 Redacted redact_files(const std::vector<std::string>& paths, const std::string& output, Addresses addresses);
 
 }  // namespace explain
-
-#endif

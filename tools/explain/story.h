@@ -1,6 +1,5 @@
 // The story in a log: events, cycle by cycle, out of lines.
-#ifndef KESTREL_TOOLS_EXPLAIN_STORY_H
-#define KESTREL_TOOLS_EXPLAIN_STORY_H
+#pragma once
 
 #include <cstdint>
 #include <functional>
@@ -80,5 +79,3 @@ class Story {
 };
 
 }  // namespace explain
-
-#endif

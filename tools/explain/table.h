@@ -1,6 +1,5 @@
 // The table of the daemon's log lines (log_lines.txt, which is compiled in) and finding a line in it.
-#ifndef KESTREL_TOOLS_EXPLAIN_TABLE_H
-#define KESTREL_TOOLS_EXPLAIN_TABLE_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -50,5 +49,3 @@ long long number(const Match& match, std::size_t index);
 std::string_view trimmed(std::string_view text);
 
 }  // namespace explain
-
-#endif

@@ -1,6 +1,5 @@
 // The verdict: whether the camera can be reached, since when, and why not.
-#ifndef KESTREL_TOOLS_EXPLAIN_VERDICT_H
-#define KESTREL_TOOLS_EXPLAIN_VERDICT_H
+#pragma once
 
 #include <cstdint>
 #include <map>
@@ -73,5 +72,3 @@ class Judge {
 };
 
 }  // namespace explain
-
-#endif

@@ -1,7 +1,6 @@
 // Finding cameras and asking one of them: surveys merged per camera, a camera by MAC address,
 // address or name, and a request with its repeats.
-#ifndef KESTREL_TOOLS_CAMERAS_H
-#define KESTREL_TOOLS_CAMERAS_H
+#pragma once
 
 #include <functional>
 #include <optional>
@@ -68,5 +67,3 @@ Record camera_record(const Camera& camera);
 Record whose(const Camera& camera);
 
 }  // namespace finder
-
-#endif

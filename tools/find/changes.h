@@ -1,6 +1,5 @@
 // The commands that ask one camera as its administrator, or change it.
-#ifndef KESTREL_TOOLS_CHANGES_H
-#define KESTREL_TOOLS_CHANGES_H
+#pragma once
 
 #include "commands.h"
 
@@ -13,5 +12,3 @@ Exit domain(const Options& options, const Network& network);
 Exit operations(const Options& options, const Network& network);
 
 }  // namespace finder
-
-#endif

@@ -1,6 +1,5 @@
 // The commands of kestrel-find as one table.
-#ifndef KESTREL_TOOLS_COMMANDS_H
-#define KESTREL_TOOLS_COMMANDS_H
+#pragma once
 
 #include <optional>
 #include <span>
@@ -48,5 +47,3 @@ struct Command {
 std::span<const Command> commands();
 
 }  // namespace finder
-
-#endif

@@ -1,6 +1,5 @@
 // Datagrams to and from cameras: one socket per interface, repeated sends, replies until a deadline.
-#ifndef KESTREL_TOOLS_NET_H
-#define KESTREL_TOOLS_NET_H
+#pragma once
 
 #include <netinet/in.h>
 
@@ -61,5 +60,3 @@ void catch_interrupts();
 void pause_for(Milliseconds time);
 
 }  // namespace finder
-
-#endif

@@ -1,7 +1,6 @@
 // What the tool prints: records as text, as table rows, as JSON or as fields, and texts of the network made
 // harmless for a terminal.
-#ifndef KESTREL_TOOLS_OUTPUT_H
-#define KESTREL_TOOLS_OUTPUT_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -79,5 +78,3 @@ std::string fields_of(const Record& record, Columns columns);
 void complain(std::string_view sentence);
 
 }  // namespace finder
-
-#endif

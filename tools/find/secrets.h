@@ -1,6 +1,5 @@
 // Where the administrator's password and a person's consent come from: never the argument list.
-#ifndef KESTREL_TOOLS_SECRETS_H
-#define KESTREL_TOOLS_SECRETS_H
+#pragma once
 
 #include <string>
 
@@ -15,5 +14,3 @@ std::string read_password(const std::string& file, const std::string& user);
 bool confirm(const std::string& text);
 
 }  // namespace finder
-
-#endif

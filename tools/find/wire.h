@@ -1,8 +1,7 @@
 // The LAN finder protocol as a PC tool sees it: offset tables, one encoder, one decoder.
 // Datagrams go to UDP port 62977 of the camera and come back from there. Integers are
 // little-endian, addresses are in network order, texts end at a NUL or at the end of their field.
-#ifndef KESTREL_TOOLS_WIRE_H
-#define KESTREL_TOOLS_WIRE_H
+#pragma once
 
 #include <netinet/in.h>
 
@@ -228,5 +227,3 @@ std::optional<Mac> parse_mac(std::string_view text);
 std::string to_text(in_addr address);
 
 }  // namespace finder
-
-#endif

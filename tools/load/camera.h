@@ -1,6 +1,5 @@
 // A camera's life as the service sees it: the requests of a cycle in their order, with the daemon's waits between them.
-#ifndef KESTREL_LOAD_CAMERA_H
-#define KESTREL_LOAD_CAMERA_H
+#pragma once
 
 #include <atomic>
 #include <condition_variable>
@@ -45,5 +44,3 @@ void live(const Plan& plan, Credentials account, double start_s, Figures& figure
 double steady_s();
 
 }  // namespace load
-
-#endif

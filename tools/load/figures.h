@@ -1,6 +1,5 @@
 // What the exchanges of all cameras came to: counts and times by path, and a row for each where it is wanted.
-#ifndef KESTREL_LOAD_FIGURES_H
-#define KESTREL_LOAD_FIGURES_H
+#pragma once
 
 #include <cstdio>
 #include <map>
@@ -44,5 +43,3 @@ class Figures {
 };
 
 }  // namespace load
-
-#endif

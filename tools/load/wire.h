@@ -1,6 +1,5 @@
 // One exchange with the service as a camera makes it: a connection, a request with Digest credentials, an answer.
-#ifndef KESTREL_LOAD_WIRE_H
-#define KESTREL_LOAD_WIRE_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -31,5 +30,3 @@ struct Outcome {
 Outcome ask(const Endpoint& service, Credentials& credentials, const std::string& path, const std::string& xml);
 
 }  // namespace load
-
-#endif

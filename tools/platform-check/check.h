@@ -1,7 +1,6 @@
 // kestrel-platform-check: the camera's own platform libraries, called as the daemon calls them and watched. A function
 // is a row of a table; most rows are outputs with sizes, which one probe judges.
-#ifndef KESTREL_PLATFORM_CHECK_H
-#define KESTREL_PLATFORM_CHECK_H
+#pragma once
 
 #include <array>
 #include <cstddef>
@@ -90,5 +89,3 @@ int open_descriptors();
 inline constexpr char overwritten[] = "has its memory overwritten: mend the library before anything else";
 
 }  // namespace platform_check
-
-#endif
