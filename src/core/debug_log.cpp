@@ -90,14 +90,11 @@ void rotate() {
   rename(debug_log_path, debug_log_old_path);
 }
 
-/// Asked once, not for every line.
-const uid_t own_uid = geteuid();
-
 /// The present file, when it is ours and nobody else's to read; passwords are logged. Never through a link.
 int open_own() {
   const int fd = open(debug_log_path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   struct stat status {};
-  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == own_uid &&
+  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
       (status.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
     return fd;
   }

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -42,6 +41,7 @@ std::atomic<bool> all_ended{false};  // end_exchanges was called
 enum WatchState : int { no_watch, watch_starts, watch_runs };
 std::atomic<int> watch_state{no_watch};
 std::atomic<int> wake_fd{-1};
+constexpr eventfd_t one = 1;  // wakes
 /// When the watch looks again by itself, as a deadline; 0 while it looks, and when nothing is due.
 std::atomic<std::uint32_t> next_look{0};
 
@@ -153,7 +153,7 @@ ExchangeWatch::~ExchangeWatch() {
     Slot& mine = slots[static_cast<std::size_t>(slot)];
     mine.deadline = 0;
     // Whoever holds it does so for the length of one system call.
-    for (int fd = own; !mine.fd.compare_exchange_strong(fd, free_slot); fd = own) sched_yield();
+    for (int fd = own; !mine.fd.compare_exchange_strong(fd, free_slot); fd = own) poll(nullptr, 0, 1);
   }
   close(own);
 }
@@ -165,7 +165,8 @@ void ExchangeWatch::limit(unsigned ms) const {
     slots[static_cast<std::size_t>(slot)].deadline = deadline;
     // The watch that looks in time anyway is left asleep: most exchanges are over long before.
     const std::uint32_t look = next_look;
-    if (look == 0 || static_cast<std::int32_t>(deadline - look) < 0) static_cast<void>(eventfd_write(wake_fd, 1));
+    if (look == 0 || static_cast<std::int32_t>(deadline - look) < 0)
+      static_cast<void>(!write(wake_fd, &one, sizeof(one)));
     return;
   }
   const std::uint32_t seconds = quotient<1000>(ms);
