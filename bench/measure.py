@@ -251,7 +251,7 @@ def survey(name: str, what: str, wanted: float) -> list[Figure]:
     ratio, wall = (statistics.median(column) for column in zip(*both))
     row = "surveys" if name == "finder_survey_bench" else "surveys-host"
     return [Figure(row, f"{what}: rate", f"(by the wall's clock {wall:.2f})", "select loop 1", ratio, AT_LEAST, wanted),
-            Figure(row, f"{what}: system calls", f"{each:.2f}, with a look at a file every 5 ms", "select loop 3", round(each),
+            Figure(row, f"{what}: system calls", f"{each:.2f}, with a look at a file now and then", "select loop 3", round(each),
                    AT_MOST, 3)]
 
 

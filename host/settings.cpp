@@ -33,8 +33,8 @@ struct Stamp {
 struct Cache {
   std::mutex mutex;
   bool loaded = false;
-  bool settled = false;        // the file was old enough when read that a later change shows in its time
-  std::int64_t looked_ns = 0;  // when the file was last looked at, on the monotonic clock
+  bool settled = false;  // the file was old enough when read that a later change shows in its time
+  unsigned stores = 0;   // changes made here
   std::string path;
   Stamp stamp;
   std::shared_ptr<const Settings> settings;
@@ -50,8 +50,15 @@ Cache& cache() {
 constexpr std::int64_t ns_per_s = 1000000000;
 // File times advance with the kernel's tick (up to 10 ms): two changes within one can look the same.
 constexpr std::int64_t settling_ns = 20000000;
-// Getters are called in bursts, a dozen for one answer: a look at the file serves them all.
-constexpr std::int64_t look_period_ns = 5000000;
+// Getters are called in bursts, a dozen for one answer: a look at the file serves those of a thread in that time.
+constexpr std::int64_t look_period_ns = 1000000;
+
+/// A thread's last look at the file.
+struct Look {
+  std::int64_t at_ns = 0;  // on the monotonic clock
+  unsigned stores = 0;     // that had been made then
+};
+thread_local Look last_look;
 
 std::int64_t in_ns(const timespec& time) {
   return static_cast<std::int64_t>(time.tv_sec) * ns_per_s + time.tv_nsec;
@@ -68,10 +75,9 @@ bool is_settled(const Stamp& stamp) {
   return std::abs(in_ns(now) - stamp.changed_ns) > settling_ns;
 }
 
-/// A clock of the kernel's ticks is exact enough, and costs next to nothing.
 std::int64_t monotonic_ns() {
   timespec now{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  clock_gettime(CLOCK_MONOTONIC, &now);
   return in_ns(now);
 }
 
@@ -182,11 +188,12 @@ std::shared_ptr<const Settings> recent_settings(std::int64_t age_ns) {
   Cache& state = cache();
   const std::lock_guard lock(state.mutex);
   const std::int64_t now = monotonic_ns();
-  if (state.settled && now - state.looked_ns < age_ns && path == state.path) return state.settings;
+  const bool fresh = now - last_look.at_ns < age_ns && last_look.stores == state.stores;
+  if (fresh && state.settled && path == state.path) return state.settings;
   struct stat seen {};
   const Stamp stamp = stat(path, &seen) == 0 ? stamp_of(seen) : Stamp{};
   if (!state.loaded || !state.settled || stamp != state.stamp || path != state.path) reload(state, path, stamp);
-  state.looked_ns = now;
+  last_look = {now, state.stores};
   return state.settings;
 }
 
@@ -203,7 +210,7 @@ std::shared_ptr<const Settings> current_settings() {
 void look_again() {
   Cache& state = cache();
   const std::lock_guard lock(state.mutex);
-  state.looked_ns = 0;
+  ++state.stores;
 }
 
 void complain(const std::string& path, const std::string& sentence) {

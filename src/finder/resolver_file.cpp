@@ -63,8 +63,10 @@ bool refresh(DnsServers& servers) {
   if (servers.settled && now - servers.looked_ms < look_period_ms) return true;
   struct stat status {};
   if (stat(resolver_path, &status) != 0) return false;
-  servers.looked_ms = now;
-  if (is_same_file(servers, status)) return true;
+  if (is_same_file(servers, status)) {
+    servers.looked_ms = now;
+    return true;
+  }
   std::FILE* file = std::fopen(resolver_path, "re");
   if (file == nullptr) return false;
   servers = {};
@@ -76,6 +78,7 @@ bool refresh(DnsServers& servers) {
   servers.inode = status.st_ino;
   servers.size = status.st_size;
   servers.changed = status.st_ctim;
+  servers.looked_ms = now;
   servers.settled = std::time(nullptr) - status.st_ctim.tv_sec >= settling_s;
   return true;
 }

@@ -41,7 +41,7 @@ enum class Direction { encrypt, decrypt };
 
 void cfb8(Direction direction, unsigned char* buffer, std::int32_t len, const unsigned char* key, int key_len,
           const unsigned char* iv, int iv_len) {
-  if (iv_len != static_cast<int>(blowfish_block_len) || key_len < 1) return;
+  if (len < 1 || iv_len != static_cast<int>(blowfish_block_len) || key_len < 1) return;
   BlowfishState state;
   bf_key_schedule(&state, key, static_cast<std::int16_t>(key_len));
   // The shift register is a pair of words, the oldest byte highest.

@@ -10,8 +10,10 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
 
@@ -41,16 +43,23 @@ std::atomic<bool> all_ended{false};  // end_exchanges was called
 enum WatchState : int { no_watch, watch_starts, watch_runs };
 std::atomic<int> watch_state{no_watch};
 std::atomic<int> wake_fd{-1};
-constexpr eventfd_t one = 1;  // wakes
 /// When the watch looks again by itself, as a deadline; 0 while it looks, and when nothing is due.
 std::atomic<std::uint32_t> next_look{0};
 
 constexpr std::size_t watch_stack_len = 131072;  // bytes of address space; two pages of it are touched
 
+/// What is over is shut down again until its owner is done: a socket that is not connecting yet does not take it.
+constexpr unsigned repeat_ms = 100;
+
 std::uint32_t now_ms() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<std::uint32_t>(now.tv_sec) * 1000U + quotient<1'000'000>(static_cast<std::uint32_t>(now.tv_nsec));
+}
+
+/// Never 0, which is none; a millisecond does not matter.
+std::uint32_t deadline_in(unsigned ms) {
+  return (now_ms() + ms) | 1U;
 }
 
 /// Milliseconds to the deadline, which may lie in the past.
@@ -69,8 +78,8 @@ void end_exchange(Slot& slot) {
   int fd = slot.fd;
   if (fd < 0 || !slot.fd.compare_exchange_strong(fd, held_slot)) return;
   if (all_ended || is_over(slot)) {
-    slot.deadline = 0;
     shutdown(fd, SHUT_RDWR);
+    slot.deadline = deadline_in(repeat_ms);
   }
   slot.fd = fd;
 }
@@ -83,7 +92,8 @@ int end_overdue() {
     if (all_ended || is_over(slot)) end_exchange(slot);
     const std::uint32_t deadline = slot.deadline;
     if (deadline == 0) continue;
-    const std::int32_t left = ms_left(deadline) > 0 ? ms_left(deadline) : 1;
+    // Looked at once: below 0 it would have poll wait for ever.
+    const std::int32_t left = std::max(ms_left(deadline), 1);
     if (next < 0 || left < next) next = left;
   }
   return next;
@@ -95,12 +105,17 @@ void* watch(void* /*unused*/) {
     // A deadline that is set from here on is either seen, or its owner finds no look announced, and wakes.
     next_look = 0;
     const int ms = end_overdue();
-    if (ms > 0) next_look = (now_ms() + static_cast<unsigned>(ms)) | 1U;
+    if (ms > 0) next_look = deadline_in(static_cast<unsigned>(ms));
     if (poll(&woken, 1, ms) <= 0) continue;
     eventfd_t count = 0;
     static_cast<void>(eventfd_read(wake_fd, &count));
   }
   return nullptr;
+}
+
+void wake() {
+  constexpr eventfd_t one = 1;
+  static_cast<void>(!write(wake_fd, &one, sizeof(one)));
 }
 
 bool start_watch() {
@@ -151,22 +166,21 @@ ExchangeWatch::~ExchangeWatch() {
   if (own < 0) return;
   if (slot >= 0) {
     Slot& mine = slots[static_cast<std::size_t>(slot)];
-    mine.deadline = 0;
     // Whoever holds it does so for the length of one system call.
-    for (int fd = own; !mine.fd.compare_exchange_strong(fd, free_slot); fd = own) poll(nullptr, 0, 1);
+    for (int fd = own; !mine.fd.compare_exchange_strong(fd, held_slot); fd = own) poll(nullptr, 0, 1);
+    mine.deadline = 0;
+    mine.fd = free_slot;
   }
   close(own);
 }
 
 void ExchangeWatch::limit(unsigned ms) const {
   if (slot >= 0 && have_watch()) {
-    // Never 0, which is none; a millisecond does not matter.
-    const std::uint32_t deadline = (now_ms() + ms) | 1U;
+    const std::uint32_t deadline = deadline_in(ms);
     slots[static_cast<std::size_t>(slot)].deadline = deadline;
     // The watch that looks in time anyway is left asleep: most exchanges are over long before.
     const std::uint32_t look = next_look;
-    if (look == 0 || static_cast<std::int32_t>(deadline - look) < 0)
-      static_cast<void>(!write(wake_fd, &one, sizeof(one)));
+    if (look == 0 || all_ended || static_cast<std::int32_t>(deadline - look) < 0) wake();
     return;
   }
   const std::uint32_t seconds = quotient<1000>(ms);
@@ -176,8 +190,11 @@ void ExchangeWatch::limit(unsigned ms) const {
 }
 
 void end_exchanges() {
+  const int saved_errno = errno;
   all_ended = true;
   for (Slot& slot : slots) end_exchange(slot);
+  wake();  // for a slot that was held, and a socket that was not connecting yet
+  errno = saved_errno;
 }
 
 }  // namespace kestrel

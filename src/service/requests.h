@@ -53,7 +53,7 @@ constexpr std::size_t first_connection_len = 4096;
 [[nodiscard]] int conn_report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report);
 
 /// Ends every exchange under way at once: it counts as not answered. Called when the daemon is to end; an exchange
-/// that begins after that has half a second. Async-signal-safe.
+/// that begins after that has a tenth of a second. Async-signal-safe; keeps errno.
 void end_exchanges();
 
 /// Writes the refer file, which other components of the camera read, at the platform's path: a JavaScript

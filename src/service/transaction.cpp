@@ -92,7 +92,8 @@ packetheader* build_packet(const Request& request, Route& route, const char* bod
   return httpBuildPacket3(auth.user, route.server, service_port, route.path, method, length, length_len);
 }
 
-/// Serialises the packet and appends the body. Returns the request, which the caller frees; null when it does not fit.
+/// Serialises the packet and appends the body. Returns the request, which the caller frees; null when it does not fit,
+/// and when there is no memory, which sets `out_len` to 0.
 char* make_out(const Request& request, packetheader* packet, const char* body, int& out_len) {
   if (packet == nullptr) return nullptr;
   char* raw = nullptr;
@@ -104,6 +105,7 @@ char* make_out(const Request& request, packetheader* packet, const char* body, i
   const bool fits = head_len > 0 && len <= request.send_len;
   char* out = fits ? static_cast<char*>(std::realloc(raw, len + 1)) : nullptr;
   if (out == nullptr) {
+    if (fits) out_len = 0;
     std::free(raw);
     return nullptr;
   }
@@ -168,8 +170,7 @@ void take_challenge(const Request& request, packetheader_field_node* fields, Aut
   auth.on = 1;
   log_if(log.challenge_taken);
   read_challenge(fields, auth);
-  // The next request makes its own; this one is seen in the log alone.
-  if (DbgLevel != 0) fresh_cnonce(auth);
+  fresh_cnonce(auth);
   copy_text(auth.uri, request.challenge_uri);
   copy_text(auth.method, request.method);
   auth.nc = 1;
@@ -287,9 +288,9 @@ int run_exchange(DeviceContext& ctx, const Request& request, const char (&server
   log_if(request.log->auth_on, static_cast<int>(auth.on));
   Route route;
   choose_route(ctx, request, server, route);
-  int out_len = 0;
+  int out_len = -1;
   char* out = make_out(request, build_packet(request, route, body, auth), body, out_len);
-  if (out == nullptr && auth.on == 1) {
+  if (out == nullptr && out_len < 0 && auth.on == 1) {
     // A challenge that cannot be answered must not end all requests: without credentials there is a new one.
     auth.on = 0;
     out = make_out(request, build_packet(request, route, body, auth), body, out_len);

@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -221,6 +222,25 @@ TEST_F(Connect, NobodyAnswersInTimeOrWithinTheExchangesLimit) {
   EXPECT_LT(seconds_of([&] { EXPECT_EQ(connect_within(20), -1); }), 5);
 }
 
+TEST_F(Connect, AnExitRequestBeforeTheConnectionEndsIt) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // no exchange of that process runs after it
+  EXPECT_EXIT(
+      {
+        listen(listener_, 0);
+        for (int i = 0; i < 4; ++i) connect(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0), address(), sizeof(peer_));
+        const ExchangeWatch watch(sock_);
+        end_exchanges();
+        watch.limit(500);
+        poll(nullptr, 0, 50);
+        const double took_s = seconds_of([&] {
+          connect_within(20);
+          send(sock_, "x", 1, MSG_NOSIGNAL);
+        });
+        std::_Exit(took_s < 3 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
 TEST_F(Connect, ADescriptorBeyondTheSetIsRefused) {
   listen(listener_, 1);
   rlimit limit{};
@@ -262,6 +282,19 @@ TEST(Watch, EndsItsOwnExchangeAtItsTimeAndNoOtherSocket) {
     close(taken);
   }
   for (const int fd : {first[0], first[1], second[0], second[1]}) close(fd);
+}
+
+TEST(Watch, ALimitBehindALookThatIsDueAnywayIsKept) {
+  int sockets[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+  ExchangeWatch(sockets[0]).limit(150);
+  poll(nullptr, 0, 20);
+  const ExchangeWatch later(sockets[0]);
+  later.limit(500);
+  char byte = 0;
+  const double took_s = seconds_of([&] { EXPECT_EQ(recv(sockets[0], &byte, 1, 0), 0); });
+  EXPECT_TRUE(took_s > 0.3 && took_s < 5) << took_s;
+  for (const int fd : sockets) close(fd);
 }
 
 TEST(Watch, WithoutAWatcherTheSocketsOwnTimeOutsServe) {
