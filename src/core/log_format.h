@@ -40,9 +40,9 @@ struct LogFormat {
   }
 };
 
-/// Logs a text of a table, when there is one.
+/// Logs a text of a table, when there is one. Not in its callers' place: there are many.
 template <char... Conversions>
-void log_if(LogFormat<Conversions...> format, typename LogArgument<Conversions>::type... args) {
+[[gnu::noinline]] void log_if(LogFormat<Conversions...> format, typename LogArgument<Conversions>::type... args) {
   if (format.text == nullptr) return;
   if constexpr (sizeof...(Conversions) == 0) {
     debug_log("%s", format.text);

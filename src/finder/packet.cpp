@@ -2,7 +2,6 @@
 // fields stand at odd offsets.
 #include "finder/packet.h"
 
-#include <cctype>
 #include <cstring>
 
 #include "core/text.h"
@@ -14,6 +13,13 @@ namespace {
 void store_u16(std::uint8_t* at, std::uint16_t value) {
   at[0] = static_cast<std::uint8_t>(value & 0xFF);
   at[1] = static_cast<std::uint8_t>(value >> 8);
+}
+
+/// A hexadecimal digit's value, -1 for any other character.
+int hex_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  const int letter = (c | 0x20) - 'a';
+  return letter >= 0 && letter < 6 ? letter + 10 : -1;
 }
 
 }  // namespace
@@ -53,10 +59,7 @@ void put_text(FinderReply& reply, std::size_t offset, std::size_t size, const ch
 void parse_mac(const char* text, std::uint8_t (&mac)[finder_mac_len]) {
   for (std::uint8_t& byte : mac) {
     byte = 0;
-    for (; std::isxdigit(static_cast<unsigned char>(*text)) != 0; ++text) {
-      const int digit = *text <= '9' ? *text - '0' : (*text | 0x20) - 'a' + 10;
-      byte = static_cast<std::uint8_t>(byte << 4 | digit);
-    }
+    for (int digit = 0; (digit = hex_value(*text)) >= 0; ++text) byte = static_cast<std::uint8_t>(byte << 4 | digit);
     if (*text == ':') ++text;
   }
 }

@@ -1,7 +1,7 @@
 // Connecting with a time limit, see connect.h.
 #include "service/connect.h"
 
-#include <sys/ioctl.h>
+#include <fcntl.h>
 #include <sys/select.h>
 #include <sys/time.h>
 
@@ -53,7 +53,9 @@ int await_connection(int sock, int timeout_s) {
 }  // namespace
 
 int SetNonBlock(int fd, int on) {
-  return ioctl(fd, FIONBIO, &on) == 0 ? 1 : 0;
+  const int flags = fcntl(fd, F_GETFL);
+  const int wanted = on != 0 ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
+  return fcntl(fd, F_SETFL, wanted) == 0 ? 1 : 0;
 }
 
 int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s) {
