@@ -169,6 +169,21 @@ void begin_line(Line& line, const char* start) {
   errno = saved_errno;
 }
 
+constexpr int no_reason = -1;
+
+void write_error(const char* text, int reason) {
+  const int saved_errno = errno;
+  Line line;
+  begin_line(line, text);
+  if (reason != no_reason) {
+    put_text(line, ": ", 2);
+    put_text(line, std::strerror(reason), scratch_len);
+    put_char(line, '\n');
+  }
+  write_console(STDERR_FILENO, line);
+  errno = saved_errno;
+}
+
 }  // namespace
 
 void never_wait_for_console() {
@@ -200,22 +215,11 @@ void print_console(const char* format, ...) {
 }
 
 void print_error_text(const char* text) {
-  const int saved_errno = errno;
-  Line line;
-  begin_line(line, text);
-  write_console(STDERR_FILENO, line);
-  errno = saved_errno;
+  write_error(text, no_reason);
 }
 
 void print_error(const char* what) {
-  const int saved_errno = errno;
-  Line line;
-  begin_line(line, what);
-  put_text(line, ": ", 2);
-  put_text(line, std::strerror(saved_errno), scratch_len);
-  put_char(line, '\n');
-  write_console(STDERR_FILENO, line);
-  errno = saved_errno;
+  write_error(what, errno);
 }
 
 }  // namespace kestrel
