@@ -50,7 +50,8 @@ Cache& cache() {
 constexpr std::int64_t ns_per_s = 1000000000;
 // File times advance with the kernel's tick (up to 10 ms): two changes within one can look the same.
 constexpr std::int64_t settling_ns = 20000000;
-// Getters are called in bursts, a dozen for one answer: a look at the file serves those of a thread in that time.
+// Getters are called in bursts, a dozen for one answer: a look at the file serves those of a thread in that
+// time, or in the kernel's tick if that is longer.
 constexpr std::int64_t look_period_ns = 1000000;
 
 /// A thread's last look at the file.
@@ -75,9 +76,10 @@ bool is_settled(const Stamp& stamp) {
   return std::abs(in_ns(now) - stamp.changed_ns) > settling_ns;
 }
 
+/// The kernel's tick, of up to 10 ms, costs a fraction of the exact time.
 std::int64_t monotonic_ns() {
   timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return in_ns(now);
 }
 

@@ -71,8 +71,8 @@ bool is_set(const Settings& settings, const char* group, const char* key);
 std::optional<std::string> text_of(const Settings& settings, const TextSetting& setting);
 std::optional<std::uint32_t> number_of(const Settings& settings, const NumberSetting& setting);
 
-/// The same for the settings as they are now, or were at this thread's last look, a millisecond ago at most: one stat
-/// serves a burst of getters.
+/// The same for the settings as they are now, or were at this thread's last look, a tick of the kernel (10 ms) ago at
+/// most: one stat serves a burst of getters.
 std::optional<std::string> text_now(const TextSetting& setting);
 std::optional<std::uint32_t> number_now(const NumberSetting& setting);
 

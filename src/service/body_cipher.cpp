@@ -67,9 +67,13 @@ int encipher_body(char* body, std::size_t size, LogFormat<'d'> bodylen_format) {
   make_service_key(key);
   log_if(bodylen_format, len);
   bf_cfb8_encrypt(cipher, len, as_bytes(key), service_key_len, cipher_iv, cipher_iv_len);
-  std::memset(body, 0, size);
+  // No more than was touched already; and an end, whatever the library does.
+  std::memset(body, 0, plain_len);
   int encoded = 0;
-  if (base64_len(static_cast<std::size_t>(len)) < size) encoded = b64_encode(cipher, static_cast<unsigned>(len), body);
+  if (base64_len(static_cast<std::size_t>(len)) < size) {
+    body[base64_len(static_cast<std::size_t>(len))] = '\0';
+    encoded = b64_encode(cipher, static_cast<unsigned>(len), body);
+  }
   std::free(cipher);
   return encoded;
 }

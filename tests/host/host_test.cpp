@@ -163,10 +163,10 @@ TEST_F(Host, NoChangeIsLostBetweenThreadsAndProcesses) {
   EXPECT_EQ(read_file(conf), with(expected, "redirsrv_ip=", "redirsrv_ip=10.0.0.39"));
 }
 
-TEST_F(Host, AChangeByAnotherHandIsSeenInTwoMilliseconds) {
-  for (int i = 0; i < 100; ++i) {
+TEST_F(Host, AChangeByAnotherHandIsSeenWithinATick) {
+  for (int i = 0; i < 30; ++i) {
     write_file(conf, with(sample, "enabled=1", i % 2 == 0 ? "enabled=0" : "enabled=1"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(12));
     char enabled = 9;
     ASSERT_EQ(cre_get_skyport_enable_state(&enabled), 1);
     ASSERT_EQ(enabled, i % 2) << i;
