@@ -8,10 +8,9 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <string_view>
+
+#include "piece.h"
 
 namespace {
 
@@ -80,29 +79,10 @@ bool spdlog_off(int count) {
   return true;
 }
 
-struct Row {
-  std::string_view name;
-  bool (*run)(int count);
-};
-
-constexpr Row pieces[] = {{"openssl", openssl}, {"gcrypt", gcrypt}, {"curl", curl}, {"spdlog-off", spdlog_off}};
+constexpr Piece pieces[] = {{"openssl", openssl}, {"gcrypt", gcrypt}, {"curl", curl}, {"spdlog-off", spdlog_off}};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  for (const Row& row : pieces) {
-    if (argc != 3 || row.name != argv[1]) continue;
-    timespec before{}, after{};
-    clock_gettime(CLOCK_MONOTONIC, &before);
-    if (!row.run(std::atoi(argv[2]))) {
-      std::fprintf(stderr, "peers: %s failed\n", argv[1]);
-      return 1;
-    }
-    clock_gettime(CLOCK_MONOTONIC, &after);
-    std::printf("%.9f\n", static_cast<double>(after.tv_sec - before.tv_sec) +
-                              static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e9);
-    return 0;
-  }
-  std::fputs("usage: peers PIECE COUNT; the pieces are the rows of peers.cpp\n", stderr);
-  return 2;
+  return run_piece("peers", pieces, argc, argv);
 }

@@ -10,13 +10,11 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <string_view>
 
 #include "core/debug_log.h"
 #include "core/text.h"
+#include "piece.h"
 #include "service/blowfish.h"
 #include "service/requests.h"
 
@@ -24,8 +22,6 @@ namespace {
 
 constexpr char log_line[] = "/tmp/bench_log.txt";
 constexpr std::size_t body_len = 704;
-
-using Piece = bool (*)(int count);
 
 bool log_lines(int count) {
   for (int i = 0; i < count; ++i) kestrel::debug_log(" connect to %s:%d\n", "192.0.2.10", i);
@@ -111,12 +107,7 @@ bool bare_exchanges(int count) {
   return true;
 }
 
-struct Row {
-  std::string_view name;
-  Piece run;
-};
-
-constexpr Row pieces[] = {
+constexpr Piece pieces[] = {
     {"nothing", nothing},
     {"log-off", log_off},
     {"log-on", log_on},
@@ -129,19 +120,5 @@ constexpr Row pieces[] = {
 }  // namespace
 
 int main(int argc, char** argv) {
-  for (const Row& row : pieces) {
-    if (argc != 3 || row.name != argv[1]) continue;
-    timespec before{}, after{};
-    clock_gettime(CLOCK_MONOTONIC, &before);
-    if (!row.run(std::atoi(argv[2]))) {
-      std::fprintf(stderr, "pieces: %s failed\n", argv[1]);
-      return 1;
-    }
-    clock_gettime(CLOCK_MONOTONIC, &after);
-    std::printf("%.9f\n", static_cast<double>(after.tv_sec - before.tv_sec) +
-                              static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e9);
-    return 0;
-  }
-  std::fputs("usage: pieces PIECE COUNT; the pieces are the rows of pieces.cpp\n", stderr);
-  return 2;
+  return run_piece("pieces", pieces, argc, argv);
 }

@@ -40,7 +40,7 @@ struct LogFormat {
   }
 };
 
-/// Logs a text of a table, when there is one. Not in its callers' place: there are many.
+/// Logs a text of a table, when there is one. Never inlined: its callers are many, and the daemon is to be small.
 template <char... Conversions>
 [[gnu::noinline]] void log_if(LogFormat<Conversions...> format, typename LogArgument<Conversions>::type... args) {
   if (format.text == nullptr) return;

@@ -38,7 +38,7 @@ int report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report, char (
   srv_get_first_connection(record);
   terminate(record);
   if (std::strcmp(record, last_report) == 0) return request_ok;
-  PostBody body = begin_body(text, sizeof(text), plain_len);
+  PostBody body = begin_body(text, plain_len);
   put(body, "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<ldev>\n%s</ldev>\n", record);
   if (!body.fits) {
     debug_log("[kestreld] *** first-connection record too long, not reported\n");

@@ -18,6 +18,12 @@ struct PostBody {
 /// more than the digits take.
 [[nodiscard]] PostBody begin_body(char* text, std::size_t size, std::size_t plain_size);
 
+/// The same for a whole array, which may be all plain text.
+template <std::size_t N>
+[[nodiscard]] PostBody begin_body(char (&text)[N], std::size_t plain_size = N) {
+  return begin_body(text, N, plain_size);
+}
+
 /// Appends formatted XML, as printf formats it.
 [[gnu::format(printf, 2, 3)]] void put(PostBody& body, const char* format, ...);
 

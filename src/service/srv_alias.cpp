@@ -83,7 +83,7 @@ int srv_alias(DeviceContext* ctx, const char* alias, char* verdict) {
   debug_log("------------------------[ %s:%d ]------------------------\n", alias_request.name, __LINE__);
   debug_log(" auth_info->on=%d\n", static_cast<int>(ctx->auth_info.on));
   char text[plain_len];
-  PostBody body = begin_body(text, sizeof(text), sizeof(text));
+  PostBody body = begin_body(text);
   put(body,
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
       "<ldev>\n<hid>%s</hid>\n<redirip>%s</redirip>\n<ah>%s</ah>\n</ldev>\n",

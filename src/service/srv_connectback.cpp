@@ -53,7 +53,7 @@ int srv_connectback(DeviceContext* dev) {
     return request_no_answer;
   }
   char text[plain_len];
-  PostBody body = begin_body(text, sizeof(text), sizeof(text));
+  PostBody body = begin_body(text);
   put(body,
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
       "<ldev>\n"

@@ -36,7 +36,7 @@ int srv_enable_dev_account(DeviceContext* ctx, int enable, AuthenticateInfo* aut
   debug_log(" hid=%s\n", ctx->hid);
   debug_log(" Enable=%d\n", enable);
   char text[plain_len];
-  PostBody body = begin_body(text, sizeof(text), sizeof(text));
+  PostBody body = begin_body(text);
   put(body,
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
       "<ldev>\n<hid>%s</hid>\n<enable>%d</enable>\n</ldev>\n",

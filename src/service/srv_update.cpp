@@ -120,7 +120,7 @@ int srv_update(DeviceContext* dev, unsigned* /*word*/, AuthenticateInfo* info) {
   gather(*dev, particulars);
   log_values(*dev, particulars);
   char text[plain_len];
-  PostBody body = begin_body(text, sizeof(text), sizeof(text));
+  PostBody body = begin_body(text);
   write_update(body, *dev, particulars);
   debug_log("----------sz_xml_data packet----------\n");
   debug_log("%s\n", text);

@@ -127,7 +127,7 @@ TEST_F(Service, ABodyThatDoesNotFitIsRefused) {
   }
   char text[16];
   for (const char* value : {"12", "123"}) {
-    PostBody body = begin_body(text, sizeof(text), sizeof(text));
+    PostBody body = begin_body(text);
     put(body, "<a>");
     put(body, "%s</a>", value);
     EXPECT_EQ(body.fits, std::strlen(value) == 2) << text;
