@@ -87,7 +87,7 @@ bool bare_exchange() {
   to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   to.sin_port = htons(80);
   fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-  connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+  static_cast<void>(connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof(to)));
   pollfd ready{fd, POLLOUT, 0};
   int error = 0;
   socklen_t len = sizeof(error);
