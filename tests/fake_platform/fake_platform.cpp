@@ -29,7 +29,7 @@ template <typename... Args>
 int answer(const char* function, int natural, const Args&... args) {
   std::string call = function;
   ((call += ' ' + shown(args)), ...);
-  fake_record(call);
+  fake_record(std::move(call));
   return fake_result(function, natural);
 }
 
@@ -63,12 +63,13 @@ int keep(const char* function, T& stored, V wanted) {
 
 }  // namespace
 
-void fake_record(const std::string& call) {
+void fake_record(std::string call) {
+  const std::string told = fake.on_call ? call : "";
   {
     const std::lock_guard lock(fake_mutex);
-    fake.calls.push_back(call);
+    fake.calls.push_back(std::move(call));
   }
-  if (fake.on_call) fake.on_call(call);
+  if (fake.on_call) fake.on_call(told);
 }
 
 int fake_result(const char* function, int natural) {

@@ -52,8 +52,8 @@ struct FakePlatform {
   // ---- What the functions answer ----
 
   /// Results by function, one a call; then `always`; then what the function would say by itself (mostly 1).
-  std::map<std::string, std::deque<int>> once;
-  std::map<std::string, int> always;
+  std::map<std::string, std::deque<int>, std::less<>> once;
+  std::map<std::string, int, std::less<>> always;
   /// Asked before both; for tests that choose every result of every call.
   std::function<std::optional<int>(const char* function)> decide;
 
@@ -131,6 +131,6 @@ std::size_t fake_logged(const std::string& part);
 int fake_open_sockets();
 
 // For the fakes themselves.
-void fake_record(const std::string& call);
+void fake_record(std::string call);
 int fake_result(const char* function, int natural);
 void fake_fill(char* out, std::size_t size, const std::string& text);
