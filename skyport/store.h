@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "body.h"
+
 struct sqlite3;
 
 namespace skyport {
@@ -19,9 +21,6 @@ namespace skyport {
 struct StoreError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
-
-/// Elements of a body in their order: name, text.
-using Fields = std::vector<std::pair<std::string, std::string>>;
 
 /// Times are wall-clock milliseconds.
 struct ConnectBack {
