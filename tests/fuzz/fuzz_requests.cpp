@@ -44,7 +44,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     }
   }
   const std::string text = input.substr(std::min(header.size() + 1, input.size()));
-  const std::string sent = header + "\n" == plain_xml ? nettle_cipher::seal(text) : text;
+  const std::string sent =
+      header + "\n" == plain_xml ? nettle_cipher::seal(text + std::string(-text.size() % 8, '\0')) : text;
   skyport::RequestBody body;
   skyport::Fields leaves;
   const std::string error = skyport::read_body(sent, skyport::update_elements, body, leaves);
