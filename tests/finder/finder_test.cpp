@@ -414,12 +414,12 @@ TEST_F(FinderTest, WhatIsNotThereIsNotTouched) {
   EXPECT_EQ(Finderd_check_user(nullptr, nullptr), 0U);
   EXPECT_EQ(Finderd_get_time(nullptr), 0);
   FinderReply reply{};
-  reply.payload_len = 4;
-  put_bytes(reply, 5, "x", 1);  // behind the payload, and across its end
-  put_bytes(reply, 3, "xy", 2);
-  put_bytes(reply, 2, "zz", 2);
-  const char* const payload = reinterpret_cast<const char*>(reply.bytes) + finder_header_len;
-  EXPECT_EQ(Bytes(payload, 8), Bytes("\0\0zz\0\0\0\0", 8));
+  put_text(reply, 64, "x");
+  reply.len = sizeof(reply.bytes) - 2;
+  put_bytes(reply, "xyz", 3);
+  EXPECT_EQ(reply.len, sizeof(reply.bytes) - 2);
+  put_bytes(reply, "zz", 2);
+  EXPECT_EQ(Bytes(reinterpret_cast<const char*>(reply.bytes) + sizeof(reply.bytes) - 4, 4), Bytes("\0\0zz", 4));
 }
 
 TEST_F(FinderTest, PasswordsAreCheckedTwentyTimesAndThenTenTimesASecond) {
