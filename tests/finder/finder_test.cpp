@@ -29,7 +29,8 @@ constexpr int really = -2;  // goes on to the system's
 
 static std::function<int(int nfds, const timeval& limit)> on_select;
 static std::function<int(const kestrel::DeviceContext*, AuthenticateInfo& auth, char* last_report)> on_report;
-static int refused_option, send_result;           // of setsockopt and sendto
+constexpr int bind_itself = -1;
+static int failing, send_result;                  // of setsockopt, or bind_itself; of sendto
 static std::map<int, int> options;                // that setsockopt was asked for
 static std::uint64_t now_ms = 1'000'000'000'000;  // in the place of the monotonic clock
 
@@ -48,14 +49,17 @@ extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
 }
 extern "C" int setsockopt(int fd, int level, int option, const void* value, socklen_t len) noexcept {
   if (option != SO_BINDTODEVICE) std::memcpy(&options[option], value, sizeof(int));
-  return option == refused_option ? -1 : static_cast<int>(syscall(SYS_setsockopt, fd, level, option, value, len));
+  return option == failing ? -1 : static_cast<int>(syscall(SYS_setsockopt, fd, level, option, value, len));
+}
+extern "C" int bind(int fd, const sockaddr* at, socklen_t len) noexcept {
+  return failing == bind_itself ? -1 : static_cast<int>(syscall(SYS_bind, fd, at, len));
 }
 extern "C" ssize_t sendto(int fd, const void* data, std::size_t len, int flags, const sockaddr* to, socklen_t to_len) {
   errno = EAGAIN;
   return send_result != really ? send_result : syscall(SYS_sendto, fd, data, len, flags, to, to_len);
 }
 extern "C" int select(int nfds, fd_set* reads, fd_set* writes, fd_set* excepts, timeval* limit) {
-  const int result = on_select ? on_select(nfds, *limit) : really;
+  const int result = on_select(nfds, *limit);
   const timespec until{limit->tv_sec, limit->tv_usec * 1000};
   return result != really ? result : pselect(nfds, reads, writes, excepts, &until, nullptr);
 }
@@ -68,7 +72,7 @@ extern "C" int poll(pollfd* look, nfds_t count, int limit_ms) {
 namespace kestrel {
 
 int conn_report(DeviceContext* ctx, AuthenticateInfo* auth, char* last_report) {
-  return on_report ? on_report(ctx, *auth, last_report) : request_ok;
+  return on_report(ctx, *auth, last_report);
 }
 
 namespace {
@@ -83,6 +87,8 @@ bool shell(const std::string& command) {
 class World : public ::testing::Environment {
   void SetUp() override {
     own_world = own_namespaces(CLONE_NEWNET) && own_folder("/etc") && shell("ip link set lo up");
+    const rlimit descriptors{4096, 4096};
+    setrlimit(RLIMIT_NOFILE, &descriptors);
   }
 };
 [[maybe_unused]] const auto* const world = ::testing::AddGlobalTestEnvironment(new World);
@@ -140,9 +146,8 @@ const Bytes silence;
 const Bytes op_list_answer = answer(0, hex("a100a200a300a400a500a600a700a800a900aa00ab00ac00ad00ae00af00b000b100"));
 
 IFINFO interface(const char* ip) {
-  IFINFO info{{0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F}, {}, inet_addr(ip), inet_addr("255.0.0.0"), 0, 0};
-  info.gateway = inet_addr("10.1.2.254");
-  return info;
+  const in_addr_t mask = inet_addr("255.0.0.0"), gateway = inet_addr("10.1.2.254");
+  return {{0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F}, {}, inet_addr(ip), mask, 0, gateway};
 }
 
 using Given = std::function<void()>;
@@ -167,9 +172,10 @@ class FinderTest : public FakeTest {
     FakeTest::SetUp();
     setenv("TZ", "XXX-2", 1);  // two hours ahead of UTC
     if (own_world) write_file("/etc/resolv.conf", "nameserver 192.0.2.1\nnameserver 9.9.9.9\nnameserver 192.0.2.3\n");
-    on_select = nullptr;
-    on_report = nullptr;
+    on_select = [](int, const timeval&) { return really; };
+    on_report = [](const DeviceContext*, AuthenticateInfo&, char*) { return request_ok; };
     send_result = really;
+    failing = 0;
     now_ms += 5;  // so long a look at the resolver's file serves
     fake.interfaces = {ACT_IF_INFO{"", "02:90:5e:aA:Bf:cc", "", "", ""}};
     fake.metrics = {{0, "lo"}};
@@ -329,27 +335,22 @@ TEST_F(FinderTest, OnlyWhatIsExactlyARequestIsAnswered) {
   };
   const std::tuple<const char*, Bytes, bool> rows[] = {
       {"bytes that are not read", with(12, "ffffffffffffffff"), true},
-      {"payload that nobody needs", request(op_survey, "x"), true},
-      {"first byte of the magic", with(0, "fefd"), false},
       {"second byte of the magic", with(0, "fdfe"), false},
       {"length 0 of 23 bytes", survey + "x", false},
-      {"length 1 of 22 bytes", with(at_length, "0100"), false},
       {"length in the other byte order", with(at_length, "0001") + "x", false},
       {"length that wraps with the header", with(at_length, "eaff"), false},
       {"1024 bytes, all that fits", request(op_survey, Bytes(1002, 'x')), true},
       {"1025 bytes", request(op_survey, Bytes(1003, 'x')), false},
       {"1025 bytes, cut to its length", request(op_survey, Bytes(1002, 'x')) + "y", true},
-      {"65000 bytes", request(op_survey, Bytes(64978, 'x')), false},
-      {"another's MAC, first byte", with(at_mac, "03"), false},
       {"another's MAC, last byte", with(at_mac + 5, "cd"), false},
       {"everybody", with(at_mac, "ffffffffffff"), true},
       {"nearly everybody", with(at_mac, "fffffffffffe"), false}};
-  for (const int level : {0, debug_file}) {  // no text is made for a log that is off
-    DbgLevel = level;
-    for (const auto& [name, datagram, answered] : rows) {
-      EXPECT_EQ(!outcome(datagram).empty(), answered) << name;
-      EXPECT_EQ(fake_logged("Skip invalid request\n"), answered ? 0 : 1) << name;
-    }
+  for (const auto& [name, datagram, answered] : rows) {
+    DbgLevel = 0;  // no text is made then that nobody would see
+    EXPECT_EQ(!exchange(datagram).empty(), answered) << name;
+    DbgLevel = debug_file;
+    EXPECT_EQ(!outcome(datagram).empty(), answered) << name;
+    EXPECT_EQ(fake_logged("Skip invalid request\n"), answered ? 0 : 1) << name;
   }
   for (const std::size_t opcode :
        {0xA1U, 0xA3U, 0xA5U, 0xD1U, 0xD2U, 0x102U, 0x105U, 0x106U, 0x107U, 0x108U, 0x109U, 0x10AU, 0x999U}) {
@@ -417,8 +418,9 @@ TEST_F(FinderTest, OnlyTheAdministratorWithHisPasswordIsServed) {
       {"user", nullptr, as_user(op_list, "bob", "pw"), refused},
       {"long name, cut by the table", nullptr, as_user(op_user_probe, "guardian-of-the-", "pw"), silence, {}, third},
       {"user, other password", nullptr, as_user(op_user_probe, "bob", "bob"), refused},
-      {"user unknown to the table", result("cre_get_user_name_by_count", 0), as_user(op_list, "bob", "pw"), refused},
-      {"table of unknown length", result("cre_get_max_user_count", 0), as_user(op_list, "bob", "pw"), refused},
+      {"user unknown to the table", result("cre_get_user_name_by_count", 0), as_user(op_user_probe, "bob", "pw"),
+       refused},
+      {"table of unknown length", result("cre_get_max_user_count", 0), as_user(op_user_probe, "bob", "pw"), refused},
       {"nobody", nullptr, as_user(op_user_probe, "eve", "pw"), refused},
       {"administrator may, in vain", nullptr, as_admin(op_user_probe), silence},
       {"no such operation", nullptr, as_admin(0x0999), silence, {}, "  Unknown opcode, skip this request\n"},
@@ -597,17 +599,13 @@ TEST_F(FinderTest, Settings) {
   const Bytes x63(63, 'x'), status = as_admin(op_alias_status), done = words(0, 0), counted = words(0, 0, 2);
   const Bytes pending = words(0, 0, 2), mismatch = words(1, 3), same = words(0, 0, 0, 30000);
   const Bytes no_domain = words(1, 1, 0, 30000);
-  const char longest[] = "a-name-of-thirty-one-characters";
   const Case rows[] = {
       {"on", off, enable("01"), done, on},
       {"on already, and signalled all the same", nullptr, enable("01"), done, signal, "is_changed 0\n"},
-      {"off already", off, enable("00"), done, signal},
-      {"only one byte is read", nullptr, enable("00ff"), done, to_off},
       {"switch that the store refuses", result(set_enable, 0), enable("00"), words(1, 1), {to_off[0]}, refused_log},
       {"stored, though it says not", result(set_enable, silent_success), enable("00"), done, to_off},
       {"not known", result("cre_get_skyport_enable_state", 0), enable("01"), done, on},
       {"neither on nor off", nullptr, enable("02"), words(1, 1), {}, "  error_number 1\n"},
-      {"query: off", off, request(op_get_enable), done},
       {"query: anything else is on", [] { fake.enabled = 7; }, request(op_get_enable), words(0, 1)},
 
       {"alias: not all of the argument", nullptr, alias(hex("79617264 00 6a756e6b")), counted, named("yard")},
@@ -617,7 +615,6 @@ TEST_F(FinderTest, Settings) {
       {"in an unknown state", result("srv_get_skyport_alias_status", 0), alias("x"), counted, named("x"), status_error},
       {"longest", nullptr, alias(x63), counted, named(x63)},
       {"too long", nullptr, alias(x63 + "x"), words(1, 0, 2)},
-      {"up to the end of the buffer", nullptr, alias(Bytes(finder_arg_len, 'x')), words(1, 0, 2)},
       {"not stored", result("srv_update_aliasname_status", 0), alias("x"), words(1, 0, 2), {named("x")[0]}},
 
       {"alias accepted", aliases("yard", "yard", ALIAS_OK), status, done},
@@ -625,10 +622,8 @@ TEST_F(FinderTest, Settings) {
       {"failed", aliases("yard", "yard", ALIAS_FAILED), status, words(1, 1), {}, "  ret 1\n  error_number 1\n"},
       {"never set", aliases("yard", "yard", 0), status, pending},
       {"mismatch, by the store", aliases("yard", "yard", 3), status, mismatch},
-      {"other case", aliases("yard", "Yard", ALIAS_OK), status, mismatch},
       {"after a restart", aliases("yard", "", ALIAS_REQUESTED), status, mismatch},
       {"none, after a restart", aliases("", "", ALIAS_OK), status, done},
-      {"the store's longest", aliases(longest, longest, ALIAS_OK), status, done},
       {"state not known", aliases("x", "x", ALIAS_OK, "srv_get_skyport_alias_status"), status, pending},
       {"name not known", aliases("x", "x", ALIAS_OK, "srv_get_skyport_alias_name"), status, mismatch, {}, name_error},
 
@@ -637,7 +632,6 @@ TEST_F(FinderTest, Settings) {
       {"not all of the argument", nullptr, domain("x.test" + hex("00 78")), same, moved("x.test")},
       {"refused by the store", result(set_domain, 0), domain("x"), no_domain, {moved("x")[0]}},
       {"stored, though it says not", result(set_domain, silent_success), domain("x"), same, moved("x")},
-      {"in other case", nullptr, domain("Skyport.test"), same, moved("Skyport.test")},
       {"longest domain", nullptr, domain(x63), same, moved(x63)},
       {"too long", nullptr, domain(x63 + "x"), no_domain}};
   for (const Case& row : rows) expect(row);
@@ -674,21 +668,13 @@ TEST_F(FinderTest, FourUsableInterfacesAtMost) {
 /// What cannot be set up is said once; later looks set up what can be by then, and say what is new.
 TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
   if (!own_world) GTEST_SKIP() << "needs a network of its own";
-  static int holder;
   const auto lo = [](auto change) { return [=] { change(fake.binary_interfaces["lo"]); }; };
   const auto address = [&](const char* ip) { return lo([=](IFINFO& info) { info = interface(ip); }); };
   const auto index_0_of = [](const char* getter) {
     return [=] { fake.on_call = [=](const std::string& call) { fake.interface_index = call == getter ? 0 : 1; }; };
   };
-  const auto descriptors = [](rlim_t most) {
-    return [=] {
-      const rlimit limit{most, 4096};
-      setrlimit(RLIMIT_NOFILE, &limit);
-    };
-  };
   static int crowded_from;
-  const auto crowd = [=] {
-    descriptors(4096)();
+  const auto crowd = [] {
     crowded_from = dup(STDERR_FILENO);
     while (dup(STDERR_FILENO) < FD_SETSIZE - 1) continue;
   };
@@ -696,12 +682,7 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
     EXPECT_EQ(dup(STDERR_FILENO), FD_SETSIZE) << "the refused one is closed";
     for (int fd = crowded_from; fd <= FD_SETSIZE; ++fd) close(fd);
   };
-  const auto refuse = [](int option) { return [=] { refused_option = option; }; };
-  const auto hold_port = [] {
-    const sockaddr_in port{AF_INET, htons(finder_port), {}, {}};
-    holder = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    bind(holder, reinterpret_cast<const sockaddr*>(&port), sizeof(port));
-  };
+  const auto refuse = [](int what) { return [=] { failing = what; }; };
   const auto add = [](const char* name) {
     fake.metrics.push_back({0, ""});
     std::strcpy(fake.metrics[1].name, name);
@@ -713,6 +694,7 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
   };
   const auto with_device = [=] { make_device(), add("kt0"); };
   const auto another_device = [=] { fake.metrics.pop_back(), add("kt1"); };
+  const auto renamed = [] { shell("ip link set kt0 name kt9; ip link set kt1 name kt0"); };
   const Texts none{"Interface incorrect\n"};
   const struct {
     const char* what;
@@ -731,11 +713,7 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
       {"one less", with_device, [] { fake.metrics.pop_back(); }, {}, 2},
       {"another in its place", with_device, another_device, {}, 2},
       {"a device made anew", with_device, make_device, {}, 2},
-      {"a device made of another",
-       with_device,
-       [] { shell("ip link set kt0 name kt9; ip link set kt1 name kt0"); },
-       {},
-       2},
+      {"a device made of another", with_device, renamed, {}, 2},
       {"an address at last", address("0.0.0.0"), address("127.0.0.1"), none, 2, {}, false},
       {"an address that goes", nullptr, address("0.0.0.0"), {}, 2, none, true, false},
       {"no address for long", address("0.0.0.0"), nullptr, none, 1, {}, false, false},
@@ -746,41 +724,34 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
       {"a device that is gone", [=] { add("gone0"); }, nullptr, {"SO_BINDTODEVICE:ERROR\n"}, 1},
       {"an option at last", refuse(SO_REUSEADDR), refuse(0), {"SO_REUSEADDR:ERROR\n"}, 1, {}, false},
       {"another", refuse(SO_BROADCAST), refuse(0), {"SO_BROADCAST:ERROR\n"}, 1, {}, false},
-      {"a port that was taken", hold_port, [] { close(holder); }, {"bind error\n"}, 1, {}, false},
-      {"a port that stays taken", hold_port, nullptr, {"bind error\n"}, 1, {}, false, false},
-      {"none for a descriptor set", crowd, leave, {}, 1, {}, false},
-      {"no descriptor", descriptors(0), nullptr, {}, 1, {}, false, false},
-      {"no descriptor at first", descriptors(0), descriptors(1024), {}, 1, {}, false}};
-  char name[16] = "lo";
+      {"a port that was taken", refuse(bind_itself), refuse(0), {"bind error\n"}, 1, {}, false},
+      {"a port that stays taken", refuse(bind_itself), nullptr, {"bind error\n"}, 1, {}, false, false},
+      {"no descriptor that a set can hold", crowd, leave, {}, 1, {}, false}};
+  char name[16];
   socklen_t len = sizeof(name);
-  const int bound = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  setsockopt(bound, SOL_SOCKET, SO_BINDTODEVICE, name, len);
-  const bool device_is_told = getsockopt(bound, SOL_SOCKET, SO_BINDTODEVICE, name, &len) == 0;
-  close(bound);
+  start();
+  const bool device_is_told = getsockopt(finder.fd[0], SOL_SOCKET, SO_BINDTODEVICE, name, &len) == 0;
   for (const auto& row : rows) {
     if (!device_is_told && Bytes(row.what).starts_with("a device made")) continue;  // an emulator
     again(row.given);
-    const auto served = [&] { return exchange(request(op_survey, "", everybody)).size() == 334; };
-    const auto set_ups = [] { return fake_logged(" In get_ifinfo: "); };
+    const auto served = [&] { return !exchange(request(op_survey, "", everybody)).empty(); };
     EXPECT_EQ(Finderd_init(), row.said.empty() ? 1 : 0) << row.what;
     EXPECT_EQ(fake.console, row.said) << row.what;
-    std::size_t told = set_ups();
+    const std::size_t told = fake_logged(" In get_ifinfo: ");
     EXPECT_EQ(served(), row.served_before) << row.what;
     fake.log.clear(), fake.console.clear();
     finder.alias.alias_handle = 7;
     if (row.changed) row.changed();
     for (int i = 0; i < 3; ++i) refresh_sockets();
-    EXPECT_EQ(told += set_ups(), row.set_ups) << row.what;
+    EXPECT_EQ(told + fake_logged(" In get_ifinfo: "), row.set_ups) << row.what;
     EXPECT_EQ(fake.console, row.said_then) << row.what;
     const bool told_sockets = row.served && (row.set_ups == 2 || !row.served_before);
     EXPECT_EQ(fake_logged(" Finderd_init: fd[0]="), told_sockets ? 1 : 0) << row.what;
-    descriptors(1024)();
     EXPECT_EQ(served(), row.served) << row.what;
     EXPECT_EQ(finder.alias.alias_handle, 7U) << row.what;
     Finderd_DST();
     EXPECT_EQ(fake.log.back(), "~Finderd_DST()\n");
     for (const int fd : finder.fd) EXPECT_EQ(fd, -1) << row.what;
-    if (row.said == Texts{"bind error\n"}) close(holder);
   }
 }
 
@@ -814,17 +785,13 @@ TEST_F(FinderTest, EverySocketIsServedAndReportsAreNotKeptBack) {
   // Both are told of a broadcast. The first one is lost in the third turn, and comes back with the first look.
   fake.metrics = {{0, "lo"}, {0, "lo"}};
   start();
-  const Bytes prepared = " iIfPresentIndex=1, iIfActivetIndex=1\n Finderd_init: fd[0]=" + std::to_string(finder.fd[0]) +
-                         "\n Finderd_init: fd[1]=" + std::to_string(finder.fd[1]) + "\n";
-  EXPECT_TRUE(joined(fake.log).starts_with("Finderd_CST()\n")) << joined(fake.log);
-  EXPECT_TRUE(joined(fake.log).ends_with(prepared)) << joined(fake.log);
-  constexpr int room = 4 << 20, receive_room = 1 << 20;
-  EXPECT_EQ(options, (std::map<int, int>{{SO_REUSEADDR, 1},
-                                         {SO_BROADCAST, 1},
-                                         {SO_SNDBUF, room},
-                                         {SO_SNDBUFFORCE, room},
-                                         {SO_RCVBUF, receive_room},
-                                         {SO_RCVBUFFORCE, receive_room}}));
+  const Bytes first = std::to_string(finder.fd[0]), second = std::to_string(finder.fd[1]);
+  EXPECT_EQ(fake.log.front(), "Finderd_CST()\n");
+  EXPECT_TRUE(joined(fake.log).ends_with(" iIfPresentIndex=1, iIfActivetIndex=1\n Finderd_init: fd[0]=" + first +
+                                         "\n Finderd_init: fd[1]=" + second + "\n"));
+  EXPECT_EQ(std::pair(options[SO_REUSEADDR], options[SO_BROADCAST]), std::pair(1, 1));
+  EXPECT_EQ(std::pair(options[SO_SNDBUF], options[SO_SNDBUFFORCE]), std::pair(4 << 20, 4 << 20));
+  EXPECT_EQ(std::pair(options[SO_RCVBUF], options[SO_RCVBUFFORCE]), std::pair(1 << 20, 1 << 20));
   EXPECT_EQ(finder.fd[2], -1);
   const int on = 1;
   setsockopt(client, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
@@ -835,69 +802,63 @@ TEST_F(FinderTest, EverySocketIsServedAndReportsAreNotKeptBack) {
   on_select = [&](int nfds, const timeval& limit) {
     EXPECT_EQ(limit.tv_sec * 1'000'000 + limit.tv_usec, 15'000'000);
     EXPECT_EQ(nfds, std::max(finder.fd[0], finder.fd[1]) + 1);
-    int count = 0;
-    while (!receive().empty()) ++count;
-    if (turn > 0) replies.push_back(count);
+    replies.push_back(0);
+    while (!receive().empty()) ++replies.back();
     if (++turn == 3) lost = std::exchange(finder.fd[0], -1);
-    if (turn == 40) store_word(ctx.run, 0U);
-    now_ms += 4999;                                              // a little less than a twelfth of a minute
-    if (turn > 30) send(client, asked.data(), asked.size(), 0);  // to one of them
-    if (turn <= 30) sendto(client, asked.data(), asked.size(), 0, reinterpret_cast<const sockaddr*>(&all), sizeof(all));
+    if (turn == 30) store_word(ctx.run, 0U);
+    now_ms += 4999;  // a little less than a twelfth of a minute
+    sendto(client, asked.data(), asked.size(), 0, reinterpret_cast<const sockaddr*>(&all), sizeof(all));
     return really;
   };
   on_report = [&](const DeviceContext*, AuthenticateInfo&, char*) {
-    reported_at.push_back(turn * 5);
+    reported_at.push_back(turn);
     return request_ok;
   };
-  fake.log.clear();
   Finderd_loop();
   close(lost);
-  EXPECT_EQ(reported_at, (std::vector{65, 130, 195}));
-  ASSERT_EQ(replies.size(), 39U);
-  EXPECT_EQ((std::vector{replies[1], replies[2], replies[10], replies[13], replies[38]}), (std::vector{2, 1, 1, 2, 1}));
+  EXPECT_EQ(reported_at, (std::vector{13, 26}));
+  EXPECT_EQ((std::vector{replies[2], replies[3], replies[13], replies[14]}), (std::vector{2, 1, 1, 2}));
   EXPECT_EQ(fake.console, Texts{});
-  const std::string detected =
-      " broadcast detected, socket=" + std::to_string(finder.fd[1]) + ", iReportSocketIndex=1, interface=lo\n";
-  EXPECT_GE(fake_logged(detected), 10U) << detected;
+  EXPECT_EQ(fake_logged(" broadcast detected, socket=" + second + ", iReportSocketIndex=1, interface=lo\n"), 13U);
 }
 
 TEST_F(FinderTest, ATimeOutSendsTheConnectionReportOneToFourTimes) {
-  const std::string again = "authentication needed";
+  const Bytes again = "authentication needed";
   constexpr int challenged = request_challenged;
+  // Results of the reports, and the last report's text as each got it. The fourth is the last, whatever it says; the
+  // next time-out goes on from its text.
   const std::pair<std::deque<int>, Texts> rows[] = {
-      // results of the reports; the last report's text, as each got it
       {{request_no_answer}, {"init"}},
       {{challenged, 500}, {"init", again}},
-      // The fourth is the last, whatever it says; the next time-out goes on from its text.
       {{challenged, challenged, challenged, challenged, request_ok}, {"init", again, again, again, "record 4"}}};
   fake.metrics.clear();
-  for (const int error : {0, EINTR, EBADF}) {
-    for (const auto& [results, wanted] : rows) {
-      ctx.run = 1;
-      ctx.auth_info.nc = 5;
-      Finderd_take_auth(ctx.auth_info);
-      ctx.auth_info.nc = 99;
-      Texts texts;
-      fake.calls.clear();
-      on_select = [&](int nfds, const timeval&) {
-        EXPECT_EQ(nfds, 1);  // no socket is open
-        errno = error;
-        return error == 0 ? 0 : -1;
-      };
-      on_report = [&](const DeviceContext* record, AuthenticateInfo& auth, char* last_report) {
-        EXPECT_EQ(record, &ctx);
-        EXPECT_EQ(auth.nc++, 5 + texts.size());                   // of the finder's own
-        EXPECT_FALSE(fake_calls({"dev_get_if_metric"}).empty());  // looked at before a report that may take long
-        texts.emplace_back(last_report);
-        std::strcpy(last_report, ("record " + std::to_string(texts.size())).c_str());
-        if (texts.size() == results.size()) store_word(ctx.run, 0U);
-        return results[texts.size() - 1];
-      };
-      Finderd_loop();
-      EXPECT_EQ(texts, wanted);
-      // A select that fails at once and for ever does not spin.
-      EXPECT_EQ(fake_calls({"pause 1000"}).size(), error != EBADF ? 0 : wanted.size() / 5 + 1);
-    }
+  for (int i = 0; i < 9; ++i) {
+    const auto& [results, wanted] = rows[i / 3];
+    const int error = std::array{0, EINTR, EBADF}[static_cast<std::size_t>(i % 3)];
+    ctx.run = 1;
+    ctx.auth_info.nc = 5;
+    Finderd_take_auth(ctx.auth_info);
+    ctx.auth_info.nc = 99;
+    Texts texts;
+    fake.calls.clear();
+    on_select = [&](int nfds, const timeval&) {
+      EXPECT_EQ(nfds, 1);  // no socket is open
+      errno = error;
+      return error == 0 ? 0 : -1;
+    };
+    on_report = [&](const DeviceContext* record, AuthenticateInfo& auth, char* last_report) {
+      EXPECT_EQ(record, &ctx);
+      EXPECT_EQ(auth.nc++, 5 + texts.size());                   // of the finder's own
+      EXPECT_FALSE(fake_calls({"dev_get_if_metric"}).empty());  // looked at before a report that may take long
+      texts.emplace_back(last_report);
+      std::strcpy(last_report, ("record " + std::to_string(texts.size())).c_str());
+      if (texts.size() == results.size()) store_word(ctx.run, 0U);
+      return results[texts.size() - 1];
+    };
+    Finderd_loop();
+    EXPECT_EQ(texts, wanted);
+    // A select that fails at once and for ever does not spin.
+    EXPECT_EQ(fake_calls({"pause 1000"}).size(), error != EBADF ? 0 : wanted.size() / 5 + 1);
   }
 }
 
