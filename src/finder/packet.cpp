@@ -32,12 +32,6 @@ bool request_text(const FinderRequest& request, std::size_t offset, std::size_t 
   return copy_bytes(out, size, reinterpret_cast<const char*>(request.bytes) + offset, len);
 }
 
-void put_bytes(FinderReply& reply, const void* bytes, std::size_t len) {
-  if (len > sizeof(reply.bytes) - reply.len) return;
-  std::memcpy(reply.bytes + reply.len, bytes, len);
-  reply.len += len;
-}
-
 void put_text(FinderReply& reply, std::size_t size, const char* text) {
   static constexpr char zeros[finder_text_len] = {};
   const std::size_t len = strnlen(text, size - 1);

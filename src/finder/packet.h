@@ -17,6 +17,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "core/device_context.h"
 #include "platform/tessel.h"
@@ -100,7 +101,11 @@ struct FinderReply {
   std::size_t len = finder_header_len;
 };
 
-void put_bytes(FinderReply& reply, const void* bytes, std::size_t len);
+inline void put_bytes(FinderReply& reply, const void* bytes, std::size_t len) {
+  if (len > sizeof(reply.bytes) - reply.len) return;
+  std::memcpy(reply.bytes + reply.len, bytes, len);
+  reply.len += len;
+}
 /// Puts an object as it stands: of numbers those that htole16 and htole32 give.
 template <typename T>
 void put(FinderReply& reply, const T& object) {

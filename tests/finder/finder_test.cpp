@@ -162,6 +162,12 @@ struct Case {
   const char* logged = "";
 };
 
+int lowest_free() {
+  const int fd = dup(STDERR_FILENO);
+  close(fd);
+  return fd;
+}
+
 Given result(const char* function, int of) {
   return [=] { fake.always[function] = of; };
 }
@@ -205,10 +211,9 @@ class FinderTest : public FakeTest {
     close(client);
     FakeTest::TearDown();
   }
-  void again(const Given& given) {
+  void again() {
     TearDown();
     SetUp();
-    if (given) given();
   }
 
   void start() { ASSERT_EQ(Finderd_init(), 1) << ::testing::PrintToString(fake.console); }
@@ -241,7 +246,7 @@ class FinderTest : public FakeTest {
   Bytes payload(std::size_t opcode) const { return exchange(request(opcode)).substr(finder_header_len); }
 
   void expect(const Case& row) {
-    again(nullptr);
+    again();
     start();
     if (row.given) row.given();
     EXPECT_EQ(outcome(row.request), row.outcome) << row.name;
@@ -520,17 +525,14 @@ TEST_F(FinderTest, FirstAndLastDnsServer) {
       {"# dns\nsearch a.test b.test\n\tnameserver\t192.0.2.1 # x\noptions\nnameserver\n", "c000020100000000", 0},
       {"nameserver 2001:db8::1\nnameserver router\nnameserver 192.0.2.1\n", "c000020100000000", 2},
       {"Nameserver 192.0.2.1\nnameservers 192.0.2.2\n#nameserver 192.0.2.3\n", "0000000000000000", 0}};
-  const int lowest = dup(STDERR_FILENO);
-  close(lowest);
+  const int free = lowest_free();
   for (const auto& [file, wanted, errors] : rows) {
     write_file("/etc/resolv.conf", file);
     EXPECT_EQ(servers(5), hex(wanted)) << file;
     EXPECT_EQ(fake.console.size(), errors) << file;
     for (const std::string& line : fake.console) EXPECT_TRUE(line.starts_with("Finderd_get_dns: ")) << line;
   }
-  const int next = dup(STDERR_FILENO);
-  EXPECT_EQ(next, lowest) << "the file is closed";
-  close(next);
+  EXPECT_EQ(lowest_free(), free) << "the file is closed";
   write_file("/etc/resolv.conf", "nameserver 192.0.2.1\n");
   EXPECT_EQ(servers(4), Bytes(8, '\0'));
   EXPECT_EQ(servers(1), hex("c000020100000000"));
@@ -592,6 +594,8 @@ TEST_F(FinderTest, Settings) {
       {"on already, and signalled all the same", nullptr, enable("01"), done, signal, "is_changed 0\n"},
       {"switch that the store refuses", result(set_enable, 0), enable("00"), words(1, 1), {to_off[0]}, refused_log},
       {"stored, though it says not", result(set_enable, silent_success), enable("00"), done, to_off},
+      {"known to a getter that says not", result("cre_get_skyport_enable_state", silent_success), enable("01"), done,
+       signal},
       {"not known", result("cre_get_skyport_enable_state", 0), enable("01"), done, on},
       {"neither on nor off", nullptr, enable("02"), words(1, 1), {}, "  error_number 1\n"},
       {"query: anything else is on", [] { fake.enabled = 7; }, request(op_get_enable), words(0, 1)},
@@ -721,7 +725,9 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
   const bool device_is_told = getsockopt(finder.fd[0], SOL_SOCKET, SO_BINDTODEVICE, name, &len) == 0;
   for (const auto& row : rows) {
     if (!device_is_told && Bytes(row.what).starts_with("a device made")) continue;  // an emulator
-    again(row.given);
+    again();
+    const int free = lowest_free();
+    if (row.given) row.given();
     const auto served = [&] { return !exchange(request(op_survey, "", everybody)).empty(); };
     EXPECT_EQ(Finderd_init(), row.said.empty() ? 1 : 0) << row.what;
     EXPECT_EQ(fake.console, row.said) << row.what;
@@ -740,6 +746,7 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
     Finderd_DST();
     EXPECT_EQ(fake.log.back(), "~Finderd_DST()\n");
     for (const int fd : finder.fd) EXPECT_EQ(fd, -1) << row.what;
+    EXPECT_EQ(lowest_free(), free) << row.what;
   }
 }
 
@@ -795,7 +802,8 @@ TEST_F(FinderTest, EverySocketIsServedAndReportsAreNotKeptBack) {
     if (++turn == 3) lost = std::exchange(finder.fd[0], -1);
     if (turn == 6) store_word(ctx.run, 0U);
     now_ms += turn % 2 == 1 ? 59'950 : 100;
-    sendto(client, asked.data(), asked.size(), 0, reinterpret_cast<const sockaddr*>(&all), sizeof(all));
+    const auto* to = reinterpret_cast<const sockaddr*>(turn == 6 ? nullptr : &all);  // at last to one of them
+    sendto(client, asked.data(), asked.size(), 0, to, sizeof(all));
     return really;
   };
   on_report = [&](const DeviceContext*, AuthenticateInfo&, char*) {
