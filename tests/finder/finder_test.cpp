@@ -801,7 +801,7 @@ TEST_F(FinderTest, EverySocketIsServedAndReportsAreNotKeptBack) {
     while (!receive().empty()) ++replies.back();
     if (++turn == 3) lost = std::exchange(finder.fd[0], -1);
     if (turn == 6) store_word(ctx.run, 0U);
-    now_ms += turn % 2 == 1 ? 59'950 : 50;
+    now_ms += turn % 2 == 1 ? 59'950U : 50U;
     const auto* to = reinterpret_cast<const sockaddr*>(turn == 6 ? nullptr : &all);  // at last to one of them
     sendto(client, asked.data(), asked.size(), 0, to, sizeof(all));
     return really;
