@@ -15,10 +15,9 @@ constexpr std::size_t decoded_len = 256;
 constexpr int table_name_len = 16;
 constexpr int password_len = 64;
 
+/// `out` is zero and larger than what a field's text can decode to, so that it has an end whatever comes.
 void decode(const char* b64, char (&out)[decoded_len]) {
-  zero(out);
   b64_decode(b64, static_cast<unsigned>(std::strlen(b64)), out);
-  terminate(out);
 }
 
 /// Logs a text that came with a datagram: with '?' for what would begin a line of its own or move a terminal.
@@ -33,33 +32,15 @@ void log_foreign(LogFormat<'s'> format, const char* text) {
   log_if(format, shown);
 }
 
-/// True when a getter failed: it says so, and has filled nothing in. None promises that its result alone says it.
-bool is_missing(int result, const char* text) {
-  return result == 0 && text[0] == '\0';
-}
-
-/// The user's place in the table, counted from 1; 0 when no entry has the name.
-std::uint32_t find_user(const char* name, std::size_t len) {
-  char count = 0;
-  cre_get_max_user_count(&count);
-  for (std::uint32_t n = 1; n <= static_cast<unsigned char>(count); ++n) {
-    char entry[decoded_len] = "";
-    if (is_missing(cre_get_user_name_by_count(n, entry, table_name_len), entry)) continue;
-    terminate(entry);
-    if (std::strncmp(entry, name, len) == 0) return n;
-  }
-  return 0;
-}
-
 /// Every account is compared with the administrator's password. That is meant: it keeps the protected
 /// operations to the administrator.
 bool password_matches(const char* pass_b64) {
-  char given[decoded_len];
+  char given[decoded_len] = "";
   decode(pass_b64, given);
   log_foreign("password '%s'\n", given);
   char wanted[decoded_len] = "";
-  if (is_missing(cre_get_power_user_passwd(wanted, password_len), wanted)) return false;
-  terminate(wanted);
+  // No getter promises that its result alone says that it failed: one that did has left the text alone as well.
+  if (cre_get_power_user_passwd(wanted, password_len) == 0 && wanted[0] == '\0') return false;
   return std::strcmp(given, wanted) == 0;
 }
 
@@ -67,23 +48,28 @@ bool password_matches(const char* pass_b64) {
 
 std::uint32_t Finderd_check_user(const char* user_b64, std::uint32_t* index) {
   debug_log("%s() >>>\n", "Finderd_check_user");
-  log_foreign("  b64_username %s\n", user_b64 != nullptr ? user_b64 : "");
   if (user_b64 == nullptr) return authority_none;
+  log_foreign("  b64_username %s\n", user_b64);
   const std::size_t len = std::strlen(user_b64);
-  char name[decoded_len];
+  char name[decoded_len] = "";
   decode(user_b64, name);
   log_foreign("  username %s\n", name);
-  // A text that decodes to nothing is an empty name, and must not match an account without one.
+  // A text that decodes to nothing is an empty name, and must not match an account without one, nor one that a getter
+  // could not tell.
   if (name[0] == '\0') return authority_none;
   char administrator[decoded_len] = "";
-  if (!is_missing(cre_get_power_username(administrator, sizeof(administrator)), administrator)) {
-    terminate(administrator);
-    if (std::strncmp(administrator, name, len) == 0) return authority_administrator;
+  cre_get_power_username(administrator, sizeof(administrator));
+  if (std::strncmp(administrator, name, len) == 0) return authority_administrator;
+  char count = 0;
+  cre_get_max_user_count(&count);
+  for (std::uint32_t n = 1; n <= static_cast<unsigned char>(count); ++n) {
+    char entry[decoded_len] = "";
+    cre_get_user_name_by_count(n, entry, table_name_len);
+    if (std::strncmp(entry, name, len) != 0) continue;
+    *index = n;
+    return authority_user;
   }
-  const std::uint32_t n = find_user(name, len);
-  if (n == 0) return authority_none;
-  *index = n;
-  return authority_user;
+  return authority_none;
 }
 
 std::uint32_t Finderd_check_authentication(const FinderRequest& request) {

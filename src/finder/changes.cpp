@@ -3,11 +3,9 @@
 #include <signal.h>
 #include <sys/types.h>
 
-#include <array>
 #include <cstring>
 
 #include "core/debug_log.h"
-#include "core/shell.h"
 #include "core/text.h"
 #include "finder/operations.h"
 #include "platform/tesselcfg.h"
@@ -20,6 +18,7 @@ constexpr std::uint32_t max_alias_handle = 1024;
 constexpr std::uint32_t domain_reply_word = 30000;
 constexpr std::uint32_t change_pending = 2;
 constexpr unsigned stored_alias_len = 32;  // of the store's alias
+constexpr std::size_t domain_len = 64;
 
 /// The alias status that stands for "the store's alias is not the one that was set here".
 constexpr char alias_mismatch = 3;
@@ -27,12 +26,6 @@ constexpr char alias_mismatch = 3;
 void interrupt_main_thread(const DeviceContext& ctx, int signal_number) {
   debug_log("[kestreld_finder]: sending interrupt!!\n");
   kill(load_word(ctx.pid), signal_number);
-}
-
-void put_words(FinderReply& reply, std::uint32_t first, std::uint32_t second, std::uint32_t third) {
-  put_u32(reply, 0, first);
-  put_u32(reply, 4, second);
-  put_u32(reply, 8, third);
 }
 
 void log_error_number(std::uint32_t error_number) {
@@ -57,131 +50,115 @@ bool request_alias(const FinderRequest& request) {
   return true;
 }
 
+/// What a query of the alias's state answers.
 struct AliasStatusRow {
   char state;
-  std::uint16_t result;
   std::uint32_t error_number;
   std::uint32_t status;
 };
 
 constexpr std::uint32_t in_progress = 2;
 
-constexpr std::array<AliasStatusRow, 4> alias_status_rows = {{
-    {ALIAS_OK, 0, 0, 0},
-    {ALIAS_DUPLICATE, 1, 2, 0},
-    {ALIAS_FAILED, 1, 1, 0},
-    {alias_mismatch, 1, 3, 0},
-}};
+constexpr AliasStatusRow alias_status_rows[] = {
+    {ALIAS_OK, 0, 0},
+    {ALIAS_DUPLICATE, 2, 0},
+    {ALIAS_FAILED, 1, 0},
+    {alias_mismatch, 3, 0},
+};
 
 AliasStatusRow alias_status_of(char state) {
   for (const AliasStatusRow& row : alias_status_rows) {
     if (row.state == state) return row;
   }
-  return {state, 0, 0, in_progress};
+  return {state, 0, in_progress};
 }
 
-enum class Stored { unchanged, changed, refused };
+struct Domain {
+  char text[getter_len];
+};
 
-constexpr std::size_t domain_len = 64;
-
-void read_domain(char (&domain)[domain_len]) {
-  char ip[domain_len] = "";
-  zero(domain);
-  cre_get_skyport_domain_ip(domain, ip);
-  terminate(domain);
+Domain stored_domain() {
+  Domain domain{};
+  char ip[getter_len] = "";
+  cre_get_skyport_domain_ip(domain.text, ip);
+  return domain;
 }
 
 /// Stores the domain when it differs. No platform promises what the setter's result says, so it is refused only
 /// when the store gives the old one still.
-Stored change_domain(char* domain) {
-  char stored[domain_len];
-  read_domain(stored);
-  if (std::strcmp(stored, domain) == 0) return Stored::unchanged;
-  if (cre_set_skyport_domain(domain) != 0) return Stored::changed;
-  char now[domain_len];
-  read_domain(now);
-  return std::strcmp(stored, now) == 0 ? Stored::refused : Stored::changed;
+FinderResult change_domain(char* domain) {
+  const Domain stored = stored_domain();
+  if (std::strcmp(stored.text, domain) == 0) return {};
+  const bool taken = cre_set_skyport_domain(domain) != 0 || std::strcmp(stored.text, stored_domain().text) != 0;
+  return {.failed = !taken, .is_changed = taken};
 }
 
 /// As change_domain, for the service's switch.
-Stored change_switch(std::uint8_t wanted) {
+FinderResult change_switch(std::uint8_t wanted) {
   constexpr std::uint8_t unknown = 0xFF;
   const std::uint8_t stored = byte_setting(cre_get_skyport_enable_state, unknown);
-  if (stored == wanted) return Stored::unchanged;
-  if (cre_set_skyport_enable_state(static_cast<char>(wanted)) != 0) return Stored::changed;
-  return byte_setting(cre_get_skyport_enable_state, unknown) == stored ? Stored::refused : Stored::changed;
+  if (stored == wanted) return {};
+  const bool taken = cre_set_skyport_enable_state(static_cast<char>(wanted)) != 0 ||
+                     byte_setting(cre_get_skyport_enable_state, unknown) != stored;
+  return {.failed = !taken, .is_changed = taken};
 }
 
 }  // namespace
 
 FinderResult Finderd_set_lumen_device_1_2(const FinderRequest& request, FinderReply& reply) {
-  debug_log("%s() >>>\n", "Finderd_set_lumen_device_1_2");
   const std::uint8_t wanted = request.bytes[at_arg];
   // A request that ends before its argument must not read as "off".
   const bool has_arg = request_u16(request, at_length) + finder_header_len > at_arg;
   const bool valid = has_arg && wanted <= 1;
   log_error_number(valid ? 0 : 1);
-  const Stored stored = valid ? change_switch(wanted) : Stored::refused;
+  const FinderResult result = valid ? change_switch(wanted) : FinderResult{.failed = true};
+  if (valid && result.failed) log_error_number(1);
   // Never all zero on failure: that is what refused credentials look like.
-  put_words(reply, stored == Stored::refused ? 1 : 0, 0, 0);
-  if (valid && stored == Stored::refused) log_error_number(1);
-  if (stored == Stored::refused) return {1};
+  put_words(reply, result.failed ? 1 : 0);
   // Also when nothing changed: the tool's way to have the camera register anew.
-  interrupt_main_thread(*request.ctx, SIGUSR1);
-  return {0, stored == Stored::changed};
+  if (!result.failed) interrupt_main_thread(*request.ctx, SIGUSR1);
+  return result;
 }
 
 FinderResult Finderd_set_lumen_device_1_2_alias(const FinderRequest& request, FinderReply& reply) {
-  debug_log("%s() >>>\n", "Finderd_set_lumen_device_1_2_alias");
-  FinderResult result{1};
+  FinderResult result{.failed = true};
   std::uint32_t error_number = 0;
   if (read_alias_status() == ALIAS_REQUESTED) {
     error_number = change_pending;
   } else if (request_alias(request)) {
-    result = {0, true};
+    result = {.is_changed = true};
     interrupt_main_thread(*request.ctx, SIGUSR2);
   }
   const std::uint32_t handle = request.alias->alias_handle;
-  put_words(reply, error_number, handle, 0);
+  put_words(reply, error_number, handle);
   log_error_number(error_number);
   debug_log("  handle %lu\n", static_cast<unsigned long>(handle));
   return result;
 }
 
 FinderResult Finderd_query_alias_status(const FinderRequest& request, FinderReply& reply) {
-  debug_log("[kestreld_finder]: %s() >>>\n", "Finderd_query_alias_status");
   char state = read_alias_status();
   char name[getter_len] = "";
   if (srv_get_skyport_alias_name(name, stored_alias_len) == 0) {
     debug_log("[kestreld] *** srv_get_skyport_alias_name error\n");
   }
-  terminate(name);
   if (std::strcmp(name, request.alias->last_alias) != 0) state = alias_mismatch;
   const AliasStatusRow row = alias_status_of(state);
-  debug_log("  ret %d\n", row.result);
+  debug_log("  ret %d\n", row.error_number == 0 ? 0 : 1);
   log_error_number(row.error_number);
   debug_log("  status %lu\n", static_cast<unsigned long>(row.status));
-  put_words(reply, row.error_number, row.status, 0);
-  return {row.result};
+  put_words(reply, row.error_number, row.status);
+  return {.failed = row.error_number != 0};
 }
 
 FinderResult Finderd_set_spt_domain(const FinderRequest& request, FinderReply& reply) {
-  debug_log(" %s() >>>\n", "Finderd_set_spt_domain");
   char domain[domain_len];
   // A domain that the store cannot hold whole is refused like an empty one, never cut.
   const bool fits = request_text(request, at_arg, finder_arg_len, domain, sizeof(domain));
-  const Stored stored = fits && domain[0] != '\0' ? change_domain(domain) : Stored::refused;
-  const std::uint32_t error_number = stored == Stored::refused ? 1 : 0;
-  put_words(reply, error_number, 0, domain_reply_word);
-  if (stored != Stored::refused) return {0, stored == Stored::changed};
-  debug_log(" error_number: %d\n", static_cast<int>(error_number));
-  return {1};
-}
-
-void stop_daemons() {
-  debug_log(" [kestreld_finder]: go to stop relayd and kestreld!!\n");
-  run_shell("killall -9 relayd");
-  run_shell("killall -9 kestreld");
+  const FinderResult result = fits && domain[0] != '\0' ? change_domain(domain) : FinderResult{.failed = true};
+  put_words(reply, result.failed ? 1 : 0, 0, domain_reply_word);
+  if (result.failed) debug_log(" error_number: %d\n", 1);
+  return result;
 }
 
 }  // namespace kestrel

@@ -4,10 +4,11 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 
 #include "core/debug_log.h"
+#include "core/log_format.h"
+#include "core/shell.h"
 #include "core/text.h"
 #include "finder/operations.h"
 #include "finder/record.h"
@@ -16,68 +17,68 @@ namespace kestrel {
 
 namespace {
 
-enum class Needs { nothing, administrator };
-enum class Target { own_mac, any_mac };
+/// Who may ask: anyone who names this camera, anyone at all, or its administrator.
+enum class Access { anyone, anyone_of_all, administrator };
+using enum Access;
 
-/// An operation: who may ask for it, how long its reply's payload is, and what is done once the reply has gone out.
+/// What an operation's log begins with: readers of logs know each operation by its own.
+constexpr LogFormat<'s'> plain = "%s() >>>\n";
+constexpr LogFormat<'s'> named = "[kestreld_finder]: %s() >>>\n";
+constexpr LogFormat<'s'> spaced = " %s() >>>\n";
+
+/// An operation, who may ask for it, and what is done once the reply has gone out.
 struct OpcodeRow {
   FinderOpcode opcode;
+  Access access;
+  LogFormat<'s'> entry;
+  const char* name;
   FinderHandler handler;
-  std::size_t payload_len;
-  Needs needs;
-  Target target;
-  void (*after)(FinderResult result);
+  void (*after)(const char* name, bool is_changed) = nullptr;
 };
 
-void after_get_enable(FinderResult /*result*/) {
-  debug_log("[kestreld_finder]: %s() <<<\n", "Finderd_get_lumen_device_1_2");
+void log_end(const char* name, bool /*is_changed*/) {
+  debug_log("[kestreld_finder]: %s() <<<\n", name);
 }
 
-void after_set_enable(FinderResult result) {
-  debug_log("%s(), is_changed %d\n", "Finderd_set_lumen_device_1_2", result.is_changed ? 1 : 0);
+void log_change(const char* name, bool is_changed) {
+  debug_log("%s(), is_changed %d\n", name, is_changed ? 1 : 0);
 }
 
-void after_set_alias(FinderResult result) {
-  debug_log("%s(), is_changed %d\n", "Finderd_set_lumen_device_1_2_alias", result.is_changed ? 1 : 0);
+/// Ends the daemons after a change of the domain: who supervises them starts them with the new one.
+void stop_daemons(const char* name, bool is_changed) {
+  constexpr int payload_len = 16;
+  debug_log(" %s(), is_changed: %d, SendTotalSize=%d, PayloadSize=%d\n", name, is_changed ? 1 : 0,
+            static_cast<int>(finder_header_len) + payload_len, payload_len);
+  if (!is_changed) return;
+  debug_log(" [kestreld_finder]: go to stop relayd and kestreld!!\n");
+  run_shell("killall -9 relayd");
+  run_shell("killall -9 kestreld");
 }
 
-void after_set_domain(FinderResult result) {
-  debug_log(" %s(), is_changed: %d, SendTotalSize=%d, PayloadSize=%d\n", "Finderd_set_spt_domain",
-            result.is_changed ? 1 : 0, static_cast<int>(finder_header_len + finder_words_len),
-            static_cast<int>(finder_words_len));
-  if (result.is_changed) stop_daemons();
-}
+constexpr OpcodeRow opcodes[] = {
+    {op_survey, anyone_of_all, plain, "Finderd_handle_survey", Finderd_handle_survey},
+    {op_self_conf_result, anyone, named, "Finderd_query_self_conf_result", Finderd_query_self_conf_result},
+    {op_get_enable, anyone, named, "Finderd_get_lumen_device_1_2", Finderd_get_lumen_device_1_2, log_end},
+    {op_get_url, anyone, named, "Finderd_get_lumen_device_1_2_url", Finderd_get_lumen_device_1_2_url},
+    {op_spt_survey, anyone_of_all, plain, "Finderd_handle_spt_survey", Finderd_handle_spt_survey},
+    {op_list, administrator, plain, "Finderd_handle_op_list", Finderd_handle_op_list},
+    {op_set_enable, administrator, plain, "Finderd_set_lumen_device_1_2", Finderd_set_lumen_device_1_2, log_change},
+    {op_get_alias, administrator, named, "Finderd_get_lumen_device_1_2_alias", Finderd_get_lumen_device_1_2_alias},
+    {op_set_alias, administrator, plain, "Finderd_set_lumen_device_1_2_alias", Finderd_set_lumen_device_1_2_alias,
+     log_change},
+    {op_alias_status, administrator, named, "Finderd_query_alias_status", Finderd_query_alias_status},
+    {op_set_domain, administrator, spaced, "Finderd_set_spt_domain", Finderd_set_spt_domain, stop_daemons},
+};
 
-// clang-format off
-constexpr std::array<OpcodeRow, 11> opcodes = {{
-    {op_survey, Finderd_handle_survey, finder_survey_len, Needs::nothing, Target::any_mac, nullptr},
-    {op_self_conf_result, Finderd_query_self_conf_result, finder_words_len, Needs::nothing, Target::own_mac, nullptr},
-    {op_get_enable, Finderd_get_lumen_device_1_2, finder_words_len, Needs::nothing, Target::own_mac, after_get_enable},
-    {op_get_url, Finderd_get_lumen_device_1_2_url, finder_text_len, Needs::nothing, Target::own_mac, nullptr},
-    {op_spt_survey, Finderd_handle_spt_survey, finder_spt_survey_len, Needs::nothing, Target::any_mac, nullptr},
-    {op_list, Finderd_handle_op_list, finder_op_list_len, Needs::administrator, Target::own_mac, nullptr},
-    {op_set_enable, Finderd_set_lumen_device_1_2, finder_words_len, Needs::administrator, Target::own_mac, after_set_enable},
-    {op_get_alias, Finderd_get_lumen_device_1_2_alias, finder_text_len, Needs::administrator, Target::own_mac, nullptr},
-    {op_set_alias, Finderd_set_lumen_device_1_2_alias, finder_words_len, Needs::administrator, Target::own_mac, after_set_alias},
-    {op_alias_status, Finderd_query_alias_status, finder_words_len, Needs::administrator, Target::own_mac, nullptr},
-    {op_set_domain, Finderd_set_spt_domain, finder_words_len, Needs::administrator, Target::own_mac, after_set_domain},
-}};
-// clang-format on
-
-static_assert(std::ranges::all_of(opcodes, [](const OpcodeRow& row) { return row.payload_len <= finder_survey_len; }),
-              "a reply has room for them");
-
-constexpr std::uint64_t check_cost = 1000;  // thousandths of a password check
-constexpr std::uint64_t checks_burst = 20;
-constexpr std::uint64_t checks_per_s = 10;  // so many thousandths a millisecond, too
+constexpr std::uint64_t check_ms = 100;   // that a check of a password is paid with: ten a second
+constexpr std::uint64_t ahead_ms = 2000;  // that may be paid with ahead: twenty checks
 
 /// Whether a password may be checked now. A guess costs nothing; so many a second are no use to who guesses.
-bool may_check(CheckBudget& budget) {
+bool may_check() {
   const std::uint64_t now = finder_now_ms();
-  budget.left = std::min(budget.left + (now - budget.at_ms) * checks_per_s, checks_burst * check_cost);
-  budget.at_ms = now;
-  if (budget.left < check_cost) return false;
-  budget.left -= check_cost;
+  const std::uint64_t paid_until = std::max(finder.checks, now) + check_ms;
+  if (paid_until > now + ahead_ms) return false;
+  finder.checks = paid_until;
   return true;
 }
 
@@ -101,40 +102,7 @@ ssize_t receive() {
   return len;
 }
 
-bool acceptable(const FinderRequest& request, const OpcodeRow* row, ssize_t len) {
-  const bool any_mac = row != nullptr && row->target == Target::any_mac;
-  return request_u16(request, at_magic) == finder_request_magic && check_reqmode(request, any_mac) == 1 &&
-         len == static_cast<ssize_t>(request_u16(request, at_length) + finder_header_len);
-}
-
-/// An ordinary user's authority reaches no handler; only the administrator's does.
-bool may_dispatch(std::uint32_t authority, std::uint16_t opcode) {
-  return authority == authority_administrator || (authority == authority_user && opcode == op_user_probe);
-}
-
-void send_reply(const FinderRequest& request, FinderReply& reply, std::uint16_t result) {
-  Finderd_build_header(reply.bytes, request, result, static_cast<std::uint16_t>(reply.payload_len));
-  Finderd_send(reply.bytes, static_cast<std::uint32_t>(finder_header_len + reply.payload_len));
-}
-
-void Finderd_send_auth_fail(const FinderRequest& request) {
-  FinderReply reply{{}, finder_words_len};
-  send_reply(request, reply, 1);
-}
-
-/// True when the request may go on to its handler; who may not is answered here.
-bool authorise(const FinderRequest& request, std::uint16_t opcode) {
-  if (!may_check(finder.checks)) return false;
-  if (!may_dispatch(Finderd_check_authentication(request), opcode)) {
-    Finderd_send_auth_fail(request);
-    return false;
-  }
-  print_console("opcode %d\n", opcode);
-  return true;
-}
-
-}  // namespace
-
+/// 1 when a request is addressed to this camera, else 0: to its MAC, or to every camera's where `any_mac` allows that.
 int check_reqmode(const FinderRequest& request, bool any_mac) {
   const std::uint8_t* mac = request.bytes + at_mac;
   constexpr std::uint8_t everybody[finder_mac_len] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
@@ -146,12 +114,46 @@ int check_reqmode(const FinderRequest& request, bool any_mac) {
   return is_for_all || strncasecmp(request.my_mac, text, sizeof(text)) == 0 ? 1 : 0;
 }
 
+bool acceptable(const FinderRequest& request, const OpcodeRow* row, ssize_t len) {
+  const bool any_mac = row != nullptr && row->access == anyone_of_all;
+  return request_u16(request, at_magic) == finder_request_magic && check_reqmode(request, any_mac) == 1 &&
+         len == static_cast<ssize_t>(request_u16(request, at_length) + finder_header_len);
+}
+
+/// An ordinary user's authority reaches no handler; only the administrator's does.
+bool may_dispatch(std::uint32_t authority, std::uint16_t opcode) {
+  return authority == authority_administrator || (authority == authority_user && opcode == op_user_probe);
+}
+
+void send_reply(const FinderRequest& request, FinderReply& reply, bool failed) {
+  Finderd_build_header(reply.bytes, request, failed ? 1 : 0, static_cast<std::uint16_t>(reply.len - finder_header_len));
+  Finderd_send(reply.bytes, static_cast<std::uint32_t>(reply.len));
+}
+
+void Finderd_send_auth_fail(const FinderRequest& request) {
+  FinderReply reply{};
+  put_words(reply, 0);
+  send_reply(request, reply, true);
+}
+
+/// True when the request may go on to its handler; who may not is answered here.
+bool authorise(const FinderRequest& request, std::uint16_t opcode) {
+  if (!may_check()) return false;
+  if (!may_dispatch(Finderd_check_authentication(request), opcode)) {
+    Finderd_send_auth_fail(request);
+    return false;
+  }
+  print_console("opcode %d\n", opcode);
+  return true;
+}
+
+}  // namespace
+
 void Finderd_handle_request() {
   const ssize_t len = receive();
   if (len < 0) return;
-  char from[INET_ADDRSTRLEN] = "";
-  if (DbgLevel != 0) inet_ntop(AF_INET, &finder.peer.sin_addr, from, sizeof(from));
-  debug_log(" %s(), recv addr %s\n", "Finderd_handle_request", from);
+  if (DbgLevel != 0) inet_ntop(AF_INET, &finder.peer.sin_addr, finder.peer_text, sizeof(finder.peer_text));
+  debug_log(" %s(), recv addr %s\n", "Finderd_handle_request", finder.peer_text);
   const FinderRequest request{finder.request, &finder.served.ifinfo[finder.iReportSocketIndex],
                               finder.served.present_if.mac, finder.ctx, &finder.alias};
   const std::uint16_t opcode = request_u16(request, at_opcode);
@@ -161,16 +163,17 @@ void Finderd_handle_request() {
     return;
   }
   debug_log(" Receive request, opcode %d\n", opcode);
-  const bool open = row != nullptr && row->needs == Needs::nothing;
+  const bool open = row != nullptr && row->access != administrator;
   if (!open && !authorise(request, opcode)) return;
   if (row == nullptr) {
     debug_log("  Unknown opcode, skip this request\n");
     return;
   }
-  FinderReply reply{{}, row->payload_len};
+  log_if(row->entry, row->name);
+  FinderReply reply{};
   const FinderResult result = row->handler(request, reply);
-  send_reply(request, reply, result.result);
-  if (row->after != nullptr) row->after(result);
+  send_reply(request, reply, result.failed);
+  if (row->after != nullptr) row->after(row->name, result.is_changed);
 }
 
 }  // namespace kestrel

@@ -2,6 +2,7 @@
 #include <poll.h>
 #include <sys/select.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
@@ -20,16 +21,14 @@ constexpr std::uint64_t report_limit_ms = 60'000;  // with datagrams
 constexpr int error_pause_ms = 1000;               // for a select that fails at once, and would again
 constexpr int report_repeats = 3;                  // after challenges
 
-/// The Digest state as it was when the thread was started.
-AuthenticateInfo auth_at_start{};
-
 /// What the connection reports keep between each other.
 struct Reports {
-  AuthenticateInfo auth;
+  AuthenticateInfo auth;            // at first as it was when the thread was started
   char last[first_connection_len];  // behind what is always used: what a record leaves of it costs no memory
 };
+Reports reports{};
 
-void report_connection(Reports& reports) {
+void report_connection() {
   int result = conn_report(finder.ctx, &reports.auth, reports.last);
   for (int repeat = 0; result == request_challenged && repeat < report_repeats; ++repeat) {
     // Anything that differs from the record has it sent again.
@@ -40,18 +39,17 @@ void report_connection(Reports& reports) {
 
 int fill_read_set(fd_set& reads) {
   int highest = 0;
-  FD_ZERO(&reads);
-  for (int i = 0; i < finder.served.iIfNum; ++i) {
-    if (finder.fd[i] < 0) continue;
-    FD_SET(finder.fd[i], &reads);
-    if (finder.fd[i] > highest) highest = finder.fd[i];
+  for (const int fd : finder.fd) {
+    if (fd == no_socket) continue;
+    FD_SET(fd, &reads);
+    highest = std::max(highest, fd);
   }
   return highest;
 }
 
 void serve(const fd_set& reads) {
-  for (int i = 0; i < finder.served.iIfNum; ++i) {
-    if (finder.fd[i] < 0 || !FD_ISSET(finder.fd[i], &reads)) continue;
+  for (int i = 0; i < finder_max_if; ++i) {
+    if (finder.fd[i] == no_socket || !FD_ISSET(finder.fd[i], &reads)) continue;
     finder.iReportSocketIndex = i;
     debug_log(" broadcast detected, socket=%d, iReportSocketIndex=%d, interface=%s\n", finder.fd[i], i,
               finder.served.act_if[i].name);
@@ -62,7 +60,7 @@ void serve(const fd_set& reads) {
 }  // namespace
 
 void Finderd_take_auth(const AuthenticateInfo& auth) {
-  auth_at_start = auth;
+  reports.auth = auth;
 }
 
 std::uint64_t finder_now_ms() {
@@ -72,22 +70,22 @@ std::uint64_t finder_now_ms() {
 }
 
 void Finderd_loop() {
-  static Reports reports;
   copy_text(reports.last, "init");
-  reports.auth = auth_at_start;
   std::uint64_t reported_ms = finder_now_ms();
   while (!exit_requested(*finder.ctx)) {
-    fd_set reads;
+    fd_set reads{};
     const int highest = fill_read_set(reads);
     timeval limit{report_period_s, 0};
     const int ready = select(highest + 1, &reads, nullptr, nullptr, &limit);
-    if (ready > 0) serve(reads);
-    // Whoever keeps datagrams coming must not keep the reports back.
-    if (ready > 0 && finder_now_ms() - reported_ms < report_limit_ms) continue;
+    if (ready > 0) {
+      serve(reads);
+      // Whoever keeps datagrams coming must not keep the reports back.
+      if (finder_now_ms() - reported_ms < report_limit_ms) continue;
+    }
     if (ready < 0 && errno != EINTR) poll(nullptr, 0, error_pause_ms);
     // The look comes first: a report may wait long for the service.
     refresh_sockets();
-    report_connection(reports);
+    report_connection();
     reported_ms = finder_now_ms();
   }
 }

@@ -10,17 +10,13 @@
 
 namespace kestrel {
 
-/// What an operation gives: the result of the reply's header, and whether a setting was changed.
+/// What comes of an operation: the result of the reply's header, and whether a setting was changed.
 struct FinderResult {
-  std::uint16_t result;  // 0 success, 1 failure
+  bool failed = false;
   bool is_changed = false;
 };
 
 using FinderHandler = FinderResult (*)(const FinderRequest& request, FinderReply& reply);
-
-/// 1 when a request is addressed to this camera, else 0: to its MAC, or to every camera's where `any_mac` allows
-/// that.
-[[nodiscard]] int check_reqmode(const FinderRequest& request, bool any_mac);
 
 /// Authority of a caller.
 enum : std::uint32_t {
@@ -49,10 +45,8 @@ FinderResult Finderd_set_lumen_device_1_2(const FinderRequest& request, FinderRe
 FinderResult Finderd_set_lumen_device_1_2_alias(const FinderRequest& request, FinderReply& reply);
 FinderResult Finderd_set_spt_domain(const FinderRequest& request, FinderReply& reply);
 
-/// Ends the daemons after a change of the domain: who supervises them starts them with the new one.
-void stop_daemons();
-
-/// Writes the first DNS server and the last of the others, as in_addr words, at `base` + 80 and + 84.
+/// Writes the first DNS server and the last of the others, as in_addr words, at `base` + 80 and + 84; leaves alone
+/// what there is none for.
 void Finderd_get_dns(std::uint8_t* base);
 
 /// Writes the local time as 14 digits and a terminator. Returns 1, or 0 when `out` is null or the time
@@ -63,7 +57,8 @@ int Finderd_get_time(char* out);
 std::uint32_t Finderd_map_prefinal(RegState state);
 std::uint32_t Finderd_map_update_result(std::uint32_t result);
 
-/// Getters' buffers: at least as large as any size that a library of the family was built for.
+/// Getters' buffers: larger than any size that a library of the family was built for, and zero before the call, so that
+/// a text has an end whatever comes.
 constexpr std::size_t getter_len = 128;
 
 /// A setting of one byte; `otherwise` when it cannot be read: a getter that returns 0 may have filled it.
@@ -71,6 +66,20 @@ inline std::uint8_t byte_setting(int (*get)(char*), std::uint8_t otherwise) {
   char value[getter_len] = {unfilled_byte};
   const bool failed = get(value) == 0 && value[0] == unfilled_byte;
   return failed ? otherwise : static_cast<std::uint8_t>(value[0]);
+}
+
+/// Puts a text that a getter fills into a field of `size` bytes, whatever the getter says. Returns what it says.
+template <int size, typename Getter>
+int put_setting(FinderReply& reply, Getter get) {
+  char text[getter_len] = "";
+  const int known = get(text, size);
+  put_text(reply, size, text);
+  return known;
+}
+
+/// As put_setting, the URL under which the service publishes the camera.
+inline int put_url(FinderReply& reply) {
+  return put_setting<finder_text_len>(reply, [](char* url, int) { return tessel_get_skyport_http_url(url); });
 }
 
 }  // namespace kestrel

@@ -14,8 +14,10 @@
 //   150 argument, up to the end
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "core/device_context.h"
 #include "platform/tessel.h"
@@ -62,11 +64,7 @@ enum FinderOpcode : std::uint16_t {
   op_set_domain = 0x010A,
 };
 
-/// Payload sizes of the replies.
-constexpr std::size_t finder_survey_len = 312;
-constexpr std::size_t finder_spt_survey_len = 304;
-constexpr std::size_t finder_op_list_len = 34;
-constexpr std::size_t finder_words_len = 16;
+constexpr std::size_t finder_survey_len = 312;  // the longest payload of a reply
 constexpr std::size_t finder_text_len = 64;
 
 /// The buffer of one request, and the longest argument, up to its end.
@@ -96,22 +94,32 @@ std::uint16_t request_u16(const FinderRequest& request, std::size_t offset);
 /// `size`. Returns true when all of it fitted.
 bool request_text(const FinderRequest& request, std::size_t offset, std::size_t len, char* out, std::size_t size);
 
-/// A reply being written: zero wherever nothing is put. Offsets are payload offsets; what would lie
-/// outside the payload is not written.
+/// A reply being written, one field behind the other: what was put is its payload. What the longest payload has no
+/// room for is left out.
 struct FinderReply {
   std::uint8_t bytes[finder_header_len + finder_survey_len];
-  std::size_t payload_len;
+  std::size_t len = finder_header_len;
 };
 
-void put_u8(FinderReply& reply, std::size_t offset, std::uint8_t value);
-void put_u16(FinderReply& reply, std::size_t offset, std::uint16_t value);
-void put_u32(FinderReply& reply, std::size_t offset, std::uint32_t value);
-void put_bytes(FinderReply& reply, std::size_t offset, const void* bytes, std::size_t len);
-/// Writes a text into a field of `size` bytes, cut and terminated.
-void put_text(FinderReply& reply, std::size_t offset, std::size_t size, const char* text);
+inline void put_bytes(FinderReply& reply, const void* bytes, std::size_t len) {
+  if (len > sizeof(reply.bytes) - reply.len) return;
+  std::memcpy(reply.bytes + reply.len, bytes, len);
+  reply.len += len;
+}
+/// Puts an object as it stands: of numbers those that htole16 and htole32 give.
+template <typename T>
+void put(FinderReply& reply, const T& object) {
+  put_bytes(reply, &object, sizeof(object));
+}
+/// Puts a text into a field of `size` bytes, finder_text_len at most: cut, and zero behind it.
+void put_text(FinderReply& reply, std::size_t size, const char* text);
+/// Puts the 16 bytes of a small reply: three numbers, and a fourth that is always 0.
+void put_words(FinderReply& reply, std::uint32_t first, std::uint32_t second = 0, std::uint32_t third = 0);
+
+using FinderMac = std::array<std::uint8_t, finder_mac_len>;
 
 /// The camera's own MAC address, parsed from MyMAC.
-void parse_mac(const char* text, std::uint8_t (&mac)[finder_mac_len]);
+FinderMac parse_mac(const char* text);
 
 /// Writes the 22-byte reply header to `buf` for a request.
 void Finderd_build_header(std::uint8_t* buf, const FinderRequest& request, std::uint16_t result, std::uint16_t length);

@@ -13,8 +13,9 @@
 
 namespace kestrel {
 
-constexpr std::uint32_t finder_port = 62977;
+constexpr std::uint16_t finder_port = 62977;
 constexpr int finder_max_if = 4;
+constexpr int no_socket = -1;
 
 /// The interfaces as the platform gives them.
 struct FinderInterfaces {
@@ -27,25 +28,17 @@ struct FinderInterfaces {
   int active_index;
 };
 
-/// Password checks that may still be made, in thousandths, and when that was so on the monotonic clock.
-struct CheckBudget {
-  std::uint64_t left;
-  std::uint64_t at_ms;
-};
-
 /// The finder record.
 struct Finder {
-  std::uint32_t port;
-  std::uint32_t max_if[2];
-  std::uint32_t reserved;
   std::int32_t iReportSocketIndex;           // whose socket the request came by; the reply leaves by it
-  std::int32_t fd[finder_max_if];            // a socket an interface; -1 when none
+  std::int32_t fd[finder_max_if];            // a socket an interface, or no_socket
   bool complete;                             // every interface has its socket
   std::uint8_t request[finder_request_len];  // zero behind the received datagram
   sockaddr_in peer;                          // where the last request came from
+  char peer_text[ip_len];                    // as the log shows it; empty while nothing is logged
   FinderInterfaces served;
   FinderAlias alias;
-  CheckBudget checks;
+  std::uint64_t checks;  // until when, on the monotonic clock, the checks of passwords that were made are paid for
   DeviceContext* ctx;
 };
 

@@ -1,7 +1,8 @@
-// The two surveys: what the camera tells of itself to whoever asks.
+// The two surveys: what the camera tells of itself to whoever asks. Their fields follow each other as they stand in
+// the payload.
+#include <endian.h>
 #include <sys/time.h>
 
-#include <cstring>
 #include <ctime>
 
 #include "core/debug_log.h"
@@ -13,61 +14,11 @@ namespace kestrel {
 
 namespace {
 
-/// Payload offsets of the survey reply, and sizes of its texts.
-enum SurveyOffset : std::size_t {
-  survey_brand = 0,
-  survey_product = 64,
-  survey_model = 128,
-  survey_version = 160,
-  survey_type = 192,
-  survey_hw_spec = 194,
-  survey_mac = 198,
-  survey_camera_name = 204,
-  survey_ip = 268,
-  survey_http_port = 272,
-  survey_mask = 276,
-  survey_gateway = 280,
-  survey_dns = 284,
-  survey_dhcp = 292,
-  survey_time = 293,
-  survey_timezone = 309,
-  survey_dst = 311,
-  survey_end = 312,
-};
-static_assert(survey_end == finder_survey_len);
-
-/// Payload offsets of the service survey reply.
-enum SptSurveyOffset : std::size_t {
-  spt_brand = 0,
-  spt_model = 64,
-  spt_version = 96,
-  spt_client_version = 128,
-  spt_mac = 160,
-  spt_camera_name = 166,
-  spt_url = 230,
-  spt_ip = 294,
-  spt_http_port = 298,
-  spt_https = 300,
-  spt_end = 304,
-};
-static_assert(spt_end == finder_spt_survey_len);
-
-constexpr std::size_t name_len = 64;
-constexpr std::size_t model_len = 32;
-constexpr std::size_t version_len = 32;
+constexpr int name_len = 64;
+constexpr int model_len = 32;
+constexpr int version_len = 32;
 constexpr std::size_t timezone_len = 2;
 constexpr std::size_t time_len = 15;  // 14 digits and the terminator
-
-static_assert(survey_dns - survey_camera_name == 80, "where Finderd_get_dns writes");
-
-/// Puts a text that a getter fills; the two families of getters differ in the type of the size.
-template <typename Size>
-void put_setting(FinderReply& reply, std::size_t offset, std::size_t size, int (*get)(char*, Size)) {
-  char text[getter_len] = "";
-  get(text, static_cast<Size>(size));
-  terminate(text);
-  put_text(reply, offset, size, text);
-}
 
 std::uint16_t http_port() {
   int port = 0;
@@ -82,32 +33,6 @@ std::uint16_t product_type_code() {
   return type <= 1 ? static_cast<std::uint16_t>(type + 1) : 0;
 }
 
-void put_survey_platform(FinderReply& reply) {
-  put_setting(reply, survey_brand, name_len, dev_get_brand_name);
-  put_setting(reply, survey_product, name_len, dev_get_product_name);
-  put_setting(reply, survey_model, model_len, dev_get_model_name);
-  put_setting(reply, survey_version, version_len, dev_get_oem_version);
-  put_u16(reply, survey_type, product_type_code());
-  unsigned long hw_spec = 0;
-  dev_get_hw_spec(&hw_spec);
-  put_u32(reply, survey_hw_spec, static_cast<std::uint32_t>(hw_spec));
-  put_setting(reply, survey_camera_name, name_len, dev_get_camera_name);
-  char timezone[getter_len] = "";
-  dev_get_timezone(timezone);
-  put_bytes(reply, survey_timezone, timezone, timezone_len);
-  put_u8(reply, survey_dst, byte_setting(dev_get_dst, 0));
-}
-
-void put_survey_network(FinderReply& reply, const IFINFO& iface) {
-  put_bytes(reply, survey_mac, iface.mac, sizeof(iface.mac));
-  put_bytes(reply, survey_ip, &iface.ip, sizeof(iface.ip));
-  put_u16(reply, survey_http_port, http_port());
-  put_bytes(reply, survey_mask, &iface.mask, sizeof(iface.mask));
-  put_bytes(reply, survey_gateway, &iface.gateway, sizeof(iface.gateway));
-  Finderd_get_dns(reply.bytes + finder_header_len + survey_camera_name);
-  put_u8(reply, survey_dhcp, byte_setting(net_get_dhcp_enable, 0));
-}
-
 }  // namespace
 
 int Finderd_get_time(char* out) {
@@ -117,10 +42,9 @@ int Finderd_get_time(char* out) {
     print_error("gettimeofday");
     return 0;
   }
-  static time_t second = 0;
-  static char text[time_len] = "";
-  if (now.tv_sec != second || text[0] == '\0') {
-    text[0] = '\0';
+  static time_t second = -1;
+  static char text[time_len];
+  if (now.tv_sec != second) {
     tm local{};
     tzset();  // the zone may have changed since the last look
     if (localtime_r(&now.tv_sec, &local) == nullptr) {
@@ -136,34 +60,48 @@ int Finderd_get_time(char* out) {
 }
 
 FinderResult Finderd_handle_survey(const FinderRequest& request, FinderReply& reply) {
-  debug_log("%s() >>>\n", "Finderd_handle_survey");
-  put_survey_platform(reply);
-  put_survey_network(reply, *request.iface);
+  const IFINFO& iface = *request.iface;
+  put_setting<name_len>(reply, dev_get_brand_name);
+  put_setting<name_len>(reply, dev_get_product_name);
+  put_setting<model_len>(reply, dev_get_model_name);
+  put_setting<version_len>(reply, dev_get_oem_version);
+  put(reply, htole16(product_type_code()));
+  unsigned long hw_spec = 0;
+  dev_get_hw_spec(&hw_spec);
+  put(reply, htole32(static_cast<std::uint32_t>(hw_spec)));
+  put(reply, iface.mac);
+  std::uint8_t* const camera_name = reply.bytes + reply.len;
+  put_setting<name_len>(reply, dev_get_camera_name);
+  put(reply, iface.ip);
+  put(reply, htole32(http_port()));  // a field of two bytes, and two that are 0
+  put(reply, iface.mask);
+  put(reply, iface.gateway);
+  constexpr std::uint32_t dns_servers[2] = {};
+  put(reply, dns_servers);
+  Finderd_get_dns(camera_name);
+  put(reply, byte_setting(net_get_dhcp_enable, 0));
   char time_text[time_len] = "";
   const int timed = Finderd_get_time(time_text);
-  put_text(reply, survey_time, time_len, time_text);
-  return {static_cast<std::uint16_t>(timed != 0 ? 0 : 1)};
+  put_text(reply, time_len + 1, time_text);
+  char timezone[getter_len] = "";
+  dev_get_timezone(timezone);
+  put_bytes(reply, timezone, timezone_len);
+  put(reply, byte_setting(dev_get_dst, 0));
+  return {.failed = timed == 0};
 }
 
 FinderResult Finderd_handle_spt_survey(const FinderRequest& request, FinderReply& reply) {
-  debug_log("%s() >>>\n", "Finderd_handle_spt_survey");
-  put_setting(reply, spt_brand, name_len, dev_get_brand_name);
-  put_setting(reply, spt_model, model_len, dev_get_model_name);
-  put_setting(reply, spt_version, version_len, dev_get_oem_version);
-  put_setting(reply, spt_client_version, version_len, dev_get_spt_version);
-  std::uint8_t mac[finder_mac_len];
-  parse_mac(request.my_mac, mac);
-  put_bytes(reply, spt_mac, mac, sizeof(mac));
-  put_setting(reply, spt_camera_name, name_len, dev_get_camera_name);
-  char url[getter_len] = "";
-  tessel_get_skyport_http_url(url);
-  terminate(url);
-  put_text(reply, spt_url, finder_text_len, url);
-  const IFINFO& iface = *request.iface;
-  put_bytes(reply, spt_ip, &iface.ip, sizeof(iface.ip));
-  put_u16(reply, spt_http_port, http_port());
-  put_u8(reply, spt_https, byte_setting(net_get_http_or_https, 0));
-  return {0};
+  put_setting<name_len>(reply, dev_get_brand_name);
+  put_setting<model_len>(reply, dev_get_model_name);
+  put_setting<version_len>(reply, dev_get_oem_version);
+  put_setting<version_len>(reply, dev_get_spt_version);
+  put(reply, parse_mac(request.my_mac));
+  put_setting<name_len>(reply, dev_get_camera_name);
+  put_url(reply);
+  put(reply, request.iface->ip);
+  put(reply, htole16(http_port()));
+  put(reply, htole32(byte_setting(net_get_http_or_https, 0)));  // a field of one byte, and three that are 0
+  return {};
 }
 
 }  // namespace kestrel
