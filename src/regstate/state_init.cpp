@@ -74,17 +74,15 @@ void await_account(DeviceContext& current) {
 void publish_identity(DeviceContext& current) {
   random_digits6(current.Timestamp);
   debug_log("%s %d Timestamp=%s\r\n", module_name, __LINE__, current.Timestamp);
-  if (write_refer_file(current.hid, current.Timestamp) != 0) {
-    debug_log("%s %d write refer file success\r\n", module_name, __LINE__);
-  } else {
-    debug_log("%s %d write refer file failed\r\n", module_name, __LINE__);
-  }
+  const bool written = write_refer_file(current.hid, current.Timestamp) != 0;
+  debug_log(written ? "%s %d write refer file success\r\n" : "%s %d write refer file failed\r\n", module_name,
+            __LINE__);
 }
 
 }  // namespace
 
 void state_init(DeviceContext& current) {
-  if (current.last != nullptr) zero(*current.last);
+  zero(*current.last);
   reset(current);
   if (make_uid(current.uid, sizeof(current.uid)) != 0) debug_log("=> uid=(%s)\n", current.uid);
   await_account(current);
