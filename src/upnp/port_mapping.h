@@ -36,8 +36,8 @@ constexpr int mapping_attempts = 2;
 [[nodiscard]] int add_eport_retry(const char* description, std::uint16_t external_port, std::uint16_t internal_port,
                                   int protocol, int attempts);
 
-/// Deletes a mapping. Returns 1 when it was deleted, 0 when the router has none (or at the fourth
-/// failed attempt), and the library's last result, which is not 0, when fewer attempts have run out.
+/// Deletes a mapping, by one attempt at least. Returns 1 when it was deleted, 0 when the router has none (or at the
+/// fourth failed attempt), and the library's last result, which is not 0, when fewer attempts have run out.
 [[nodiscard]] int delete_port(std::uint16_t external_port, int attempts);
 
 /// Searches for the gateway and fills its description, every text of it terminated. 0 when one was found.

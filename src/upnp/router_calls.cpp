@@ -60,22 +60,20 @@ int add_eport_retry(const char* description, std::uint16_t external_port, std::u
 }
 
 int delete_port(std::uint16_t external_port, int attempts) {
-  int result = 0;
-  for (int attempt = 0; attempt < attempts; ++attempt) {
+  for (int attempt = 0;; ++attempt) {
     debug_log("!delete port=%d\n", external_port);
-    result = Mupnp_del_eport(external_port, MUPNP_PROTOCOL_HTTP, UPNP_DEF_TIMEOUT);
+    const int result = Mupnp_del_eport(external_port, MUPNP_PROTOCOL_HTTP, UPNP_DEF_TIMEOUT);
     if (result == 0) {
       debug_log("Port mapping delete port (%d) success\n", external_port);
       return 1;
     }
     if (result == MUPNP_NONE) return 0;
-    if (exit_requested()) break;
     if (attempt == reported_attempt) {
       debug_log("*** Port mapping delete port (%d) failed\n", external_port);
       return 0;
     }
+    if (attempt + 1 == attempts || exit_requested()) return result;
   }
-  return result;
 }
 
 int find_gateway(MupnpIgd* igd) {

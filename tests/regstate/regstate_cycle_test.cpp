@@ -137,17 +137,21 @@ TEST_F(RegstateCycle, AddressesDecideThePath) {
 }
 
 TEST_F(RegstateCycle, UriOfTheDomain) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"skyport.test", "skyport.test"}, {"lbskyport.test", "skyport.test"},
-      {"LBlb.test", "lb.test"},         {"Lb", ""},
-      {"albert.test", "albert.test"},   {"l", "l"}};
+  const std::string d(80, 'd');  // the library's 64 bytes, without a terminator
+  const std::pair<std::string, std::string> rows[] = {{"skyport.test", "skyport.test"},
+                                                      {"lbskyport.test", "skyport.test"},
+                                                      {"LBlb.test", "lb.test"},
+                                                      {"Lb", ""},
+                                                      {"albert.test", "albert.test"},
+                                                      {"l", "l"},
+                                                      {d, d.substr(0, 63)}};
   for (const auto& [domain, asked] : rows) {
     begin(START);
     fake.domain = domain;
-    fake.redirect_host = std::string(80, 'h');  // the library's 64 bytes, without a terminator
+    fake.redirect_host = std::string(80, 'h');
     turn();
     EXPECT_EQ(fake_calls({"tessel_get_skyport_url", "SetSptURI"}),
-              (Texts{std::string("tessel_get_skyport_url ") + asked, "SetSptURI http://" + std::string(63, 'h')}));
+              (Texts{"tessel_get_skyport_url " + asked, "SetSptURI http://" + std::string(63, 'h')}));
   }
 }
 
