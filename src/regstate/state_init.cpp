@@ -51,10 +51,8 @@ bool take_account(DeviceContext& current) {
   char password[64] = "";
   debug_log("try to get_dev_sip_account\n");
   if (get_dev_sip_account(hid, password) == 0) return false;
-  terminate(hid);
-  terminate(password);
-  copy_text(current.hid, hid);
-  copy_text(current.auth_info.pass, password);
+  copy_bytes(current.hid, sizeof(current.hid), hid, sizeof(hid));
+  copy_bytes(current.auth_info.pass, sizeof(current.auth_info.pass), password, sizeof(password));
   debug_log("get_dev_sip_account success, hid=%s, password=%s\n", current.hid, current.auth_info.pass);
   debug_log("=> hid=(%s)\n", current.hid);
   copy_text(current.auth_info.user, current.hid);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/device_context.h"
+#include "core/gateway_texts.h"
 #include "fake_platform/fixture.h"
 #include "support/trace.h"
 
@@ -230,11 +231,7 @@ TEST_F(UpnpTest, LongTextsAreCut) {
   MupnpIgd igd{};
   std::memset(&fake.igd, 'x', sizeof(fake.igd));
   EXPECT_EQ(find_gateway(&igd), 0);
-  std::string lengths;
-  for (const char* text : {igd.friendlyName, igd.manufacturer, igd.manufacturerURL, igd.modelName, igd.modelNumber,
-                           igd.modelDescription, igd.presentationURL})
-    lengths += std::to_string(std::strlen(text)) + " ";
-  EXPECT_EQ(lengths, "63 63 127 31 31 127 127 ");
+  for (const GatewayText& text : gateway_texts) EXPECT_EQ(std::strlen(gateway_text(igd, text)), text.size - 1);
 
   char ip[ip_len] = "";
   fake.router_ip = "198.51.100.7.198.51";
