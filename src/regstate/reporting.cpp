@@ -1,6 +1,7 @@
 // PublicMode, NoUPnP, NATM, UpnpPfReady and UpnpPfFailed: the states that end a cycle by a report to the service,
 // in one way, with a row of particulars for each.
 #include <algorithm>
+#include <array>
 
 #include "core/debug_log.h"
 #include "core/gateway_texts.h"
@@ -31,7 +32,7 @@ struct Reporting {
   Mapping mapping;
 };
 
-constexpr Reporting reportings[] = {
+constexpr std::array<Reporting, 5> reportings = {{
     {PublicMode, "***[PublicMode]***\n", " ==>Need update!\n", " ==>!BYPASS update!\n", LumenDevDone, IpReady,
      auth_fail_limit, &AuthFailCounts::public_mode, Mapping::none},
     {NoUPnP, "***[NoUPnP]***\n", " ==>!Need update!\n", " ==>!BYPASS update!\n", LumenDevPartDone, NoUPnP,
@@ -42,7 +43,7 @@ constexpr Reporting reportings[] = {
      auth_fail_limit, &AuthFailCounts::upnp_pf_ready, Mapping::tested},
     {UpnpPfFailed, "***[UpnpPfFailed]***\n", " ==>!Need update!\n", "==>!BYPASS update!\n", LumenDevPartDone,
      UpnpPfFailed, auth_fail_limit, &AuthFailCounts::upnp_pf_failed, Mapping::none},
-};
+}};
 
 void fill_empty(char* text, std::size_t size, const char* value) {
   if (text[0] == '\0') copy_text(text, size, value);

@@ -23,13 +23,12 @@ namespace {
 constexpr char module_name[] = "kestreld";
 constexpr unsigned account_retry_s = 3;
 
-/// Sets `run` and `state` anew. An exit request that came before stands: it left UNKNOWN and a `run` of
-/// 0, and is not taken back. No signal may come between the look and the stores.
+/// Sets `run` and `state` anew. An exit request that came before stands: it left UNKNOWN, which nothing else writes,
+/// and is not taken back. No signal may come between the look and the stores.
 void start_running(DeviceContext& current) {
   const SignalsBlocked blocked;
-  const bool exit_requested = load_word(current.state) == UNKNOWN && load_word(current.run) == 0;
+  store_word(current.run, load_word(current.state) == UNKNOWN ? 0U : 1U);
   set_state(current, START);
-  store_word(current.run, exit_requested ? 0U : 1U);
   store_word(current.dev_reload, 0U);
 }
 
