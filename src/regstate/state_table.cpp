@@ -37,9 +37,9 @@ constexpr std::array<StateRow, state_count> states = {{
     {LumenDevNotReady, "LumenDevNotReady", go_LumenDevNotReady},
 }};
 
+// Every row stands at its number.
 static_assert(std::ranges::adjacent_find(states, std::ranges::greater_equal{}, &StateRow::state) == states.end() &&
-                  states.back().state == state_count - 1,
-              "every row stands at its number");
+              states.back().state == state_count - 1);
 
 }  // namespace
 
@@ -49,7 +49,7 @@ const char* state_name(RegState state) {
 }
 
 void install_handlers(DeviceContext& ctx) {
-  for (std::size_t i = 0; i < states.size(); ++i) ctx.handlers[i] = states[i].handler;
+  std::ranges::transform(states, ctx.handlers, &StateRow::handler);
 }
 
 }  // namespace kestrel
