@@ -20,9 +20,10 @@ constexpr unsigned connect_back_pause_s = 1;
 constexpr int connect_back_retries = 9;         // 9 s in all
 constexpr int connect_back_silent_retries = 2;  // of them without an answer
 
-void wait_to_start_over(DeviceContext& ctx, unsigned seconds) {
+void wait_and_start_over(DeviceContext& ctx, unsigned seconds) {
   debug_log("wait (%d)secs to start over!\n", static_cast<int>(seconds));
   wait_while(ctx.run, seconds);
+  start_over(ctx);
 }
 
 /// A challenge came: tests again with credentials, and for a while more. Returns the latest result.
@@ -52,9 +53,10 @@ bool still_reachable(DeviceContext& ctx) {
     return true;
   }
   // A test that an exit request cut short says nothing about the mapping.
-  if (exit_requested(ctx)) return false;
-  debug_log("%s:%d connect back failed, delete pf & start over! \n", "go_LumenDevDone", __LINE__);
-  delete_mapping(ctx);
+  if (!exit_requested(ctx)) {
+    debug_log("%s:%d connect back failed, delete pf & start over! \n", "go_LumenDevDone", __LINE__);
+    delete_mapping(ctx);
+  }
   return false;
 }
 
@@ -66,23 +68,24 @@ bool reload_requested(DeviceContext& ctx) {
   return true;
 }
 
-enum class KeepAlive { stay, leave, done };
-
-/// One turn: `leave` when the mapping stopped working, `done` when the next state is written already.
-KeepAlive keep_alive_turn(DeviceContext& ctx) {
-  const int enabled = read_enable_switch(ctx);
-  debug_log(" Enable=%d, Last_Spt_Enabled=%d\n", enabled, ctx.Last_Spt_Enabled);
-  if (enabled == 0) {
-    report_enable_up_to_3(ctx, enabled);
-    set_state(ctx, LumenDevNotReady);
-    return KeepAlive::done;
-  }
-  debug_log("wait (%d)secs to connect back!\n", static_cast<int>(keep_alive_s));
-  wait_while(ctx.run, keep_alive_s);
-  if (reload_requested(ctx)) return KeepAlive::done;
-  if (exit_requested(ctx) || !still_reachable(ctx)) return KeepAlive::leave;
+/// Until the mapping stops working, the user switches the service off, or a signal comes.
+void keep_alive(DeviceContext& ctx) {
+  // An exit request lets the turn end and does not begin another, whose waits would be skipped.
+  do {
+    const int enabled = read_enable_switch(ctx);
+    if (enabled == 0) {
+      report_enable_up_to_3(ctx, enabled);
+      return set_state(ctx, LumenDevNotReady);
+    }
+    debug_log("wait (%d)secs to connect back!\n", static_cast<int>(keep_alive_s));
+    wait_while(ctx.run, keep_alive_s);
+    if (reload_requested(ctx)) return;
+    if (exit_requested(ctx) || !still_reachable(ctx)) break;
+    ctx.auth_info.on = 0;
+    if (reload_requested(ctx)) return;
+  } while (!exit_requested(ctx));
   ctx.auth_info.on = 0;
-  return reload_requested(ctx) ? KeepAlive::done : KeepAlive::stay;
+  start_over(ctx);
 }
 
 }  // namespace
@@ -90,35 +93,25 @@ KeepAlive keep_alive_turn(DeviceContext& ctx) {
 void go_LumenDevPartDone(DeviceContext* ctx) {
   SetSptOnLineStatus(on_line);
   debug_log("***[LumenDevPartDone]***\n");
-  wait_to_start_over(*ctx, cycle_s);
-  start_over(*ctx);
+  wait_and_start_over(*ctx, cycle_s);
 }
 
 void go_LumenDevNotReady(DeviceContext* ctx) {
   SetSptOnLineStatus(off_line);
   debug_log("***[LumenDevNotReady]***\n");
   debug_log("%d\n", static_cast<int>(ctx->upd.resut));
-  wait_to_start_over(*ctx, ctx->upd.resut == update_auth_failed ? cycle_after_auth_failure_s : cycle_s);
   ctx->IsNeedQueryDAIP = 1;
-  start_over(*ctx);
+  wait_and_start_over(*ctx, ctx->upd.resut == update_auth_failed ? cycle_after_auth_failure_s : cycle_s);
 }
 
 void go_LumenDevDone(DeviceContext* ctx) {
   SetSptOnLineStatus(on_line);
   debug_log("***[LumenDevDone]***\n");
-  if (ctx->prefinal_state != UpnpPfReady) {
-    wait_to_start_over(*ctx, cycle_s);
-    start_over(*ctx);
-    return;
+  if (ctx->prefinal_state == UpnpPfReady) {
+    keep_alive(*ctx);
+  } else {
+    wait_and_start_over(*ctx, cycle_s);
   }
-  KeepAlive turn;
-  // An exit request lets the turn end and does not begin another, whose waits would be skipped.
-  do {
-    turn = keep_alive_turn(*ctx);
-  } while (turn == KeepAlive::stay && !exit_requested(*ctx));
-  if (turn == KeepAlive::done) return;
-  ctx->auth_info.on = 0;
-  start_over(*ctx);
 }
 
 }  // namespace kestrel

@@ -3,12 +3,10 @@
 #include <cstring>
 
 #include "core/debug_log.h"
-#include "core/wait.h"
 #include "net/address.h"
 #include "platform/upnpc.h"
 #include "regstate/handlers.h"
 #include "regstate/steps.h"
-#include "service/requests.h"
 #include "upnp/port_mapping.h"
 
 namespace kestrel {
@@ -17,17 +15,17 @@ namespace {
 
 constexpr int address_attempts = 2;
 
-int obtain_mapping(DeviceContext& ctx) {
+/// Has a port mapped, and writes the next state: `mapped` when that worked. Returns UPF's result.
+int obtain_mapping(DeviceContext& ctx, RegState mapped) {
   const auto internal_port = static_cast<std::uint16_t>(std::atoi(ctx.i.port));
   const int result = UPF(ctx.uid, internal_port, ctx.ue.port, &ctx.dev_reload);
-  if (result != upf_stopped) ctx.pfok = result == upf_mapped ? 1 : 0;
+  if (result == upf_stopped) {
+    set_state(ctx, START);
+  } else {
+    ctx.pfok = result == upf_mapped ? 1 : 0;
+    set_state(ctx, result == upf_mapped ? mapped : UpnpPfFailed);
+  }
   return result;
-}
-
-/// Where UPnP_B and NAT1 go with the strategy's result.
-RegState after_mapping(int result, RegState mapped) {
-  if (result == upf_mapped) return mapped;
-  return result == upf_stopped ? START : UpnpPfFailed;
 }
 
 }  // namespace
@@ -57,28 +55,16 @@ void go_UPnP_A(DeviceContext* ctx) {
 
 void go_UPnP_B(DeviceContext* ctx) {
   debug_log("***[UPnP_B.]***\n");
-  const int result = obtain_mapping(*ctx);
-  if (result == upf_mapped) {
-    debug_log("! port forward ok\n");
-  } else if (result != upf_stopped) {
-    debug_log("! port forward failed\n");
-  }
-  set_state(*ctx, after_mapping(result, NATU));
+  const int result = obtain_mapping(*ctx, NATU);
+  if (result == upf_stopped) return;
+  debug_log(result == upf_mapped ? "! port forward ok\n" : "! port forward failed\n");
 }
 
 void go_NATU(DeviceContext* ctx) {
   debug_log("***[NATU.]***\n");
-  wait_while(ctx->run, settle_s);
-  if (srv_connectback(ctx) == request_ok) {
-    debug_log("connect back test ok\n");
-    std::memcpy(ctx->ue.ip, ctx->e.ip, sizeof(ctx->ue.ip));
-    set_state(*ctx, UpnpPfReady);
-    return;
-  }
-  // A test that an exit request cut short says nothing about the mapping.
-  if (exit_requested(*ctx)) return;
-  debug_log("%s:%d connect back failed, delete pf\n", "go_NATU", __LINE__);
-  set_state(*ctx, give_up_mapping(*ctx) ? UpnpPfFailed : UPnP_B);
+  if (!mapping_works(*ctx, "connect back test ok\n", "go_NATU", UPnP_B)) return;
+  std::memcpy(ctx->ue.ip, ctx->e.ip, sizeof(ctx->ue.ip));
+  set_state(*ctx, UpnpPfReady);
 }
 
 void go_NAT1(DeviceContext* ctx) {
@@ -89,7 +75,7 @@ void go_NAT1(DeviceContext* ctx) {
     return;
   }
   // Without the test that NATU makes: UpnpPfReady makes it.
-  set_state(*ctx, after_mapping(obtain_mapping(*ctx), UpnpPfReady));
+  static_cast<void>(obtain_mapping(*ctx, UpnpPfReady));
 }
 
 }  // namespace kestrel

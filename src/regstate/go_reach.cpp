@@ -20,12 +20,6 @@ namespace {
 constexpr int attempts = 2;
 constexpr unsigned undecided_pause_s = 10;
 
-void give_up(DeviceContext& ctx) {
-  auth_fail_count.ip_ready = 0;
-  set_update_result(ctx, update_auth_failed);
-  set_state(ctx, LumenDevNotReady);
-}
-
 }  // namespace
 
 void go_IpReady(DeviceContext* ctx) {
@@ -39,10 +33,10 @@ void go_IpReady(DeviceContext* ctx) {
       return;
     }
     if (result == request_challenged) {
-      if (!tolerated(auth_fail_count.ip_ready, auth_fail_limit)) give_up(*ctx);
+      if (!tolerated(auth_fail_count.ip_ready, auth_fail_limit)) give_up(*ctx, auth_fail_count.ip_ready);
       return;
     }
-    if (std::strlen(ctx->proxy.ip) < min_proxy_ip_len) return give_up(*ctx);
+    if (std::strlen(ctx->proxy.ip) < min_proxy_ip_len) return give_up(*ctx, auth_fail_count.ip_ready);
     if (exit_requested(*ctx)) return;
     debug_log("[kestreld]: Test proxy srv.........\n");
     store_word(ctx->proxy_tested, 1);

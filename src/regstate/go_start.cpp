@@ -75,11 +75,6 @@ bool find_own_address(DeviceContext& ctx) {
   return true;
 }
 
-bool report_switch(DeviceContext& ctx, int enabled) {
-  debug_log(" Enable=%d, Last_Spt_Enabled=%d\n", enabled, ctx.Last_Spt_Enabled);
-  return enabled == ctx.Last_Spt_Enabled || report_enable_up_to_3(ctx, enabled);
-}
-
 bool find_access_server(DeviceContext& ctx) {
   debug_log(" IsNeedQueryDAIP=%d\n", static_cast<int>(ctx.IsNeedQueryDAIP));
   if (ctx.IsNeedQueryDAIP == 0) return true;
@@ -100,23 +95,13 @@ bool find_access_server(DeviceContext& ctx) {
 void go_START(DeviceContext* ctx) {
   publish_uri();
   find_proxy(*ctx);
-  if (!find_redirect_server(*ctx) || !find_own_address(*ctx)) {
-    wait_while(ctx->run, retry_s);
-    return;
-  }
+  if (!find_redirect_server(*ctx) || !find_own_address(*ctx)) return wait_while(ctx->run, retry_s);
   const int enabled = read_enable_switch(*ctx);
-  if (enabled < 0) {
-    // A store that is not ready yet says nothing about what the user wants.
-    debug_log(" [kestreld]: *** get skyport enable state failed\n");
-    wait_while(ctx->run, retry_s);
-    return;
-  }
-  if (!report_switch(*ctx, enabled) || ctx->Last_Spt_Enabled == 0 || !find_access_server(*ctx)) {
-    set_state(*ctx, LumenDevNotReady);
-    return;
-  }
-  // Overwrites a LumenDevNotReady that a guarded request wrote before a later attempt succeeded.
-  set_state(*ctx, IpReady);
+  // A store that is not ready yet says nothing about what the user wants.
+  if (enabled < 0) return wait_while(ctx->run, retry_s);
+  const bool told = enabled == ctx->Last_Spt_Enabled || report_enable_up_to_3(*ctx, enabled);
+  // IpReady overwrites a LumenDevNotReady that a guarded request wrote before a later attempt succeeded.
+  set_state(*ctx, told && enabled != 0 && find_access_server(*ctx) ? IpReady : LumenDevNotReady);
 }
 
 }  // namespace kestrel

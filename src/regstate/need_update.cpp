@@ -2,7 +2,6 @@
 #include "regstate/need_update.h"
 
 #include <array>
-#include <cstddef>
 #include <cstring>
 
 #include "core/debug_log.h"
@@ -12,52 +11,20 @@ namespace kestrel {
 
 namespace {
 
-enum Field { eip, ueip, ueport, iip, iport };
+/// What a difference in a field means to a state: nothing, a report, or a report without a look at the others.
+enum Weight : std::uint8_t { ignored, compared, decisive };
 
-struct FieldRow {
-  Field field;
-  std::size_t at;  // in the record
-  const char* line;
-};
-
-constexpr std::array<FieldRow, 5> fields = {{
-    {eip, offsetof(DeviceContext, e.ip), "<> eip isn't the same. eip changed. must update.\n"},
-    {ueip, offsetof(DeviceContext, ue.ip), "<> ueip isn't the same. ueip changed. must update.\n"},
-    {ueport, offsetof(DeviceContext, ue.port), "<> ueport isn't the same. ueport changed. must update.\n"},
-    {iip, offsetof(DeviceContext, i.ip), "<> iip isn't the same. iip changed. must update.\n"},
-    {iport, offsetof(DeviceContext, i.port), "<> iport isn't the same. iport changed. must update.\n"},
-}};
-
-constexpr bool rows_stand_at_their_fields() {
-  for (std::size_t i = 0; i < fields.size(); ++i) {
-    if (static_cast<std::size_t>(fields[i].field) != i) return false;
-  }
-  return true;
-}
-static_assert(rows_stand_at_their_fields());
-
-const char* text_of(const DeviceContext& ctx, const FieldRow& field) {
-  return reinterpret_cast<const char*>(&ctx) + field.at;
-}
-
-/// A field that a state compares. A difference in a decisive one ends the comparison.
-struct Comparison {
-  Field field;
-  bool decisive;
-};
-
-struct StateComparisons {
+struct StateWeights {
   RegState state;
-  std::size_t count;
-  Comparison list[5];
+  Weight eip, ueip, ueport, iip, iport;
 };
 
-constexpr std::array<StateComparisons, 5> comparisons = {{
-    {PublicMode, 3, {{eip, false}, {iip, false}, {iport, false}}},
-    {NoUPnP, 3, {{eip, false}, {iip, false}, {iport, false}}},
-    {NATM, 4, {{eip, true}, {ueip, true}, {iip, false}, {iport, false}}},
-    {UpnpPfFailed, 4, {{eip, true}, {ueip, true}, {iip, false}, {iport, false}}},
-    {UpnpPfReady, 5, {{eip, true}, {ueip, true}, {ueport, true}, {iip, false}, {iport, false}}},
+constexpr std::array<StateWeights, 5> state_weights = {{
+    {PublicMode, compared, ignored, ignored, compared, compared},
+    {NoUPnP, compared, ignored, ignored, compared, compared},
+    {NATM, decisive, decisive, ignored, compared, compared},
+    {UpnpPfFailed, decisive, decisive, ignored, compared, compared},
+    {UpnpPfReady, decisive, decisive, decisive, compared, compared},
 }};
 
 constexpr char dashes[] = "-------------------------------------------------------------\n";
@@ -81,15 +48,24 @@ void log_both(const DeviceContext& c, const DeviceContext& l) {
   debug_log(dashes);
 }
 
-/// 1 when a field that the state compares differs.
-int compare_fields(const StateComparisons& row, const DeviceContext& current, const DeviceContext& last) {
+/// 1 when a field that counts for the state differs.
+int compare_fields(const StateWeights& row, const DeviceContext& c, const DeviceContext& l) {
+  const struct {
+    Weight weight;
+    const char *current, *last, *line;
+  } fields[] = {
+      {row.eip, c.e.ip, l.e.ip, "<> eip isn't the same. eip changed. must update.\n"},
+      {row.ueip, c.ue.ip, l.ue.ip, "<> ueip isn't the same. ueip changed. must update.\n"},
+      {row.ueport, c.ue.port, l.ue.port, "<> ueport isn't the same. ueport changed. must update.\n"},
+      {row.iip, c.i.ip, l.i.ip, "<> iip isn't the same. iip changed. must update.\n"},
+      {row.iport, c.i.port, l.i.port, "<> iport isn't the same. iport changed. must update.\n"},
+  };
   int result = 0;
-  for (std::size_t i = 0; i < row.count; ++i) {
-    const FieldRow& field = fields[row.list[i].field];
-    if (std::strcmp(text_of(current, field), text_of(last, field)) == 0) continue;
+  for (const auto& field : fields) {
+    if (field.weight == ignored || std::strcmp(field.current, field.last) == 0) continue;
     debug_log(field.line);
+    if (field.weight == decisive) return 1;
     result = 1;
-    if (row.list[i].decisive) return result;
   }
   return result;
 }
@@ -113,7 +89,7 @@ int need_update(const DeviceContext& current) {
   }
   debug_log("<> last succeeded state: %s\n", state_name(last.state));
   const RegState state = load_word(current.state);
-  for (const StateComparisons& row : comparisons) {
+  for (const StateWeights& row : state_weights) {
     if (row.state == state) return compare_fields(row, current, last);
   }
   debug_log("<> unhandled state=%s\n", state_name(state));

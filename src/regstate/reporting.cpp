@@ -1,11 +1,11 @@
 // PublicMode, NoUPnP, NATM, UpnpPfReady and UpnpPfFailed: the states that end a cycle by a report to the service,
 // in one way, with a row of particulars for each.
+#include <algorithm>
 #include <array>
 
 #include "core/debug_log.h"
 #include "core/gateway_texts.h"
 #include "core/text.h"
-#include "core/wait.h"
 #include "regstate/auth_fail_count.h"
 #include "regstate/handlers.h"
 #include "regstate/need_update.h"
@@ -32,8 +32,6 @@ struct Reporting {
   Mapping mapping;
 };
 
-enum Row { public_mode, no_upnp, natm, upnp_pf_ready, upnp_pf_failed };
-
 constexpr std::array<Reporting, 5> reportings = {{
     {PublicMode, "***[PublicMode]***\n", " ==>Need update!\n", " ==>!BYPASS update!\n", LumenDevDone, IpReady,
      auth_fail_limit, &AuthFailCounts::public_mode, Mapping::none},
@@ -46,26 +44,9 @@ constexpr std::array<Reporting, 5> reportings = {{
     {UpnpPfFailed, "***[UpnpPfFailed]***\n", " ==>!Need update!\n", "==>!BYPASS update!\n", LumenDevPartDone,
      UpnpPfFailed, auth_fail_limit, &AuthFailCounts::upnp_pf_failed, Mapping::none},
 }};
-static_assert(reportings[public_mode].state == PublicMode && reportings[no_upnp].state == NoUPnP &&
-              reportings[natm].state == NATM && reportings[upnp_pf_ready].state == UpnpPfReady &&
-              reportings[upnp_pf_failed].state == UpnpPfFailed);
 
 void fill_empty(char* text, std::size_t size, const char* value) {
   if (text[0] == '\0') copy_text(text, size, value);
-}
-
-/// Has the service test the mapping. One that does not work is given up, and the next state is written; a test that
-/// an exit request cut short says nothing about it.
-bool mapping_works(DeviceContext& ctx) {
-  wait_while(ctx.run, settle_s);
-  if (srv_connectback(&ctx) == request_ok) {
-    debug_log(" connect back test ok\n");
-    return true;
-  }
-  if (exit_requested(ctx)) return false;
-  debug_log("%s:%d connect back failed, delete pf\n", "go_UpnpPfReady", __LINE__);
-  set_state(ctx, give_up_mapping(ctx) ? UpnpPfFailed : NAT1);
-  return false;
 }
 
 /// A mapping that the service does not know serves nobody.
@@ -84,11 +65,12 @@ void end_cycle(DeviceContext& ctx, UpdateResult result, RegState next) {
   set_state(ctx, next);
 }
 
-void report(DeviceContext& ctx, const Reporting& row) {
+void report(DeviceContext& ctx, RegState state) {
+  const Reporting& row = *std::ranges::find(reportings, state, &Reporting::state);
   log_if(row.header);
   fill_defaults(ctx);
-  store_word(ctx.prefinal_state, row.state);
-  if (row.mapping == Mapping::tested && !mapping_works(ctx)) return;
+  store_word(ctx.prefinal_state, state);
+  if (row.mapping == Mapping::tested && !mapping_works(ctx, " connect back test ok\n", "go_UpnpPfReady", NAT1)) return;
   if (need_update(ctx) == 0) {
     log_if(row.bypass_line);
     return end_cycle(ctx, update_bypassed, row.success);
@@ -114,23 +96,23 @@ void fill_defaults(DeviceContext& ctx) {
 void go_PublicMode(DeviceContext* ctx) {
   // The camera is its own external end.
   ctx->ue = ctx->i;
-  report(*ctx, reportings[public_mode]);
+  report(*ctx, PublicMode);
 }
 
 void go_NoUPnP(DeviceContext* ctx) {
-  report(*ctx, reportings[no_upnp]);
+  report(*ctx, NoUPnP);
 }
 
 void go_NATM(DeviceContext* ctx) {
-  report(*ctx, reportings[natm]);
+  report(*ctx, NATM);
 }
 
 void go_UpnpPfReady(DeviceContext* ctx) {
-  report(*ctx, reportings[upnp_pf_ready]);
+  report(*ctx, UpnpPfReady);
 }
 
 void go_UpnpPfFailed(DeviceContext* ctx) {
-  report(*ctx, reportings[upnp_pf_failed]);
+  report(*ctx, UpnpPfFailed);
 }
 
 }  // namespace kestrel

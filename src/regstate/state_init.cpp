@@ -23,13 +23,12 @@ namespace {
 constexpr char module_name[] = "kestreld";
 constexpr unsigned account_retry_s = 3;
 
-/// Sets `run` and `state` anew. An exit request that came before stands: it left UNKNOWN and a `run` of
-/// 0, and is not taken back. No signal may come between the look and the stores.
+/// Sets `run` and `state` anew. An exit request that came before stands: it left UNKNOWN, which nothing else writes,
+/// and is not taken back. No signal may come between the look and the stores.
 void start_running(DeviceContext& current) {
   const SignalsBlocked blocked;
-  const bool exit_requested = load_word(current.state) == UNKNOWN && load_word(current.run) == 0;
+  store_word(current.run, load_word(current.state) == UNKNOWN ? 0U : 1U);
   set_state(current, START);
-  store_word(current.run, exit_requested ? 0U : 1U);
   store_word(current.dev_reload, 0U);
 }
 
@@ -51,10 +50,8 @@ bool take_account(DeviceContext& current) {
   char password[64] = "";
   debug_log("try to get_dev_sip_account\n");
   if (get_dev_sip_account(hid, password) == 0) return false;
-  terminate(hid);
-  terminate(password);
-  copy_text(current.hid, hid);
-  copy_text(current.auth_info.pass, password);
+  copy_bytes(current.hid, sizeof(current.hid), hid, sizeof(hid));
+  copy_bytes(current.auth_info.pass, sizeof(current.auth_info.pass), password, sizeof(password));
   debug_log("get_dev_sip_account success, hid=%s, password=%s\n", current.hid, current.auth_info.pass);
   debug_log("=> hid=(%s)\n", current.hid);
   copy_text(current.auth_info.user, current.hid);
@@ -74,17 +71,15 @@ void await_account(DeviceContext& current) {
 void publish_identity(DeviceContext& current) {
   random_digits6(current.Timestamp);
   debug_log("%s %d Timestamp=%s\r\n", module_name, __LINE__, current.Timestamp);
-  if (write_refer_file(current.hid, current.Timestamp) != 0) {
-    debug_log("%s %d write refer file success\r\n", module_name, __LINE__);
-  } else {
-    debug_log("%s %d write refer file failed\r\n", module_name, __LINE__);
-  }
+  const bool written = write_refer_file(current.hid, current.Timestamp) != 0;
+  debug_log(written ? "%s %d write refer file success\r\n" : "%s %d write refer file failed\r\n", module_name,
+            __LINE__);
 }
 
 }  // namespace
 
 void state_init(DeviceContext& current) {
-  if (current.last != nullptr) zero(*current.last);
+  zero(*current.last);
   reset(current);
   if (make_uid(current.uid, sizeof(current.uid)) != 0) debug_log("=> uid=(%s)\n", current.uid);
   await_account(current);

@@ -1,7 +1,9 @@
 // The state table, see state_table.h.
 #include "regstate/state_table.h"
 
+#include <algorithm>
 #include <array>
+#include <functional>
 
 #include "regstate/handlers.h"
 
@@ -35,13 +37,9 @@ constexpr std::array<StateRow, state_count> states = {{
     {LumenDevNotReady, "LumenDevNotReady", go_LumenDevNotReady},
 }};
 
-constexpr bool rows_stand_at_their_numbers() {
-  for (std::size_t i = 0; i < states.size(); ++i) {
-    if (static_cast<std::size_t>(states[i].state) != i) return false;
-  }
-  return true;
-}
-static_assert(rows_stand_at_their_numbers());
+// Every row stands at its number.
+static_assert(std::ranges::adjacent_find(states, std::ranges::greater_equal{}, &StateRow::state) == states.end() &&
+              states.back().state == state_count - 1);
 
 }  // namespace
 
@@ -51,7 +49,7 @@ const char* state_name(RegState state) {
 }
 
 void install_handlers(DeviceContext& ctx) {
-  for (std::size_t i = 0; i < states.size(); ++i) ctx.handlers[i] = states[i].handler;
+  std::ranges::transform(states, ctx.handlers, &StateRow::handler);
 }
 
 }  // namespace kestrel

@@ -20,6 +20,9 @@ namespace {
 
 constexpr int enable_attempts = 3;
 
+/// Seconds that a router has to put a mapping into force before it is tested.
+constexpr unsigned settle_s = 5;
+
 /// A camera's mapping is given up when more connect-backs than this have failed in a cycle.
 constexpr std::uint32_t max_cb_fails = 3;
 
@@ -29,9 +32,7 @@ int guard(DeviceContext& ctx, int result, std::uint32_t& count) {
   if (result == request_ok) {
     count = 0;
   } else if (result != request_challenged || !tolerated(count, auth_fail_limit)) {
-    count = 0;
-    set_update_result(ctx, update_auth_failed);
-    set_state(ctx, LumenDevNotReady);
+    give_up(ctx, count);
   }
   return result;
 }
@@ -50,6 +51,12 @@ void hold_for_configuration(DeviceContext& current) {
 }
 
 }  // namespace
+
+void give_up(DeviceContext& ctx, std::uint32_t& count) {
+  count = 0;
+  set_update_result(ctx, update_auth_failed);
+  set_state(ctx, LumenDevNotReady);
+}
 
 int report_enable(DeviceContext& ctx, int enabled) {
   return guard(ctx, srv_enable_dev_account(&ctx, enabled, &ctx.auth_info), auth_fail_count.enable_report);
@@ -75,7 +82,13 @@ bool report_enable_up_to_3(DeviceContext& ctx, int enabled) {
 int read_enable_switch(const DeviceContext& ctx) {
   char enabled = unfilled_byte;
   const bool failed = cre_get_skyport_enable_state(&enabled) == 0 && enabled == unfilled_byte;
-  return failed ? ctx.Last_Spt_Enabled : enabled;
+  const int wanted = failed ? ctx.Last_Spt_Enabled : enabled;
+  if (wanted < 0) {
+    debug_log(" [kestreld]: *** get skyport enable state failed\n");
+  } else {
+    debug_log(" Enable=%d, Last_Spt_Enabled=%d\n", wanted, ctx.Last_Spt_Enabled);
+  }
+  return wanted;
 }
 
 std::uint16_t mapped_port(const DeviceContext& ctx) {
@@ -86,13 +99,23 @@ void delete_mapping(DeviceContext& ctx) {
   if (delete_port(mapped_port(ctx), mapping_attempts) == 1) run_shell("/etc/rc.d/init.d/portForwarder.sh reload");
 }
 
-bool give_up_mapping(DeviceContext& ctx) {
+bool mapping_works(DeviceContext& ctx, const char* ok_line, const char* handler, RegState again) {
+  wait_while(ctx.run, settle_s);
+  if (srv_connectback(&ctx) == request_ok) {
+    debug_log(ok_line);
+    return true;
+  }
+  // A test that an exit request cut short says nothing about the mapping.
+  if (exit_requested(ctx)) return false;
+  debug_log("%s:%d connect back failed, delete pf\n", handler, __LINE__);
   delete_mapping(ctx);
-  ++ctx.cb_fail_count;
   ctx.pfok = 0;
-  if (ctx.cb_fail_count <= max_cb_fails) return false;
-  copy_text(ctx.ue.port, "0");
-  return true;
+  if (++ctx.cb_fail_count > max_cb_fails) {
+    copy_text(ctx.ue.port, "0");
+    again = UpnpPfFailed;
+  }
+  set_state(ctx, again);
+  return false;
 }
 
 void clear_cycle(DeviceContext& current) {

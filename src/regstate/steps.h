@@ -11,12 +11,15 @@ namespace kestrel {
 [[nodiscard]] int report_enable(DeviceContext& ctx, int enabled);
 [[nodiscard]] int query_daip(DeviceContext& ctx);
 
+/// Ends the cycle with "authentication failed" in LumenDevNotReady; the counter of failures begins anew.
+void give_up(DeviceContext& ctx, std::uint32_t& count);
+
 /// Reports the switch up to three times without a pause, until the service takes it, which sets
 /// `Last_Spt_Enabled`. Returns true when it did.
 bool report_enable_up_to_3(DeviceContext& ctx, int enabled);
 
-/// The user's switch for the service: 0 or 1; what was last reported (-1 for nothing) when it cannot be
-/// read.
+/// The user's switch for the service, which is logged: 0 or 1; what was last reported (-1 for nothing) when it cannot
+/// be read.
 int read_enable_switch(const DeviceContext& ctx);
 
 /// Deletes the mapping of `ue.port` and, when it was deleted, has the camera's port forwarder reload.
@@ -25,12 +28,10 @@ void delete_mapping(DeviceContext& ctx);
 /// `ue.port` as a number of 16 bits.
 std::uint16_t mapped_port(const DeviceContext& ctx);
 
-/// Seconds that a router has to put a mapping into force before it is tested.
-constexpr unsigned settle_s = 5;
-
-/// Counts a failed connect-back and gives the mapping up. Returns true when the port is to be tried no
-/// more: `ue.port` is then "0".
-[[nodiscard]] bool give_up_mapping(DeviceContext& ctx);
+/// Has the service test the mapping, some seconds after it was made, and logs `ok_line` when it works. One that does
+/// not is given up, which is logged with the handler's name, and the next state written: `again`, or UpnpPfFailed when
+/// no more ports are to be tried, with `ue.port` "0". With an exit request nothing is done about it.
+[[nodiscard]] bool mapping_works(DeviceContext& ctx, const char* ok_line, const char* handler, RegState again);
 
 /// Fills what the service must not see empty: `ue.ip` "null", `ue.port` "0", the gateway's texts "n/a".
 void fill_defaults(DeviceContext& ctx);

@@ -19,16 +19,13 @@ constexpr int UPNP_DEF_TIMEOUT = 8;
 constexpr int mapping_attempts = 2;
 
 /// Obtains a mapping to `internal_port`. `external_port` is the record's `ue.port` text (port_len
-/// bytes): read for the first candidate, and written with the port that was obtained. `reload` is the
+/// bytes): read for the first candidate, and written with the port that was obtained. The candidates are
+/// 80, 443, 8081, 8082, ... 65535, 0, 80. `reload` is the
 /// reload flag, which a signal handler may set meanwhile. At most 50 candidates are tried, each for at
 /// most two queries, two deletes and two adds. Returns upf_mapped, upf_failed or upf_stopped; a
 /// mapping of another device is never touched. An exit request ends the search and every repetition of this
 /// room's functions; a call under way is let finish. Main thread only, like all of this room.
 [[nodiscard]] int UPF(const char* uid, std::uint16_t internal_port, char* external_port, const std::uint32_t* reload);
-
-/// The candidate after `port`: 80, 443, 8081, 8082, ... 65535, 0, 80. A number from 1 to 8080 that is
-/// neither 80 nor 443 stays as it is.
-std::uint16_t next_port(std::uint16_t port);
 
 /// Looks a mapping up, again after a time-out. Texts of 64 bytes each, terminated. Returns the library's result
 /// (MUPNP_MAPPED_HERE and so on), or upf_stopped when a reload was requested.
@@ -39,8 +36,8 @@ std::uint16_t next_port(std::uint16_t port);
 [[nodiscard]] int add_eport_retry(const char* description, std::uint16_t external_port, std::uint16_t internal_port,
                                   int protocol, int attempts);
 
-/// Deletes a mapping. Returns 1 when it was deleted, 0 when the router has none (or at the fourth
-/// failed attempt), and the library's last result, which is not 0, when fewer attempts have run out.
+/// Deletes a mapping, by one attempt at least. Returns 1 when it was deleted, 0 when the router has none (or at the
+/// fourth failed attempt), and the library's last result, which is not 0, when fewer attempts have run out.
 [[nodiscard]] int delete_port(std::uint16_t external_port, int attempts);
 
 /// Searches for the gateway and fills its description, every text of it terminated. 0 when one was found.

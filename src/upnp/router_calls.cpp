@@ -23,15 +23,14 @@ constexpr int max_clean_up_turns = 1024;
 
 int query_eport_retry(char* description, char* internal_client, int* internal_port, int* lease_s, int external_port,
                       int protocol, int attempts, const std::uint32_t* reload) {
-  int result = MUPNP_NO_ANSWER;
   for (int attempt = 0; attempt < attempts; ++attempt) {
     if (load_word(*reload) == 1 || exit_requested()) return upf_stopped;
     print_console(
         "before Mupnpcp_query_eport_ex,sname=%s,newInternalClient=%s,newInternalPort=%d\nnewLeaseDuration=%d,ueport=%d,"
         "type=%d,UPNP_DEF_TIMEOUT=%d\n\n",
         description, internal_client, *internal_port, *lease_s, external_port, protocol, UPNP_DEF_TIMEOUT);
-    result = Mupnpcp_query_eport_ex(description, internal_client, internal_port, lease_s, external_port, protocol,
-                                    UPNP_DEF_TIMEOUT);
+    const int result = Mupnpcp_query_eport_ex(description, internal_client, internal_port, lease_s, external_port,
+                                              protocol, UPNP_DEF_TIMEOUT);
     // Also of a call that timed out: the next attempt prints them.
     description[MUPNP_DESCRIPTION_LEN - 1] = internal_client[MUPNP_CLIENT_LEN - 1] = '\0';
     print_console("after Mupnpcp_query_eport_ex, ret = %d\n", result);
@@ -39,10 +38,10 @@ int query_eport_retry(char* description, char* internal_client, int* internal_po
     debug_log("*** timeout! in querying eport:(%d) retry(%d)\n", external_port, attempt);
     if (attempt == reported_attempt) {
       debug_log("*** query eport:(%d) failed! stop\n", external_port);
-      return result;
+      break;
     }
   }
-  return result;
+  return MUPNP_NO_ANSWER;
 }
 
 int add_eport_retry(const char* description, std::uint16_t external_port, std::uint16_t internal_port, int protocol,
@@ -54,29 +53,27 @@ int add_eport_retry(const char* description, std::uint16_t external_port, std::u
     }
     if (attempt == reported_attempt) {
       debug_log("*** Port mapping add port %d failed\n", external_port);
-      return 0;
+      break;
     }
   }
   return 0;
 }
 
 int delete_port(std::uint16_t external_port, int attempts) {
-  int result = 0;
-  for (int attempt = 0; attempt < attempts; ++attempt) {
+  for (int attempt = 0;; ++attempt) {
     debug_log("!delete port=%d\n", external_port);
-    result = Mupnp_del_eport(external_port, MUPNP_PROTOCOL_HTTP, UPNP_DEF_TIMEOUT);
+    const int result = Mupnp_del_eport(external_port, MUPNP_PROTOCOL_HTTP, UPNP_DEF_TIMEOUT);
     if (result == 0) {
       debug_log("Port mapping delete port (%d) success\n", external_port);
       return 1;
     }
     if (result == MUPNP_NONE) return 0;
-    if (exit_requested()) break;
     if (attempt == reported_attempt) {
       debug_log("*** Port mapping delete port (%d) failed\n", external_port);
       return 0;
     }
+    if (attempt + 1 == attempts || exit_requested()) return result;
   }
-  return result;
 }
 
 int find_gateway(MupnpIgd* igd) {

@@ -1,5 +1,5 @@
 // The registration from its beginning and over whole cycles: identity initialisation, the paths through the states,
-// and what is carried from one cycle to the next.
+// what is carried from one cycle to the next, and the keep-alive.
 #include <unistd.h>
 
 #include <cstring>
@@ -23,8 +23,8 @@ const std::string account =
     "=> hid=(HID00001)/=> user=(HID00001)/=> pass=(secret)/cre_set_skyport_hid HID00001/";
 const std::string no_account =
     "try to get_dev_sip_account/get_dev_sip_account fail, sleep 3 sec to try again../wait 3/";
-const std::string refer = "kestreld # Timestamp=123456/refer HID00001 123456/kestreld # write refer file ";
-const std::string refer_without = "kestreld # Timestamp=123456/refer  123456/kestreld # write refer file ";
+const std::string written = "kestreld # write refer file ";
+const std::string stamp = "kestreld # Timestamp=123456/refer ", refer = stamp + "HID00001 123456/" + written;
 const std::string discovered = "discover/clean LC-100_0A0B0C/";
 
 TEST_F(RegstateCycle, IdentityInitialisation) {
@@ -42,6 +42,7 @@ TEST_F(RegstateCycle, IdentityInitialisation) {
   for (const auto& row : rows) {
     begin(LumenDevDone, row.results);
     now.dev_reload = now.configure = now.cb_fail_count = 1;
+    now.run = 0;  // without UNKNOWN no exit request: it is so at the first start
     std::strcpy(now.sname, "x");
     last = now;
     DeviceContext expected{};
@@ -98,12 +99,8 @@ TEST_F(RegstateCycle, ExitRequestIsNotTakenBack) {
     fake.on_wait = request_exit;
     state_init(now);
     EXPECT_EQ(now.run, 0U);
-    EXPECT_EQ(trace.take(), uid_line + (before ? "" : no_account) + refer_without + "success/");
+    EXPECT_EQ(trace.take(), uid_line + (before ? "" : no_account) + stamp + " 123456/" + written + "success/");
   }
-  begin(START);
-  now.run = 0;  // as in the zero record of the first start
-  state_init(now);
-  EXPECT_EQ(now.run, 1U);
 }
 
 // ---- Paths ----
@@ -137,17 +134,21 @@ TEST_F(RegstateCycle, AddressesDecideThePath) {
 }
 
 TEST_F(RegstateCycle, UriOfTheDomain) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"skyport.test", "skyport.test"}, {"lbskyport.test", "skyport.test"},
-      {"LBlb.test", "lb.test"},         {"Lb", ""},
-      {"albert.test", "albert.test"},   {"l", "l"}};
+  const std::string d(80, 'd');  // the library's 64 bytes, without a terminator
+  const std::pair<std::string, std::string> rows[] = {{"skyport.test", "skyport.test"},
+                                                      {"lbskyport.test", "skyport.test"},
+                                                      {"LBlb.test", "lb.test"},
+                                                      {"Lb", ""},
+                                                      {"albert.test", "albert.test"},
+                                                      {"l", "l"},
+                                                      {d, d.substr(0, 63)}};
   for (const auto& [domain, asked] : rows) {
     begin(START);
     fake.domain = domain;
-    fake.redirect_host = std::string(80, 'h');  // the library's 64 bytes, without a terminator
+    fake.redirect_host = std::string(80, 'h');
     turn();
     EXPECT_EQ(fake_calls({"tessel_get_skyport_url", "SetSptURI"}),
-              (Texts{std::string("tessel_get_skyport_url ") + asked, "SetSptURI http://" + std::string(63, 'h')}));
+              (Texts{"tessel_get_skyport_url " + asked, "SetSptURI http://" + std::string(63, 'h')}));
   }
 }
 
@@ -167,19 +168,16 @@ TEST_F(RegstateCycle, ConfigurationHold) {
     std::string expected;
     for (std::size_t i = 0; i < during.size(); ++i) expected += "sleep 120 secs/hold 120/";
     std::size_t holds = 0;
+    // Meanwhile the finder tells of the cycle that has ended.
     fake.on_wait = [&, &signals = during](unsigned) {
+      EXPECT_EQ(now.state, LumenDevPartDone);
+      EXPECT_EQ(now.upd.resut, 7U);
       const char signal = signals.at(holds++);
       if (signal == 'c' || signal == 'b') now.configure = 1;
       if (signal == 'r' || signal == 'b') now.dev_reload = 1;
       if (signal == 't') now.run = 0;
     };
     if (configure != 0) wait_note_signal();  // seen long ago: cuts no hold short
-    // Meanwhile the finder tells of the cycle that has ended.
-    trace.on_call = [&](const std::string& call) {
-      if (!call.starts_with("wait_regardless")) return;
-      EXPECT_EQ(now.state, LumenDevPartDone);
-      EXPECT_EQ(now.upd.resut, 7U);
-    };
     const std::uint64_t begun = fake.clock_s;
     start_over(now);
     EXPECT_EQ(fake.clock_s - begun, 120 * holds);
@@ -189,6 +187,75 @@ TEST_F(RegstateCycle, ConfigurationHold) {
     EXPECT_EQ(last.state, LumenDevPartDone);
     EXPECT_EQ(last.last, nullptr);
     EXPECT_EQ(auth_fail_count.natm, 36U);
+  }
+}
+
+// ---- LumenDevDone behind a mapping: the turns of the keep-alive and all the ways out of it ----
+
+const std::string turn_begins = " Enable=1, Last_Spt_Enabled=1/wait (230)secs to connect back!/wait 230/";
+const std::string cut = "go_LumenDevDone:# connect back failed, delete pf & start over! /delete 58081 2/reload/";
+const std::string reloading =
+    "go_LumenDevDone:# LumenDevDone go to reload, delete pf port=58081/delete 58081 2/reload/";
+
+/// A test that is challenged, with so many numbered repeats, up to the wait behind the last.
+std::string challenged(int repeats) {
+  std::string text = "cb/Connect back need authentication!/cb/wait 1/";
+  for (int retry = 1; retry <= repeats; ++retry)
+    text += "Retry connect back #" + std::to_string(retry) + "!/cb/wait 1/";
+  return text;
+}
+
+TEST_F(RegstateCycle, KeepAliveRepeatsAndEnds) {
+  const std::string head = "online 1/***[LumenDevDone]***/" + turn_begins, passed = "cb/Connect back ok!/";
+  const std::string ok = "Retry Connect back ok!/", last_repeat = challenged(8) + "Retry connect back #9!/cb/";
+  const std::string reached = "Connect back ok!/" + turn_begins + "cb/" + cut;  // and in the next turn not any more
+  const struct {
+    const char* results;
+    const char *call, *signal;  // comes in this call
+    std::string trace;
+    unsigned on;  // of auth_info, kept for the next cycle
+  } rows[] = {
+      {"", "wait 230", "reload", head + reloading, 1},
+      {"", "cb", "reload", head + passed + reloading, 0},
+      {"cb=0", "cb", "reload", head + "cb/" + cut, 0},
+      {"delete=0", "wait 230", "reload", head + reloading.substr(0, reloading.size() - 7), 1},
+      {"", "wait 230", "exit", head, 0},
+      {"", "cb", "exit", head + passed, 0},
+      {"cb=0", "cb", "exit", head + "cb/", 0},
+      {"cb=2", "cb", "exit", head + "cb/", 0},
+      {"cb=2,2", "wait 1", "exit", head + challenged(0), 0},
+      {"cb=-1", "", "", head + "cb/" + cut, 0},
+      {"cb=2,1,0", "", "", head + challenged(0) + ok + reached, 0},
+      {"cb=2,0,0,1,0", "", "", head + challenged(2) + ok + reached, 0},
+      {"cb=2,0,0,0", "", "", head + challenged(2) + cut, 0},  // silent once too often
+      {"cb=2,2,2,0", "", "", head + challenged(2) + cut, 0},
+      // Another status ends the repeats as a 1 does.
+      {"cb=2,3", "", "", head + challenged(0) + ok + cut, 0},
+      {"cb=2,2,2,-1", "", "", head + challenged(2) + ok + cut, 0},
+      // Reached at the last of 9 repeats, or not.
+      {"cb=2,2,0,2,2,2,2,2,2,2,1,0", "", "", head + last_repeat + reached, 0},
+      {"cb=2,2,2,2,2,2,2,2,2,2,2", "", "", head + last_repeat + cut, 0},
+      // A store that does not answer says nothing about what the user wants.
+      {"cre_get_skyport_enable_state=0 cb=0", "", "", head + "cb/" + cut, 0},
+      {"cb=1,1,0", "", "", head + passed + turn_begins + passed + turn_begins + "cb/" + cut, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.trace);
+    begin(LumenDevDone, row.results);
+    const std::string signal = row.signal;
+    trace.on_call = [&](const std::string& call) {
+      if (call != row.call) return;
+      if (signal == "reload") now.dev_reload = 1;
+      if (signal == "exit") now.run = 0;
+      if (signal == "exit") now.state = UNKNOWN;
+    };
+    turn();
+    EXPECT_EQ(trace.take(), row.trace);
+    EXPECT_EQ(now.state, START);
+    EXPECT_EQ(now.run, signal == "exit" ? 0U : 1U);
+    EXPECT_EQ(now.dev_reload, signal == "reload" ? 1U : 0U);
+    EXPECT_EQ(now.auth_info.on, row.on);
+    EXPECT_STREQ(last.ue.port, "58081");
   }
 }
 

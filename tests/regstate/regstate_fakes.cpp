@@ -1,19 +1,15 @@
-// The state machine's callees, see regstate_fakes.h.
+// The records at the beginning of a test, and the router's side, see regstate_fakes.h.
 #include "regstate/regstate_fakes.h"
 
 #include <cstring>
 
 #include "core/text.h"
-#include "net/server_location.h"
 #include "regstate/auth_fail_count.h"
 #include "regstate/state_init.h"
 #include "regstate/state_table.h"
-#include "service/requests.h"
 #include "upnp/port_mapping.h"
 
 namespace kestrel {
-
-Endpoint seen_by_service{};
 
 const Trace::Names regstate_calls = {{"SetSptOnLineStatus ", "online "},
                                      {"SetSptURI ", "uri "},
@@ -56,37 +52,6 @@ void RegstateTest::begin(RegState state, const char* results) {
   fake.interfaces = {{"192.168.1.30", "00:11:22:0A:0B:0C", "255.255.255.0", "192.168.1.1", "eth0"}};
 }
 
-namespace {
-
-int called(const std::string& call, int natural) {
-  fake_record(call);
-  return fake_result(call.substr(0, call.find(' ')).c_str(), natural);
-}
-
-}  // namespace
-
-int srv_get_eip(DeviceContext* ctx) {
-  const int result = called("eip", 1);
-  if (result == 1) ctx->e = seen_by_service;
-  return result;
-}
-
-int srv_get_daip(DeviceContext* /*ctx*/) {
-  return called("daip", 1);
-}
-
-int srv_update(DeviceContext* dev, unsigned* word, AuthenticateInfo* info) {
-  return called(word == &dev->update_word && info == &dev->auth_info ? "update" : "update of something else", 1);
-}
-
-int srv_connectback(DeviceContext* /*dev*/) {
-  return called("cb", 1);
-}
-
-int srv_enable_dev_account(DeviceContext* ctx, int enable, AuthenticateInfo* auth) {
-  return called(auth == &ctx->auth_info ? "enable " + std::to_string(enable) : "enable something else", 1);
-}
-
 int UPF(const char* uid, std::uint16_t internal_port, char* external_port, const std::uint32_t* /*reload*/) {
   const int result = called("upf " + std::string(uid) + " " + std::to_string(internal_port) + " " + external_port, 1);
   if (result == 1 && external_port[0] == '\0') copy_text(external_port, port_len, "80");
@@ -111,23 +76,6 @@ int get_router_address(char* ip) {
 
 int remove_own_mappings(const char* uid) {
   return called("clean " + std::string(uid), 0);
-}
-
-int get_proxy_addr(char* ip, char* port) {
-  const int result = called("proxy", 0);
-  if (result != 0) copy_text(ip, ip_len, relay.ip);
-  if (result != 0) copy_text(port, port_len, relay.port);
-  return result;
-}
-
-int resolve_redirect_server(char* ip) {
-  const int result = called("redirect", 1);
-  if (result != 0) copy_text(ip, ip_len, redirect_server);
-  return result;
-}
-
-int write_refer_file(const char* hid, const char* timestamp) {
-  return called("refer " + std::string(hid) + " " + timestamp, 1);
 }
 
 }  // namespace kestrel

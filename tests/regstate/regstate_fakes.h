@@ -14,6 +14,9 @@ namespace kestrel {
 /// Where the service sees the camera; what the external address query learns.
 extern Endpoint seen_by_service;
 
+/// Records a call, and gives its scripted result, or the natural one.
+int called(const std::string& call, int natural);
+
 /// The relay and the redirect server, as the fakes know them.
 constexpr Endpoint relay = {"10.9.8.7", "3128"};
 constexpr char redirect_server[] = "192.0.2.10";

@@ -229,8 +229,8 @@ const Rows plain_rows = {
     {UpnpPfReady, {{run, 1}, {fails, 3, 4}}, no_pf, UpnpPfFailed, {prefinal, defaults, unreached, no_port}},
 
     {LumenDevPartDone, {}, part_done + wait_300, START, {over}},
-    {LumenDevDone, {{came_from, PublicMode, NATM}}, done + wait_300, START, {over}},
-    {LumenDevDone, {{came_from, UpnpPfFailed}}, done + wait_300, START, {over}},
+    // Not for UpnpPfReady, which has rows of its own.
+    {LumenDevDone, {{came_from, PublicMode, UpnpPfFailed}}, done + wait_300, START, {over}},
     {LumenDevDone, {{came_from, UpnpPfReady}}, off + "ok/", LumenDevNotReady, {{enabled, 0}}},
     {LumenDevDone, {{came_from, UpnpPfReady}}, off + "failed/ update Enable state(0) fail!/", LumenDevNotReady, {}},
     {LumenDevNotReady, {{resut, 2}}, not_ready + "2/" + wait_60, START, {{askdaip, 1}, over}},
