@@ -16,10 +16,10 @@ namespace kestrel {
 
 namespace {
 
-constexpr time_t report_period_s = 15;             // without a datagram
-constexpr std::uint64_t report_limit_ms = 60'000;  // with datagrams
-constexpr int error_pause_ms = 1000;               // for a select that fails at once, and would again
-constexpr int report_repeats = 3;                  // after challenges
+constexpr std::uint64_t report_period_ms = 15'000;  // without a datagram
+constexpr std::uint64_t report_limit_ms = 60'000;   // with datagrams
+constexpr int error_pause_ms = 1000;                // for a select that fails at once, and would again
+constexpr int report_repeats = 3;                   // after challenges
 
 /// What the connection reports keep between each other.
 struct Reports {
@@ -75,7 +75,9 @@ void Finderd_loop() {
   while (!exit_requested(*finder.ctx)) {
     fd_set reads{};
     const int highest = fill_read_set(reads);
-    timeval limit{report_period_s, 0};
+    const std::uint64_t passed_ms = std::min(finder_now_ms() - reported_ms, report_limit_ms);
+    const auto wait_ms = static_cast<long>(std::min(report_period_ms, report_limit_ms - passed_ms));
+    timeval limit{wait_ms / 1000, wait_ms % 1000 * 1000};
     const int ready = select(highest + 1, &reads, nullptr, nullptr, &limit);
     if (ready > 0) {
       serve(reads);

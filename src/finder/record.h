@@ -13,7 +13,7 @@
 
 namespace kestrel {
 
-constexpr std::uint16_t finder_port = 62977;
+constexpr std::uint32_t finder_port = 62977;
 constexpr int finder_max_if = 4;
 constexpr int no_socket = -1;
 
@@ -30,6 +30,9 @@ struct FinderInterfaces {
 
 /// The finder record.
 struct Finder {
+  std::uint32_t port;
+  std::uint32_t max_if[2];  // the capacity of the tables of interfaces, told only
+  std::uint32_t reserved;
   std::int32_t iReportSocketIndex;           // whose socket the request came by; the reply leaves by it
   std::int32_t fd[finder_max_if];            // a socket an interface, or no_socket
   bool complete;                             // every interface has its socket

@@ -75,7 +75,7 @@ const char* prepare_socket(int fd, const char* name) {
   if (setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name, name_len) != 0) return "SO_BINDTODEVICE:ERROR";
   if (!set_number(fd, SO_REUSEADDR, 1)) return "SO_REUSEADDR:ERROR";
   if (!set_number(fd, SO_BROADCAST, 1)) return "SO_BROADCAST:ERROR";
-  const sockaddr_in any{AF_INET, htons(finder_port), {INADDR_ANY}, {}};
+  const sockaddr_in any{AF_INET, htons(static_cast<std::uint16_t>(finder.port)), {INADDR_ANY}, {}};
   if (bind(fd, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) != 0) return "bind error";
   // First what the system allows anyone, then what only the right to more gives.
   set_number(fd, SO_SNDBUF, send_room);
@@ -158,7 +158,11 @@ bool is_everybody(std::uint32_t ip, const IFINFO& on) {
 }  // namespace
 
 void Finderd_CST() {
+  finder.port = finder_port;
+  finder.max_if[0] = finder.max_if[1] = finder_max_if;
+  finder.reserved = 0;
   for (std::int32_t& fd : finder.fd) fd = no_socket;
+  zero(finder.request);
   debug_log("%s()\n", "Finderd_CST");
 }
 
