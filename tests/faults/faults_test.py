@@ -107,7 +107,7 @@ class Tries(Home):
         self.service.freeze() if silent == "service" else setattr(self.router.scripted, "silent", True)
         time.sleep(random.uniform(0, 0.5))
         try:
-            self.end(1 if silent == "service" else 2.2)  # 8 s of its clock
+            self.end(2 if silent == "service" else 3.5)  # of its 30 s for an answer, of the 16 s for two calls: a quarter
         finally:
             self.service.thaw()
             self.router.scripted.silent = False
