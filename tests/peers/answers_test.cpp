@@ -82,18 +82,6 @@ class Peer {
   sockaddr_in address_{};
 };
 
-/// A record whose requests go through the relay, whose port is free to choose.
-void begin_record(DeviceContext& ctx, const Peer& relay) {
-  zero(ctx);
-  ctx.run = ctx.proxy_tested = 1;
-  copy_text(ctx.proxy.ip, "127.0.0.1");
-  copy_text(ctx.proxy.port, std::to_string(relay.port()).c_str());
-  copy_text(ctx.da_ip, "192.0.2.20");
-  copy_text(ctx.redir_ip, "192.0.2.10");
-  copy_text(ctx.auth_info.user, "HID00001");
-  copy_text(ctx.auth_info.pass, "secret");
-}
-
 enum Outcome { unanswered, challenged, taken, refused };
 constexpr int bytes = -99;  // a result that is the number of bytes sent
 
@@ -274,7 +262,14 @@ long descriptors() {
 class Camera {
  public:
   explicit Camera(const Asked& asked) : asked_(asked) {
-    begin_record(ctx_, peer_);
+    zero(ctx_);
+    ctx_.run = ctx_.proxy_tested = 1;  // through the relay, whose port is free to choose
+    copy_text(ctx_.proxy.ip, "127.0.0.1");
+    copy_text(ctx_.proxy.port, std::to_string(peer_.port()).c_str());
+    copy_text(ctx_.da_ip, "192.0.2.20");
+    copy_text(ctx_.redir_ip, "192.0.2.10");
+    copy_text(ctx_.auth_info.user, "HID00001");
+    copy_text(ctx_.auth_info.pass, "secret");
     copy_text(ctx_.ue.port, "51000");
   }
 
