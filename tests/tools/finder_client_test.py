@@ -2,6 +2,7 @@
 """The finder from outside: a client of this test's own, kestrel-find and tshark with the dissector, against the daemon
 on two LANs of a private world. usage: finder_client_test.py BUILD; 77 where namespaces can't be made"""
 
+import fcntl
 import json
 import os
 import pty
@@ -12,6 +13,7 @@ import socket
 import struct
 import subprocess
 import sys
+import termios
 import threading
 import time
 import unittest
@@ -56,10 +58,10 @@ def tool(*arguments, rate=1):
     return PC.command("env", *faster(rate), PC.build / "tools/kestrel-find", *arguments)
 
 
-def find(*arguments, password="admin", timeout="0.5", rate=1, **options):
+def find(*arguments, password="admin", timeout=0.5, rate=1, **options):
     """kestrel-find's exit status, standard output and standard error."""
     env = {**os.environ, "KESTREL_PASSWORD": password} if password is not None else os.environ
-    done = subprocess.run(tool("--timeout", timeout, *arguments, rate=rate), env=env, stdin=subprocess.DEVNULL,
+    done = subprocess.run(tool("--timeout", timeout * rate, *arguments, rate=rate), env=env, stdin=subprocess.DEVNULL,
                           capture_output=True, text=True, timeout=60, **options)
     return done.returncode, done.stdout, done.stderr
 
@@ -123,7 +125,7 @@ class Finder(unittest.TestCase):
 
     def test_find_tells_what_the_cameras_tell(self):
         STUB_CAMERA.forgets = 2
-        status, out, _ = find("list", "--json", timeout="1.6")
+        status, out, _ = find("list", "--json", timeout=1.6)
         both = {camera["mac"]: camera for camera in json.loads(out)}
         self.assertEqual((status, sorted(both)), (0, [MAC, STUB_MAC]))  # once, though reached by two interfaces
         shown = json.loads(find("show", "10.1.0.1", "--json")[1])
@@ -143,7 +145,7 @@ class Finder(unittest.TestCase):
                          ["a\\027[31m\\155\\226\\128\\174\\255\\059\\092", "10.9.0.2", "0", STUB_MAC, ""])
         self.assertEqual(json.loads(find("--interface", "c", "list", "--json")[1])[0]["name"][:2], "a\x1b")
         STUB_CAMERA.herd = 400
-        self.assertEqual(len(json.loads(find("--interface", "c", "list", "--json", timeout="1.6")[1])), 400)
+        self.assertEqual(len(json.loads(find("--interface", "c", "list", "--json", timeout=1.6)[1])), 400)
 
     def test_find_lists_each_camera_as_it_comes(self):
         with subprocess.Popen(tool("--timeout", "8", "--interface", "c"), stdout=subprocess.PIPE, text=True) as listing:
@@ -178,10 +180,10 @@ class Finder(unittest.TestCase):
             self.assertEqual(facts("alias-status", MAC), (code, {"alias_status": word}))
         self.assertEqual(facts("alias", MAC, "door", "--wait=1", rate=4), (4, {"alias_status": "pending"}))
         CAMERA.set("alias_status", "16")
-        for after_s, then in ((0.4, signal.SIGSTOP), (1.2, signal.SIGCONT)):  # silent at the second question
+        for after_s, then in ((1, signal.SIGSTOP), (2.5, signal.SIGCONT)):  # silent at the second question
             threading.Timer(after_s, CAMERA.process.send_signal, (then,)).start()
-        threading.Timer(1, CAMERA.set, ("alias_status", "16")).start()
-        self.assertEqual(facts("alias", MAC, "door", "--wait=20", rate=4), (0, {"alias_status": "accepted"}))
+        threading.Timer(2, CAMERA.set, ("alias_status", "16")).start()
+        self.assertEqual(facts("alias", MAC, "door", "--wait=20", rate=2), (0, {"alias_status": "accepted"}))
         self.assertEqual(facts("ops", MAC), (0, {
             "announced": [*range(0xA1, 0xB2)], "answered": [0xA1, 0xA5, 0xD1, 0x102, 0x105, 0x106, 0x108, 0x109], "silent": [],
             "not_tried": [0xA2, 0xA3, 0xA4, *range(0xA6, 0xB2), 0xD2, 0x107, 0x10A]}))
@@ -212,7 +214,9 @@ class Finder(unittest.TestCase):
             pid, terminal = pty.fork()
             if pid == 0:
                 os.environ.pop("KESTREL_PASSWORD", None)
+                os.environ["TERM"] = "xterm"
                 os.execvp("nsenter", tool("--interface", "a", *arguments))
+            fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("4H", 24, 200, 0, 0))
             shown = b""
             for prompt, answer in steps:
                 while prompt not in shown:
@@ -230,6 +234,8 @@ class Finder(unittest.TestCase):
         self.assertEqual((status, b"front" in shown, b"admin\r\n" in shown), (0, True, False))  # typed without echo
         status, shown = dialogue(["ops", MAC], (b"Password", b"admin\n"))
         self.assertEqual((status, shown.count(b"Password")), (0, 1))  # though four of its requests carry it
+        status, shown = dialogue(["--timeout", "0.5", "list"])
+        self.assertEqual((status, b"\33[2A\33[J" in shown), (0, True))  # the rows as they came give way to the table
         self.assertEqual(dialogue(["alias", MAC], (b"Password", b"wrong\n"))[0], 3)
         self.assertEqual(dialogue(["alias", MAC], (b"Password", b"\3"))[0], 130)
         self.assertEqual(dialogue(["domain", MAC, "new.test"], (b"Go on", b"n\n"))[0], 2)
