@@ -29,7 +29,7 @@ ANSWERS = ["status=503", "refuse", "reset", "garbage", "oversize", "cut", "stale
 PLACES = [
     [("service stopped", 6 * HOUR_S, lambda home: home.service.stop()),
      ("service silent", 600, lambda home: home.service.freeze()),
-     ("service dripping", 300, lambda home: home.service.fault("*:drip=0.1")),
+     ("service dripping", 100, lambda home: home.service.fault("*:drip=0.1")),
      ("service failing", HOUR_S, lambda home: home.service.fault(f"*:{DRAW.choice(ANSWERS)}"))],
     [("UPnP hidden", 6 * HOUR_S, lambda home: home.router.hide_upnp()),
      ("mappings forgotten", 0, lambda home: home.router.forget_mappings()),

@@ -56,6 +56,8 @@ OFF, ONLY, REACHED = "off line", "registered only", "registered and reachable"
 VERDICTS = {
     "tested": (DONE + KEEP + ask("srv_connectback", "connect=0", "200 OK") + KEEP, REACHED, 1, 230, "router's port 80"),
     "test fails": (DONE + KEEP + ask("srv_connectback", "connect=0", "Error:(404)") + OVER, ONLY, 1, 0, "404"),
+    "mended": (DONE + KEEP + ask("srv_connectback", "connect=0", "Error:(404)") + OVER + DONE[len(BOOT):] + KEEP, REACHED,
+               2, 0, "'step': None, 'answer': None, 'router_code': None, 'next': []"),
     "no test": (DONE + KEEP + ask("srv_connectback", *REFUSED) + OVER, ONLY, 1, 0, "outside failed", "refused"),
     "public": (START + SEEN + ["***[PublicMode]***", *REPORT, "***[LumenDevDone]***"], ONLY, 1, 0, "not have tested"),
     "no UPnP": (START + NAT + ["***[NoUPnP]***", *PART_DONE], ONLY, 1, 0, "no UPnP gateway", "guest network"),
@@ -105,7 +107,8 @@ class Explain(unittest.TestCase):
         ports = [f"***B1 Port mapping add port ({port}) failed,try next" for port in range(8081, 8131)]
         story = explain(log=["friendlyName=[\x1b[2J\u202evil\xfc]"] + ports + DONE + 40 * failing)
         for told in ("(39 more cycles like this one)", "(47 more lines like these)", 'gateway "?[2J?vil\xfc"',
-                     "UPnP              asks the router", "since    line 106, in cycle 2; at least 3:15:00"):
+                     "  ! the router refuses port 8083\n", "UPnP              asks the router",
+                     "since    line 106, in cycle 2; at least 3:15:00"):
             self.assertIn(told, story)
         self.assertEqual(story.count("-> GET /daip.html"), 2)
         long = b"KLOG***[START]***\n" + b"KLOG" + 30_000_000 * b"a" + b"\nKLOG***[LumenDevPartDone]***\n\0\xff\n"
