@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <ctime>
 
@@ -26,8 +27,7 @@ namespace kestrel {
 namespace {
 
 /// A slot's descriptor while it has none, and while somebody works on it.
-constexpr int free_slot = -1;
-constexpr int held_slot = -2;
+enum : int { held_slot = INT_MIN, free_slot };
 
 /// An exchange under way. The descriptor is shut down only by who holds the slot, and its owner takes it back
 /// before closing it; so a number that was given anew is never meant.
@@ -122,7 +122,7 @@ bool start_watch() {
   if (wake_fd < 0) wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wake_fd < 0) return false;
   pthread_attr_t attributes;
-  if (pthread_attr_init(&attributes) != 0) return false;
+  pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, watch_stack_len);
   const SignalsBlocked blocked;
   pthread_t thread{};
@@ -147,7 +147,6 @@ int take_slot(int fd) {
   for (std::size_t i = 0; i < slots.size(); ++i) {
     int none = free_slot;
     if (!slots[i].fd.compare_exchange_strong(none, held_slot)) continue;
-    slots[i].deadline = 0;
     slots[i].fd = fd;
     return static_cast<int>(i);
   }
@@ -156,11 +155,8 @@ int take_slot(int fd) {
 
 }  // namespace
 
-ExchangeWatch::ExchangeWatch(int sock) : socket(sock), own(-1), slot(-1) {
-  if (sock < 0) return;
-  own = fcntl(sock, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  if (own >= 0) slot = take_slot(own);
-}
+ExchangeWatch::ExchangeWatch(int sock)
+    : socket(sock), own(fcntl(sock, F_DUPFD_CLOEXEC, STDERR_FILENO)), slot(own >= 0 ? take_slot(own) : -1) {}
 
 ExchangeWatch::~ExchangeWatch() {
   if (own < 0) return;

@@ -18,9 +18,9 @@ struct ExchangeWatch {
   /// be had to watch, the socket's own time-outs have to do.
   void limit(unsigned ms) const;
 
-  int socket;    // the exchange's; not owned
-  int own;       // the same socket; -1 when there is none to watch
-  int slot = 0;  // where the watch finds it; -1 for nowhere
+  int socket;  // the exchange's; not owned
+  int own;     // the same socket; -1 when there is none to watch
+  int slot;    // where the watch finds it; -1 for nowhere
 };
 
 }  // namespace kestrel

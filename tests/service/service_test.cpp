@@ -107,24 +107,13 @@ TEST_F(Service, BodiesArePaddedEncipheredAndEncoded) {
     std::memset(body, 0xEE, sizeof(body));
     plain.copy(body, len);
     body[len] = '\0';
-    const int result = encipher_body(body, sizeof(body), "ecnode bodylen=%d\n");
-    EXPECT_EQ(result, static_cast<int>(std::strlen(body))) << len;
-    EXPECT_EQ(nettle_cipher::unseal(body), plain + std::string(padded - len, '\0')) << len;
+    const HeapText sealed = encipher_body(body, "ecnode bodylen=%d\n");
+    EXPECT_EQ(nettle_cipher::unseal(sealed.get()), plain + std::string(padded - len, '\0')) << len;
     EXPECT_EQ(fake.log.back(), "ecnode bodylen=" + std::to_string(padded) + "\n");
   }
 }
 
 TEST_F(Service, ABodyThatDoesNotFitIsRefused) {
-  struct Row {
-    std::size_t len, size;
-    int result;
-  };
-  for (const Row& row : {Row{8, 13, 12}, {8, 12, 0}, {1536, 2048, 0}, {4096, 5632, 5464}, {4097, 8192, 5472}}) {
-    std::string body(row.size, '\0');
-    std::fill_n(body.begin(), std::min(row.len, row.size - 1), 'x');
-    EXPECT_EQ(encipher_body(body.data(), row.size, nullptr), row.result) << row.len << " in " << row.size;
-    EXPECT_EQ(std::strlen(body.c_str()), static_cast<std::size_t>(row.result));
-  }
   char text[16];
   for (const char* value : {"12", "123"}) {
     PostBody body = begin_body(text);
