@@ -14,6 +14,11 @@ namespace kestrel {
 
 namespace {
 
+void SetNonBlock(int fd, bool on) {
+  const int flags = fcntl(fd, F_GETFL);
+  fcntl(fd, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
+}
+
 /// Waits for the connection under way and tells its outcome, 0 or -1.
 int await_connection(int sock, int timeout_s) {
   fd_set reads;
@@ -52,15 +57,9 @@ int await_connection(int sock, int timeout_s) {
 
 }  // namespace
 
-int SetNonBlock(int fd, int on) {
-  const int flags = fcntl(fd, F_GETFL);
-  const int wanted = on != 0 ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
-  return fcntl(fd, F_SETFL, wanted) == 0 ? 1 : 0;
-}
-
 int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s) {
   if (sock >= FD_SETSIZE) return -1;
-  SetNonBlock(sock, 1);
+  SetNonBlock(sock, true);
   errno = 0;
   const int rc = connect(sock, addr, addrlen);
   if (rc != 0 && errno != EINPROGRESS) {
@@ -73,7 +72,7 @@ int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s)
   } else if (await_connection(sock, timeout_s) != 0) {
     return -1;
   }
-  SetNonBlock(sock, 0);
+  SetNonBlock(sock, false);
   return 0;
 }
 

@@ -100,15 +100,14 @@ int alias_follow_up() {
   }
   debug_log("update alias URL\n");
   char verdict[verdict_len] = "";
-  int result = request_no_answer;
-  for (int i = 0; i < follow_up_attempts && result != request_ok; ++i) {
-    if (i > 0 && exit_requested()) break;
-    result = srv_alias(&current_record, alias, verdict);
-    if (result != request_ok) debug_log("server alias return fail.\n");
+  for (int i = 0; i < follow_up_attempts && (i == 0 || !exit_requested()); ++i) {
+    if (srv_alias(&current_record, alias, verdict) == request_ok) {
+      debug_log("server alias return success.\n");
+      return store_verdict(verdict[0], alias);
+    }
+    debug_log("server alias return fail.\n");
   }
-  if (result != request_ok) return -1;
-  debug_log("server alias return success.\n");
-  return store_verdict(verdict[0], alias);
+  return -1;
 }
 
 }  // namespace kestrel
