@@ -19,8 +19,8 @@ void SetNonBlock(int fd, bool on) {
   fcntl(fd, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
 }
 
-/// Waits for the connection under way and tells its outcome, 0 or -1.
-int await_connection(int sock, int timeout_s) {
+/// Waits for the connection under way. True when it stands.
+bool await_connection(int sock, int timeout_s) {
   fd_set reads;
   FD_ZERO(&reads);
   FD_SET(sock, &reads);
@@ -28,31 +28,24 @@ int await_connection(int sock, int timeout_s) {
   fd_set excepts = reads;
   timeval limit{timeout_s, 0};
   const int ready = select(sock + 1, &reads, &writes, &excepts, timeout_s != 0 ? &limit : nullptr);
+  int pending{};
+  socklen_t len = sizeof(pending);
   if (ready == 0) {
     errno = ETIMEDOUT;
     debug_log(" WaitConnect timeout\n");
-    return -1;
-  }
-  if (ready < 0) {
+  } else if (ready < 0) {
     debug_log(" select failed\n");
-    return -1;
-  }
-  if (!FD_ISSET(sock, &reads) && !FD_ISSET(sock, &writes)) {
+  } else if (!FD_ISSET(sock, &reads) && !FD_ISSET(sock, &writes)) {
     debug_log(" connectfaied\n");
-    return -1;
-  }
-  int pending = 0;
-  socklen_t len = sizeof(pending);
-  if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &pending, &len) != 0) {
+  } else if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &pending, &len) != 0) {
     print_error(" getsockopt");
-    return -1;
-  }
-  if (pending != 0) {
+  } else if (pending != 0) {
     print_console(" Strange bug");
-    return -1;
+  } else {
+    debug_log(" Connect success\n");
+    return true;
   }
-  debug_log(" Connect success\n");
-  return 0;
+  return false;
 }
 
 }  // namespace
@@ -69,7 +62,7 @@ int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s)
   debug_log(" rc=%d errno=%d\n", rc, errno);
   if (rc == 0) {
     debug_log(" connect ok\n");
-  } else if (await_connection(sock, timeout_s) != 0) {
+  } else if (!await_connection(sock, timeout_s)) {
     return -1;
   }
   SetNonBlock(sock, false);

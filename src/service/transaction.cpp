@@ -26,7 +26,6 @@ namespace kestrel {
 
 namespace {
 
-constexpr std::size_t url_len = 512;
 constexpr int status_ok = 200;
 constexpr int status_unauthorized = 401;
 constexpr int status_not_found = 404;
@@ -36,7 +35,7 @@ struct Route {
   char connect_ip[ip_len];
   std::uint16_t connect_port;
   char server[ip_len];
-  char path[url_len];
+  char path[sizeof(AuthenticateInfo::uri)];
 };
 
 /// Copies the relay's address and port; false when requests go direct. The main thread may forget the relay
@@ -232,7 +231,7 @@ int exchange(DeviceContext& ctx, const Request& request, const Route& route, std
   if (!exiting) watch.limit(answer_timeout_ms);
   const auto sent = static_cast<int>(send(reader.ClientSocket, out.data(), out.size(), 0));
   log_if(request.log->sent, sent);
-  if (sent < 0 && request.after_send_failure != AfterSendFailure::receive) {
+  if (sent == -1 && request.after_send_failure != AfterSendFailure::receive) {
     ILibForceClose(&reader);
     return request.after_send_failure == AfterSendFailure::send_result ? sent : request_no_answer;
   }
