@@ -8,7 +8,6 @@
 #include "core/debug_log.h"
 #include "core/text.h"
 #include "platform/tessel.h"
-#include "service/blowfish.h"
 #include "service/body_cipher.h"
 
 namespace kestrel {
@@ -16,11 +15,11 @@ namespace kestrel {
 char* make_token(char* out, unsigned* len) {
   char group[random_digits_len + 1];
   random_digits6(group);
-  char digits[5 * random_digits_len + blowfish_block_len] = "";  // zeros behind them, for the padding and the end
-  std::int32_t cipher_len = format_text(digits, sizeof(digits), "%s%s%s%s%s", group, group, group, group, group);
-  debug_log(" ecnode bodylen=%d\n", cipher_len);
-  pad_to_block(reinterpret_cast<unsigned char*>(digits), &cipher_len);
-  encipher(digits, cipher_len);
+  char digits[5 * random_digits_len + 1];
+  const int digits_len = format_text(digits, sizeof(digits), "%s%s%s%s%s", group, group, group, group, group);
+  debug_log(" ecnode bodylen=%d\n", digits_len);
+  // Not padded: a token takes 24 bytes of it.
+  encipher(digits, digits_len);
   char text[2 * token_len] = "";
   // As a text on purpose: a zero byte of the cipher text ends what is encoded.
   b64_encode(digits, static_cast<unsigned>(std::strlen(digits)), text);

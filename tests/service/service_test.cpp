@@ -19,7 +19,6 @@
 #include "service/body_cipher.h"
 #include "service/connect.h"
 #include "service/exchange_watch.h"
-#include "service/post_body.h"
 #include "service/requests.h"
 #include "service/token.h"
 #include "service/xml_value.h"
@@ -110,33 +109,6 @@ TEST_F(Service, TokenStopsAtTheFirstZeroByteAndIsFilledUp) {
   }
 }
 
-// ---- Bodies ----
-
-TEST_F(Service, BodiesArePaddedEncipheredAndEncoded) {
-  for (std::size_t len = 0; len <= 200; len += len < 20 ? 1 : 13) {
-    const std::size_t padded = (len + 7) / 8 * 8;
-    const std::string plain(len, 'x');
-    char body[512];
-    std::memset(body, 0xEE, sizeof(body));
-    plain.copy(body, len);
-    body[len] = '\0';
-    const HeapText sealed = encipher_body(body, "ecnode bodylen=%d\n");
-    EXPECT_EQ(nettle_cipher::unseal(sealed.get()), plain + std::string(padded - len, '\0')) << len;
-    EXPECT_EQ(fake.log.back(), "ecnode bodylen=" + std::to_string(padded) + "\n");
-  }
-}
-
-TEST_F(Service, ABodyThatDoesNotFitIsRefused) {
-  char text[16];
-  for (const char* value : {"12", "123"}) {
-    PostBody body = begin_body(text);
-    put(body, "<a>");
-    put(body, "%s</a>", value);
-    EXPECT_EQ(body.fits, std::strlen(value) == 2) << text;
-    EXPECT_TRUE(std::string(text).starts_with("123456<a>12")) << text;
-  }
-}
-
 // ---- The refer file ----
 
 TEST_F(Service, ReferFileHoldsTimestampAndHostIdEnciphered) {
@@ -190,9 +162,9 @@ class Connect : public FakeTest {
     close(sock_);
     FakeTest::TearDown();
   }
-  void renew_socket() {
+  void renew_socket(int type = SOCK_STREAM) {
     close(sock_);
-    sock_ = socket(AF_INET, SOCK_STREAM, 0);
+    sock_ = socket(AF_INET, type, 0);
   }
   /// Four more connections fill the listener's queue.
   void listen_to_nobody() const {
@@ -216,8 +188,21 @@ TEST_F(Connect, AcceptedOrRefused) {
     renew_socket();
   }
   listen(listener_, 1);
-  EXPECT_EQ(connect_within(0), 0);
-  EXPECT_EQ(fcntl(sock_, F_GETFL) & O_NONBLOCK, 0);
+  struct Row {
+    int type;
+    unsigned len;
+    int result;
+    Texts log;
+  };
+  for (const Row& row : {Row{SOCK_STREAM, sizeof(peer_), 0, {" rc=-1 errno=115\n", " Connect success\n"}},
+                         Row{SOCK_DGRAM, sizeof(peer_), 0, {" rc=0 errno=0\n", " connect ok\n"}},
+                         Row{SOCK_STREAM, 1, -1, {"WaitConnect2 connect() errno=22\n"}}}) {
+    fake.log.clear();
+    renew_socket(row.type);
+    EXPECT_EQ(WaitConnect(sock_, address(), row.len, 0), row.result);
+    EXPECT_EQ((fcntl(sock_, F_GETFL) & O_NONBLOCK) == 0, row.result == 0);
+    EXPECT_EQ(fake.log, row.log);
+  }
 }
 
 TEST_F(Connect, NobodyAnswersInTimeOrWithinTheExchangesLimit) {
