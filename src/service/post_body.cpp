@@ -11,7 +11,8 @@ void put(PostBody& body, const char* format, ...) {
   va_start(args, format);
   const int len = std::vsnprintf(body.text + body.len, body.size - body.len, format, args);
   va_end(args);
-  body.fits = body.fits && len >= 0 && static_cast<std::size_t>(len) < body.size - body.len;
+  // A length below 0 is none that fits either.
+  body.fits = body.fits && static_cast<std::size_t>(len) < body.size - body.len;
   if (body.fits) body.len += static_cast<std::size_t>(len);
 }
 

@@ -91,6 +91,7 @@ class Transaction : public FakeTest {
     ctx.e = {"203.0.113.5", "4444"};
     ctx.i = {"192.168.1.20", "80"};
     ctx.ue = {"198.51.100.7", "8080"};
+    ctx.proxy = {"1.2.3.4", "8888"};  // the shortest address
     copy_text(ctx.Timestamp, "012345");
     ctx.active_if = {"192.168.1.20", "02:00:00:00:00:01", "255.255.255.0", "192.168.1.1", "eth0"};
     copy_text(ctx.igd.friendlyName, "Router");
@@ -98,11 +99,6 @@ class Transaction : public FakeTest {
     copy_text(ctx.auth_info.user, "HID00001");
     copy_text(ctx.auth_info.pass, "secret");
     fake.interfaces = {{"192.168.1.20", "02:00:00:00:00:02", "255.255.255.0", "192.168.1.1", "eth1"}, {}};
-  }
-
-  void use_relay() {
-    ctx.proxy_tested = 1;
-    ctx.proxy = {"1.2.3.4", "8888"};  // the shortest address
   }
 
   /// One exchange that is answered so.
@@ -160,7 +156,7 @@ TEST_F(Transaction, GoesToTheServiceOrThroughTheRelayWhenItFits) {
   for (const Subject& subject : subjects) {
     for (const bool relay : {false, true}) {
       start();
-      if (relay) use_relay();
+      ctx.proxy_tested = relay ? 1 : 0;
       EXPECT_EQ(exchange(subject, {}), 1) << subject.path;
       const std::string server = &subject == &subjects[eip] ? "192.0.2.20" : "192.0.2.10";
       const std::string path = relay ? "http://" + server + ":80" + subject.path : subject.path;
@@ -244,7 +240,7 @@ TEST_F(Transaction, AChallengeIsAnsweredWithTheNextRequest) {
   for (const Subject& subject : subjects) {
     for (const bool relay : {false, true}) {
       start();
-      if (relay) use_relay();
+      ctx.proxy_tested = relay ? 1 : 0;
       AuthenticateInfo& auth = ctx.auth_info;
       EXPECT_EQ(exchange(subject, {.status = 401}), 2);
       EXPECT_STREQ(auth.uri, subject.challenge_uri);
