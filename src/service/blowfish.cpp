@@ -7,12 +7,18 @@ namespace kestrel {
 
 namespace {
 
+constexpr int rounds = 16;
+
+/// The key-dependent state.
+struct BlowfishState {
+  std::uint32_t p[rounds + 2];
+  std::uint32_t s[4][256];
+};
+
 constexpr std::uint32_t initial_words[] = {
 #include "service/blowfish_pi.inc"
 };
 static_assert(sizeof(initial_words) == sizeof(BlowfishState));
-
-constexpr int rounds = 16;
 
 [[gnu::always_inline]] inline std::uint32_t feistel(const BlowfishState& state, std::uint32_t x) {
   return ((state.s[0][x >> 24] + state.s[1][(x >> 16) & 0xFF]) ^ state.s[2][(x >> 8) & 0xFF]) + state.s[3][x & 0xFF];
@@ -23,48 +29,35 @@ std::uint32_t load_big_endian(const unsigned char* bytes) {
          static_cast<std::uint32_t>(bytes[2]) << 8 | static_cast<std::uint32_t>(bytes[3]);
 }
 
-void store_big_endian(unsigned char* bytes, std::uint32_t word) {
-  for (int i = 0; i < 4; ++i) bytes[i] = static_cast<unsigned char>(word >> (24 - 8 * i));
+/// Enciphers a pair of words in place.
+void bf_encipher(const BlowfishState& state, std::uint32_t& left, std::uint32_t& right) {
+  std::uint32_t l = left;
+  std::uint32_t r = right;
+  // Two rounds at a time, so that the halves need not change places.
+  for (int i = 0; i < rounds; i += 2) {
+    l ^= state.p[i];
+    r ^= feistel(state, l) ^ state.p[i + 1];
+    l ^= feistel(state, r);
+  }
+  left = r ^ state.p[rounds + 1];
+  right = l ^ state.p[rounds];
 }
 
 /// Overwrites `words` in pairs with the running cipher of the schedule.
-void fill_by_cipher(BlowfishState* state, std::uint32_t* words, std::size_t count, std::uint32_t* left,
-                    std::uint32_t* right) {
-  for (std::size_t i = 0; i < count; i += 2) {
+template <std::size_t N>
+void fill_by_cipher(const BlowfishState& state, std::uint32_t (&words)[N], std::uint32_t& left, std::uint32_t& right) {
+  for (std::size_t i = 0; i < N; i += 2) {
     bf_encipher(state, left, right);
-    words[i] = *left;
-    words[i + 1] = *right;
+    words[i] = left;
+    words[i + 1] = right;
   }
 }
 
-enum class Direction { encrypt, decrypt };
-
-void cfb8(Direction direction, unsigned char* buffer, std::int32_t len, const unsigned char* key, int key_len,
-          const unsigned char* iv, int iv_len) {
-  if (len < 1 || iv_len != static_cast<int>(blowfish_block_len) || key_len < 1) return;
-  BlowfishState state;
-  bf_key_schedule(&state, key, static_cast<std::int16_t>(key_len));
-  // The shift register is a pair of words, the oldest byte highest.
-  std::uint32_t left = load_big_endian(iv);
-  std::uint32_t right = load_big_endian(iv + 4);
-  for (unsigned char* byte = buffer; byte < buffer + len; ++byte) {
-    std::uint32_t l = left;
-    std::uint32_t r = right;
-    bf_encipher(&state, &l, &r);
-    const unsigned char in = *byte;
-    *byte = static_cast<unsigned char>(in ^ l >> 24);
-    left = left << 8 | right >> 24;
-    right = right << 8 | (direction == Direction::encrypt ? *byte : in);
-  }
-}
-
-}  // namespace
-
-void bf_key_schedule(BlowfishState* state, const unsigned char* key, std::int16_t key_len) {
-  std::memcpy(state, initial_words, sizeof(*state));
-  if (key_len < 1) return;
+/// Prepares `state` for a key of `key_len` bytes, at least 1, taken cyclically.
+void bf_key_schedule(BlowfishState& state, const unsigned char* key, std::int16_t key_len) {
+  std::memcpy(&state, initial_words, sizeof(state));
   int at = 0;
-  for (std::uint32_t& word : state->p) {
+  for (std::uint32_t& word : state.p) {
     std::uint32_t four = 0;
     for (int i = 0; i < 4; ++i) {
       four = four << 8 | key[at];
@@ -74,30 +67,32 @@ void bf_key_schedule(BlowfishState* state, const unsigned char* key, std::int16_
   }
   std::uint32_t left = 0;
   std::uint32_t right = 0;
-  fill_by_cipher(state, state->p, blowfish_p_words, &left, &right);
-  for (auto& box : state->s) fill_by_cipher(state, box, blowfish_s_words, &left, &right);
+  fill_by_cipher(state, state.p, left, right);
+  for (auto& box : state.s) fill_by_cipher(state, box, left, right);
 }
 
-void bf_encipher(const BlowfishState* state, std::uint32_t* left, std::uint32_t* right) {
-  std::uint32_t l = *left;
-  std::uint32_t r = *right;
-  // Two rounds at a time, so that the halves need not change places.
-  for (int i = 0; i < rounds; i += 2) {
-    l ^= state->p[i];
-    r ^= feistel(*state, l) ^ state->p[i + 1];
-    l ^= feistel(*state, r);
+enum class Direction { encrypt, decrypt };
+
+void cfb8(Direction direction, unsigned char* buffer, std::int32_t len, const unsigned char* key, int key_len,
+          const unsigned char* iv, int iv_len) {
+  if (iv_len != static_cast<int>(blowfish_block_len) || key_len < 1) return;
+  BlowfishState state;
+  bf_key_schedule(state, key, static_cast<std::int16_t>(key_len));
+  // The shift register is a pair of words, the oldest byte highest.
+  std::uint32_t left = load_big_endian(iv);
+  std::uint32_t right = load_big_endian(iv + 4);
+  for (unsigned char* byte = buffer; byte < buffer + len; ++byte) {
+    std::uint32_t l = left;
+    std::uint32_t r = right;
+    bf_encipher(state, l, r);
+    const unsigned char in = *byte;
+    *byte = static_cast<unsigned char>(in ^ l >> 24);
+    left = left << 8 | right >> 24;
+    right = right << 8 | (direction == Direction::encrypt ? *byte : in);
   }
-  *left = r ^ state->p[rounds + 1];
-  *right = l ^ state->p[rounds];
 }
 
-void bf_encrypt_block(const BlowfishState* state, unsigned char* block) {
-  std::uint32_t left = load_big_endian(block);
-  std::uint32_t right = load_big_endian(block + 4);
-  bf_encipher(state, &left, &right);
-  store_big_endian(block, left);
-  store_big_endian(block + 4, right);
-}
+}  // namespace
 
 void pad_to_block(unsigned char* buffer, std::int32_t* len) {
   constexpr auto block_len = static_cast<std::int32_t>(blowfish_block_len);

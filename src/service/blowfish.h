@@ -7,27 +7,7 @@
 
 namespace kestrel {
 
-constexpr std::size_t blowfish_p_words = 18;
-constexpr std::size_t blowfish_s_boxes = 4;
-constexpr std::size_t blowfish_s_words = 256;
 constexpr std::size_t blowfish_block_len = 8;  // bytes
-
-/// The key-dependent state: the P-array, then the S-boxes.
-struct BlowfishState {
-  std::uint32_t p[blowfish_p_words];
-  std::uint32_t s[blowfish_s_boxes][blowfish_s_words];
-};
-static_assert(sizeof(BlowfishState) == 1042 * sizeof(std::uint32_t));
-
-/// Prepares `state` for a key of `key_len` bytes, taken cyclically. A length below 1 leaves the initial
-/// state without a key.
-void bf_key_schedule(BlowfishState* state, const unsigned char* key, std::int16_t key_len);
-
-/// Enciphers a pair of words in place.
-void bf_encipher(const BlowfishState* state, std::uint32_t* left, std::uint32_t* right);
-
-/// Enciphers a block of 8 bytes in place, read and written big-endian.
-void bf_encrypt_block(const BlowfishState* state, unsigned char* block);
 
 /// Appends zero bytes to the data at `buffer` until `*len` is a multiple of the block. The caller guarantees
 /// room for blowfish_block_len - 1 bytes behind the data. A length below 1 stays as it is.

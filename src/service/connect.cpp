@@ -14,8 +14,13 @@ namespace kestrel {
 
 namespace {
 
-/// Waits for the connection under way and tells its outcome, 0 or -1.
-int await_connection(int sock, int timeout_s) {
+void SetNonBlock(int fd, bool on) {
+  const int flags = fcntl(fd, F_GETFL);
+  fcntl(fd, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
+}
+
+/// Waits for the connection under way. True when it stands.
+bool await_connection(int sock, int timeout_s) {
   fd_set reads;
   FD_ZERO(&reads);
   FD_SET(sock, &reads);
@@ -23,44 +28,31 @@ int await_connection(int sock, int timeout_s) {
   fd_set excepts = reads;
   timeval limit{timeout_s, 0};
   const int ready = select(sock + 1, &reads, &writes, &excepts, timeout_s != 0 ? &limit : nullptr);
+  int pending{};
+  socklen_t len = sizeof(pending);
   if (ready == 0) {
     errno = ETIMEDOUT;
     debug_log(" WaitConnect timeout\n");
-    return -1;
-  }
-  if (ready < 0) {
+  } else if (ready < 0) {
     debug_log(" select failed\n");
-    return -1;
-  }
-  if (!FD_ISSET(sock, &reads) && !FD_ISSET(sock, &writes)) {
+  } else if (!FD_ISSET(sock, &reads) && !FD_ISSET(sock, &writes)) {
     debug_log(" connectfaied\n");
-    return -1;
-  }
-  int pending = 0;
-  socklen_t len = sizeof(pending);
-  if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &pending, &len) != 0) {
+  } else if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &pending, &len) != 0) {
     print_error(" getsockopt");
-    return -1;
-  }
-  if (pending != 0) {
+  } else if (pending != 0) {
     print_console(" Strange bug");
-    return -1;
+  } else {
+    debug_log(" Connect success\n");
+    return true;
   }
-  debug_log(" Connect success\n");
-  return 0;
+  return false;
 }
 
 }  // namespace
 
-int SetNonBlock(int fd, int on) {
-  const int flags = fcntl(fd, F_GETFL);
-  const int wanted = on != 0 ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
-  return fcntl(fd, F_SETFL, wanted) == 0 ? 1 : 0;
-}
-
 int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s) {
   if (sock >= FD_SETSIZE) return -1;
-  SetNonBlock(sock, 1);
+  SetNonBlock(sock, true);
   errno = 0;
   const int rc = connect(sock, addr, addrlen);
   if (rc != 0 && errno != EINPROGRESS) {
@@ -70,10 +62,10 @@ int WaitConnect(int sock, const sockaddr* addr, unsigned addrlen, int timeout_s)
   debug_log(" rc=%d errno=%d\n", rc, errno);
   if (rc == 0) {
     debug_log(" connect ok\n");
-  } else if (await_connection(sock, timeout_s) != 0) {
+  } else if (!await_connection(sock, timeout_s)) {
     return -1;
   }
-  SetNonBlock(sock, 0);
+  SetNonBlock(sock, false);
   return 0;
 }
 

@@ -5,9 +5,6 @@
 
 namespace kestrel {
 
-/// Sets (`on` non-zero) or clears O_NONBLOCK. Returns 1, or 0 when the descriptor does not take it.
-int SetNonBlock(int fd, int on);
-
 /// Connects a TCP socket within `timeout_s` seconds (0: no limit). Returns 0 when connected, the socket
 /// then blocking again; -1 otherwise (time-outs set errno to ETIMEDOUT). A descriptor that does not fit
 /// into a descriptor set is refused.

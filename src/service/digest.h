@@ -13,7 +13,7 @@ namespace kestrel {
 constexpr std::size_t digest_header_len = 512;
 
 /// Computes the Digest response over terminated texts and writes its 32 hexadecimal digits and a
-/// terminator to `out` (34 bytes), unless that is null. Without a qop the count and the client nonce
+/// terminator to `out` (34 bytes). Without a qop the count and the client nonce
 /// do not enter; with "auth-int" the entity is the empty body.
 void digest_calc_response(const char* user, const char* realm, const char* pass, const char* nonce, std::uint32_t nc,
                           const char* qop, const char* method, const char* uri, const char* cnonce, char* out);

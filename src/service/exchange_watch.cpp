@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <ctime>
 
@@ -23,21 +24,20 @@
 
 namespace kestrel {
 
-namespace {
-
 /// A slot's descriptor while it has none, and while somebody works on it.
-constexpr int free_slot = -1;
-constexpr int held_slot = -2;
+enum : int { held_slot = INT_MIN, free_slot };
 
 /// An exchange under way. The descriptor is shut down only by who holds the slot, and its owner takes it back
 /// before closing it; so a number that was given anew is never meant.
-struct Slot {
+struct WatchSlot {
   std::atomic<int> fd{free_slot};
   std::atomic<std::uint32_t> deadline{0};  // ms of the monotonic clock, cut to 32 bits; 0 for none
 };
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<std::uint32_t>::is_always_lock_free);
 
-std::array<Slot, 2> slots;           // one for each thread
+namespace {
+
+std::array<WatchSlot, 2> slots;      // one for each thread
 std::atomic<bool> all_ended{false};  // end_exchanges was called
 
 enum WatchState : int { no_watch, watch_starts, watch_runs };
@@ -67,14 +67,14 @@ std::int32_t ms_left(std::uint32_t deadline) {
   return static_cast<std::int32_t>(deadline - now_ms());
 }
 
-bool is_over(const Slot& slot) {
+bool is_over(const WatchSlot& slot) {
   const std::uint32_t deadline = slot.deadline;
   return deadline != 0 && ms_left(deadline) <= 0;
 }
 
 /// Shuts the slot's socket down. The reason is looked at again once the slot is held: it may serve another
 /// exchange by then.
-void end_exchange(Slot& slot) {
+void end_exchange(WatchSlot& slot) {
   int fd = slot.fd;
   if (fd < 0 || !slot.fd.compare_exchange_strong(fd, held_slot)) return;
   if (all_ended || is_over(slot)) {
@@ -87,7 +87,7 @@ void end_exchange(Slot& slot) {
 /// Ends what is over. Returns the milliseconds until there is something to do again; -1 for never.
 int end_overdue() {
   int next = -1;
-  for (Slot& slot : slots) {
+  for (WatchSlot& slot : slots) {
     // all_ended too: the signal handler may have found the slot held.
     if (all_ended || is_over(slot)) end_exchange(slot);
     const std::uint32_t deadline = slot.deadline;
@@ -101,7 +101,7 @@ int end_overdue() {
 
 void* watch(void* /*unused*/) {
   for (;;) {
-    pollfd woken{wake_fd, POLLIN, 0};
+    pollfd woken{wake_fd, POLLIN, {}};
     // A deadline that is set from here on is either seen, or its owner finds no look announced, and wakes.
     next_look = 0;
     const int ms = end_overdue();
@@ -122,7 +122,7 @@ bool start_watch() {
   if (wake_fd < 0) wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wake_fd < 0) return false;
   pthread_attr_t attributes;
-  if (pthread_attr_init(&attributes) != 0) return false;
+  pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, watch_stack_len);
   const SignalsBlocked blocked;
   pthread_t thread{};
@@ -143,41 +143,33 @@ bool have_watch() {
   return state != no_watch;
 }
 
-int take_slot(int fd) {
-  for (std::size_t i = 0; i < slots.size(); ++i) {
+WatchSlot* take_slot(int fd) {
+  for (WatchSlot& slot : slots) {
     int none = free_slot;
-    if (!slots[i].fd.compare_exchange_strong(none, held_slot)) continue;
-    slots[i].deadline = 0;
-    slots[i].fd = fd;
-    return static_cast<int>(i);
+    if (slot.fd.compare_exchange_strong(none, fd)) return &slot;
   }
-  return -1;
+  return nullptr;
 }
 
 }  // namespace
 
-ExchangeWatch::ExchangeWatch(int sock) : socket(sock), own(-1), slot(-1) {
-  if (sock < 0) return;
-  own = fcntl(sock, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  if (own >= 0) slot = take_slot(own);
-}
+ExchangeWatch::ExchangeWatch(int sock)
+    : socket(sock), own(fcntl(sock, F_DUPFD_CLOEXEC, STDERR_FILENO)), slot(own >= 0 ? take_slot(own) : nullptr) {}
 
 ExchangeWatch::~ExchangeWatch() {
-  if (own < 0) return;
-  if (slot >= 0) {
-    Slot& mine = slots[static_cast<std::size_t>(slot)];
+  if (slot != nullptr) {
     // Whoever holds it does so for the length of one system call.
-    for (int fd = own; !mine.fd.compare_exchange_strong(fd, held_slot); fd = own) poll(nullptr, 0, 1);
-    mine.deadline = 0;
-    mine.fd = free_slot;
+    for (int fd = own; !slot->fd.compare_exchange_strong(fd, held_slot); fd = own) poll(nullptr, 0, 1);
+    slot->deadline = 0;
+    slot->fd = free_slot;
   }
   close(own);
 }
 
 void ExchangeWatch::limit(unsigned ms) const {
-  if (slot >= 0 && have_watch()) {
+  if (slot != nullptr && have_watch()) {
     const std::uint32_t deadline = deadline_in(ms);
-    slots[static_cast<std::size_t>(slot)].deadline = deadline;
+    slot->deadline = deadline;
     // The watch that looks in time anyway is left asleep: most exchanges are over long before.
     const std::uint32_t look = next_look;
     if (look == 0 || all_ended || static_cast<std::int32_t>(deadline - look) < 0) wake();
@@ -192,7 +184,7 @@ void ExchangeWatch::limit(unsigned ms) const {
 void end_exchanges() {
   const int saved_errno = errno;
   all_ended = true;
-  for (Slot& slot : slots) end_exchange(slot);
+  for (WatchSlot& slot : slots) end_exchange(slot);
   wake();  // for a slot that was held, and a socket that was not connecting yet
   errno = saved_errno;
 }

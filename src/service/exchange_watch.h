@@ -4,6 +4,8 @@
 
 namespace kestrel {
 
+struct WatchSlot;
+
 /// Watches one exchange for as long as it lives. It works on a descriptor of its own for the same socket, so
 /// that no other socket is ever closed, also when a library closes the exchange's early and its number is given
 /// anew. Each of the two threads may have one at a time.
@@ -18,9 +20,9 @@ struct ExchangeWatch {
   /// be had to watch, the socket's own time-outs have to do.
   void limit(unsigned ms) const;
 
-  int socket;    // the exchange's; not owned
-  int own;       // the same socket; -1 when there is none to watch
-  int slot = 0;  // where the watch finds it; -1 for nowhere
+  int socket;                 // the exchange's; not owned
+  int own;                    // the same socket; -1 when there is none to watch
+  WatchSlot* slot = nullptr;  // where the watch finds it; null for nowhere
 };
 
 }  // namespace kestrel

@@ -4,26 +4,16 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "core/text.h"
-
 namespace kestrel {
 
-PostBody begin_body(char* text, std::size_t size, std::size_t plain_size) {
-  random_digits6(text);
-  return {text, size, plain_size, random_digits_len, true};
-}
-
 void put(PostBody& body, const char* format, ...) {
-  const std::size_t room = body.plain_size - body.len;
   va_list args;
   va_start(args, format);
-  const int len = std::vsnprintf(body.text + body.len, room, format, args);
+  const int len = std::vsnprintf(body.text + body.len, body.size - body.len, format, args);
   va_end(args);
-  if (len < 0 || static_cast<std::size_t>(len) >= room) {
-    body.fits = false;
-    return;
-  }
-  body.len += static_cast<std::size_t>(len);
+  // A length below 0 is none that fits either.
+  body.fits = body.fits && static_cast<std::size_t>(len) < body.size - body.len;
+  if (body.fits) body.len += static_cast<std::size_t>(len);
 }
 
 }  // namespace kestrel

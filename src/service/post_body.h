@@ -3,25 +3,25 @@
 
 #include <cstddef>
 
+#include "core/text.h"
+#include "service/blowfish.h"
+
 namespace kestrel {
 
 /// A plain body being written into a caller's array. What does not fit is cut, and the body must not be sent.
 struct PostBody {
-  char* text;        // terminated
-  std::size_t size;  // of the array, which its base64 text takes later
-  std::size_t plain_size;
+  char* text;  // terminated
+  std::size_t size;
   std::size_t len;
   bool fits;
 };
 
-/// Begins a body in `text` (`size` bytes) with six random digits, of `plain_size` bytes at most, terminator included;
-/// more than the digits take.
-[[nodiscard]] PostBody begin_body(char* text, std::size_t size, std::size_t plain_size);
-
-/// The same for a whole array, which may be all plain text.
+/// Begins a body in `text` with six random digits.
 template <std::size_t N>
-[[nodiscard]] PostBody begin_body(char (&text)[N], std::size_t plain_size = N) {
-  return begin_body(text, N, plain_size);
+[[nodiscard]] PostBody begin_body(char (&text)[N]) {
+  static_assert(N % blowfish_block_len == 0, "the cipher's padding is to fit behind every text");
+  random_digits6(text);
+  return {text, N, random_digits_len, true};
 }
 
 /// Appends formatted XML, as printf formats it.

@@ -1,7 +1,6 @@
 // The refer file, see requests.h. Its log lines carry the name of an older module; readers know them so.
 #include <cstdio>
 #include <cstring>
-#include <initializer_list>
 
 #include "core/debug_log.h"
 #include "core/text.h"
@@ -15,30 +14,18 @@ namespace kestrel {
 
 namespace {
 
-constexpr char module_name[] = "srv_util";
 constexpr unsigned char refer_key[] = "MorvbTUcwe5pidKrZhu8N216";
 constexpr int refer_key_len = sizeof(refer_key) - 1;
 static_assert(refer_key_len == 24);
-constexpr std::size_t path_len = 32;
-constexpr std::size_t plain_len = 32;
-
-/// Puts the two texts behind each other. Returns their length, cut to fit, or -1 on an error.
-int write_plain(char (&plain)[plain_len], const char* timestamp, const char* hid) {
-  int len = 0;
-  for (const char* text : {timestamp, hid}) {
-    const std::size_t room = sizeof(plain) - static_cast<std::size_t>(len);
-    if (std::snprintf(plain + len, room, "%s", text) < 0) return -1;
-    len = static_cast<int>(std::strlen(plain));
-  }
-  return len;
-}
 
 /// Writes the statement to the open file. Returns the message of what failed, null for success.
 const char* write_statement(std::FILE* file, const char* hid, const char* timestamp) {
-  char plain[plain_len] = "";
-  const int len = write_plain(plain, timestamp, hid);
-  if (len < 0) return "%s %d szPlainText buffer overflow\r\n";
-  bf_cfb8_encrypt(reinterpret_cast<unsigned char*>(plain), len, refer_key, refer_key_len, cipher_iv, cipher_iv_len);
+  char plain[32];
+  // What does not fit is cut, and no failure.
+  if (std::snprintf(plain, sizeof(plain), "%s%s", timestamp, hid) < 0) return "%s %d szPlainText buffer overflow\r\n";
+  const std::size_t len = std::strlen(plain);
+  bf_cfb8_encrypt(reinterpret_cast<unsigned char*>(plain), static_cast<std::int32_t>(len), refer_key, refer_key_len,
+                  cipher_iv, cipher_iv_len);
   char encoded[512] = "";
   b64_encode(plain, static_cast<unsigned>(len), encoded);
   terminate(encoded);
@@ -47,28 +34,27 @@ const char* write_statement(std::FILE* file, const char* hid, const char* timest
     return "%s %d szPutData buffer overflow\r\n";
   }
   // Flushed here, so that a full disk is noticed too.
-  if (std::fputs(statement, file) == EOF || std::fflush(file) != 0) return "%s %d fputs failed\r\n";
-  return nullptr;
+  return std::fputs(statement, file) == EOF || std::fflush(file) != 0 ? "%s %d fputs failed\r\n" : nullptr;
+}
+
+/// As write_statement, to the platform's path.
+const char* write_file(const char* hid, const char* timestamp) {
+  char path[32] = "";
+  if (dev_get_refer_file_path(path, sizeof(path)) == 0) return "%s %d dev get refer file path failed\r\n";
+  terminate(path);
+  std::FILE* file = std::fopen(path, "we");
+  if (file == nullptr) return "%s %d fopen failed\r\n";
+  const char* failure = write_statement(file, hid, timestamp);
+  std::fclose(file);
+  return failure;
 }
 
 }  // namespace
 
 int write_refer_file(const char* hid, const char* timestamp) {
-  char path[path_len] = "";
-  if (dev_get_refer_file_path(path, sizeof(path)) == 0) {
-    debug_log("%s %d dev get refer file path failed\r\n", module_name, __LINE__);
-    return 0;
-  }
-  terminate(path);
-  std::FILE* file = std::fopen(path, "we");
-  if (file == nullptr) {
-    debug_log("%s %d fopen failed\r\n", module_name, __LINE__);
-    return 0;
-  }
-  const char* failure = write_statement(file, hid, timestamp);
-  std::fclose(file);
+  const char* failure = write_file(hid, timestamp);
   if (failure == nullptr) return 1;
-  debug_log(failure, module_name, __LINE__);
+  debug_log(failure, "srv_util", __LINE__);
   return 0;
 }
 

@@ -20,28 +20,10 @@ constexpr ExchangeLog log_of_alias = [] {
   log.send_buffer = "%s\n";
   log.portnum = log_of_queries.portnum;
   log.sent = log_of_queries.sent;
+  log.body_read = log_of_queries.body_read;
   log.body = log_of_queries.body;
-  log.body_read_first = log_of_queries.body_read_first;
   return log;
 }();
-
-constexpr Request alias_request = {
-    .path = "/alias.html",
-    .method = "POST",
-    .challenge_uri = "/alias.html",
-    .send_len = 1024,
-    .log = &log_of_alias,
-    .body_len = "ecnode bodylen=%d\n",
-    .body_read = " Body_Read=%d\n",
-    .ok = "200 OK\n",
-    .not_found = "Error:(%d)\n",
-    .name = "srv_alias",
-    .leftover = &leftover_socket,
-};
-
-constexpr int follow_up_attempts = 10;
-constexpr std::size_t alias_len = 32;
-constexpr std::size_t plain_len = 1024;
 
 void read_verdict(DeviceContext& /*ctx*/, const char* plain, void* sink) {
   auto* verdict = static_cast<char*>(sink);
@@ -49,6 +31,21 @@ void read_verdict(DeviceContext& /*ctx*/, const char* plain, void* sink) {
   if (get_xml_value(plain, "ahret", 5, verdict, verdict_len) == 0 || verdict[0] == '\0') return;
   debug_log("==>[ahret] %c\n", verdict[0]);
 }
+
+constexpr Request alias_request = {
+    .path = "/alias.html",
+    .challenge_uri = "/alias.html",
+    .log = &log_of_alias,
+    .body_len = "ecnode bodylen=%d\n",
+    .ok = "200 OK\n",
+    .not_found = "Error:(%d)\n",
+    .name = "srv_alias",
+    .leftover = &leftover_socket,
+    .read_answer = read_verdict,
+};
+
+constexpr int follow_up_attempts = 10;
+constexpr std::size_t alias_len = 32;
 
 /// Stores what the service decided. Returns 0 when it took the alias, -1 otherwise.
 int store_verdict(char verdict, char* alias) {
@@ -82,14 +79,14 @@ int store_verdict(char verdict, char* alias) {
 int srv_alias(DeviceContext* ctx, const char* alias, char* verdict) {
   debug_log("------------------------[ %s:%d ]------------------------\n", alias_request.name, __LINE__);
   debug_log(" auth_info->on=%d\n", static_cast<int>(ctx->auth_info.on));
-  char text[plain_len];
+  char text[1024];
   PostBody body = begin_body(text);
   put(body,
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
       "<ldev>\n<hid>%s</hid>\n<redirip>%s</redirip>\n<ah>%s</ah>\n</ldev>\n",
       ctx->hid, ctx->redir_ip, alias);
   debug_log("%s\n", text);
-  return post(*ctx, alias_request, body, ctx->auth_info, read_verdict, verdict);
+  return post(*ctx, alias_request, body, ctx->auth_info, verdict);
 }
 
 int alias_follow_up() {
@@ -103,15 +100,14 @@ int alias_follow_up() {
   }
   debug_log("update alias URL\n");
   char verdict[verdict_len] = "";
-  int result = request_no_answer;
-  for (int i = 0; i < follow_up_attempts && result != request_ok; ++i) {
-    if (i > 0 && exit_requested()) break;
-    result = srv_alias(&current_record, alias, verdict);
-    if (result != request_ok) debug_log("server alias return fail.\n");
+  for (int i = 0; i < follow_up_attempts && (i == 0 || !exit_requested()); ++i) {
+    if (srv_alias(&current_record, alias, verdict) == request_ok) {
+      debug_log("server alias return success.\n");
+      return store_verdict(verdict[0], alias);
+    }
+    debug_log("server alias return fail.\n");
   }
-  if (result != request_ok) return -1;
-  debug_log("server alias return success.\n");
-  return store_verdict(verdict[0], alias);
+  return -1;
 }
 
 }  // namespace kestrel

@@ -11,7 +11,6 @@ namespace {
 
 constexpr Request connectback_request = {
     .path = "/connectbk.html",
-    .method = "POST",
     .challenge_uri = "/connectbk.html",
     .send_len = 2048,
     .log = &log_of_reports,
@@ -23,8 +22,6 @@ constexpr Request connectback_request = {
     .name = "srv_connectback",
     .after_send_failure = AfterSendFailure::send_result,
 };
-
-constexpr std::size_t plain_len = 1024;
 
 /// The address at which the service shall find the camera: the router's own, unless the router does
 /// not know it or sits behind another NAT.
@@ -52,7 +49,7 @@ int srv_connectback(DeviceContext* dev) {
     debug_log("[kestreld]: *** invalid parameters\n");
     return request_no_answer;
   }
-  char text[plain_len];
+  char text[1024];
   PostBody body = begin_body(text);
   put(body,
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"

@@ -10,24 +10,18 @@ LeftoverSocket leftover_socket;
 
 constexpr Request enable_request = {
     .path = "/enable.html",
-    .method = "POST",
     .challenge_uri = "/upd.html",  // not this request's path; the next send replaces it
-    .send_len = 1024,
     .log = &log_of_reports,
     .body_len = " ecnode bodylen=%d\n",
     .builder_trace = "[%s:%d]\n",
-    .body_read = "reader.Body_Read=%d\n",
+    .body_read_behind = "reader.Body_Read=%d\n",
     .ok = " <-200 OK\n",
-    .not_found = "Error=(%d)\n",
     .other_status = "Error=(%d)\n",
     .name = "srv_enable_dev_account",
     .after_send_failure = AfterSendFailure::receive,
-    .no_answer_result = request_failed,
-    .other_status_result = request_failed,
+    .failure_result = request_failed,
     .leftover = &leftover_socket,
 };
-
-constexpr std::size_t plain_len = 1024;
 
 }  // namespace
 
@@ -35,7 +29,7 @@ int srv_enable_dev_account(DeviceContext* ctx, int enable, AuthenticateInfo* aut
   debug_log(" ------------------------[ %s:%d ]------------------------\n", enable_request.name, __LINE__);
   debug_log(" hid=%s\n", ctx->hid);
   debug_log(" Enable=%d\n", enable);
-  char text[plain_len];
+  char text[1024];
   PostBody body = begin_body(text);
   put(body,
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"

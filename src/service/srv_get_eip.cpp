@@ -7,29 +7,27 @@ namespace kestrel {
 
 namespace {
 
-constexpr Request eip_request = {
-    .path = "/ext.html",
-    .method = "GET",
-    .challenge_uri = "/ext.html",
-    .send_len = 1024,
-    .log = &log_of_queries,
-    .connect_to = " connect to %s:%d\n",
-    .body_read = " Body_Read=%d\n",
-    .ok = "<-200 OK receiced!\n",
-    .name = "srv_get_eip",
-};
-
 void read_eip(DeviceContext& ctx, const char* plain, void* /*sink*/) {
   get_xml_value(plain, "ext_ip", 6, ctx.e.ip, sizeof(ctx.e.ip));
   get_xml_value(plain, "ext_port", 8, ctx.e.port, sizeof(ctx.e.port));
   debug_log(" ==>[eip:eport] %s:%s\n", ctx.e.ip, ctx.e.port);
 }
 
+constexpr Request eip_request = {
+    .path = "/ext.html",
+    .challenge_uri = "/ext.html",
+    .log = &log_of_queries,
+    .connect_to = " connect to %s:%d\n",
+    .ok = "<-200 OK receiced!\n",
+    .name = "srv_get_eip",
+    .read_answer = read_eip,
+};
+
 }  // namespace
 
 int srv_get_eip(DeviceContext* ctx) {
   debug_log(" ------------------------[ %s:%d ]------------------------\n", eip_request.name, __LINE__);
-  return run_exchange(*ctx, eip_request, ctx->da_ip, nullptr, ctx->auth_info, read_eip, nullptr);
+  return run_exchange(*ctx, eip_request, ctx->da_ip, "", ctx->auth_info);
 }
 
 }  // namespace kestrel

@@ -16,20 +16,17 @@ LeftoverSocket leftover_socket;
 
 constexpr Request update_request = {
     .path = "/iupd.html",
-    .method = "POST",
     .challenge_uri = "/iupd.html",
     .send_len = 2048,
     .log = &log_of_reports,
     .body_len = "ecnode bodylen=%d\n",
     .ok = "200 OK\n",
-    .not_found = "Error=(%d)\n",
     .other_status = "Error=(%d)\n",
     .name = "srv_update",
     .after_send_failure = AfterSendFailure::receive,
     .leftover = &leftover_socket,
 };
 
-constexpr std::size_t plain_len = 2048;  // plain text first, base64 later, terminator included
 constexpr int device_type = 1;
 constexpr int channel_count = 1;
 constexpr int channel_number = 1;
@@ -45,8 +42,8 @@ struct Particulars {
   const char* protocol;
 };
 
-void gather(const DeviceContext& dev, Particulars& out) {
-  zero(out);
+Particulars gather(const DeviceContext& dev) {
+  Particulars out{};
   format_text(out.channel, sizeof(out.channel), "%s-1.2-%s", dev.uid, dev.ue.port);
   dev_get_model_name(out.model, sizeof(out.model));
   dev_get_firmware_version(out.firmware, sizeof(out.firmware));
@@ -56,6 +53,7 @@ void gather(const DeviceContext& dev, Particulars& out) {
   terminate(out.client);
   out.protocol = through_relay(dev) ? "TP" : "T";
   static_cast<void>(first_iface(tessel_get_present_iface, out.present));
+  return out;
 }
 
 void log_values(const DeviceContext& dev, const Particulars& p) {
@@ -116,10 +114,9 @@ void write_update(PostBody& body, const DeviceContext& dev, const Particulars& p
 
 int srv_update(DeviceContext* dev, unsigned* /*word*/, AuthenticateInfo* info) {
   debug_log("------------------------[ %s:%d ]------------------------\n", update_request.name, __LINE__);
-  Particulars particulars;
-  gather(*dev, particulars);
+  const Particulars particulars = gather(*dev);
   log_values(*dev, particulars);
-  char text[plain_len];
+  char text[2048];
   PostBody body = begin_body(text);
   write_update(body, *dev, particulars);
   debug_log("----------sz_xml_data packet----------\n");

@@ -10,8 +10,8 @@ namespace kestrel {
 int get_xml_value(const char* text, const char* tag, unsigned taglen, char* out, std::size_t size) {
   char opening[66];
   char closing[66];
-  if (format_text(opening, sizeof(opening), "<%s>", tag) < 0) return 0;
-  if (format_text(closing, sizeof(closing), "</%s>", tag) < 0) return 0;
+  format_text(opening, sizeof(opening), "<%s>", tag);
+  if (format_text(closing, sizeof(closing), "</%s>", tag) < 0) return 0;  // the longer one
   const char* start = std::strstr(text, opening);
   if (start == nullptr) return 0;
   start += taglen + 2;
