@@ -4,7 +4,7 @@
 #include <span>
 #include <stdexcept>
 
-#include "body.h"
+#include "request_body.h"
 #include "service_cipher.h"
 
 namespace skyport {

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "body.h"
+#include "request_body.h"
 
 struct sqlite3;
 

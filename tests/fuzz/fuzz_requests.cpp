@@ -2,8 +2,8 @@
 // the elements of an update.
 #include <algorithm>
 
-#include "../../skyport/body.h"
 #include "../../skyport/digest.h"
+#include "../../skyport/request_body.h"
 #include "fuzz.h"
 #include "support/nettle_cipher.h"
 

@@ -1,4 +1,4 @@
-#include "body.h"
+#include "request_body.h"
 
 #include <algorithm>
 #include <pugixml.hpp>
