@@ -16,7 +16,7 @@
 
 namespace kestrel {
 
-int DbgLevel = 0;
+int DbgLevel;
 
 namespace {
 
@@ -44,13 +44,16 @@ void put_text(Line& line, const char* text, std::size_t limit) {
 void put_decimal(Line& line, int value) {
   char digits[12];
   std::size_t i = sizeof(digits);
-  unsigned rest = value < 0 ? 0U - static_cast<unsigned>(value) : static_cast<unsigned>(value);
+  auto rest = static_cast<unsigned>(value);
+  if (value < 0) {
+    put_char(line, '-');
+    rest = 0U - rest;
+  }
   do {
     const unsigned tens = quotient<10>(rest);
     digits[--i] = static_cast<char>('0' + (rest - 10 * tens));
     rest = tens;
   } while (rest != 0);
-  if (value < 0) put_char(line, '-');
   put_text(line, digits + i, sizeof(digits) - i);
 }
 
@@ -78,7 +81,7 @@ int console_fd[] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 
 /// A reader that does not read, or a stopped terminal, costs the line and never the daemon.
 void write_console(int stream, const Line& line) {
-  pollfd ready{console_fd[stream], POLLOUT, 0};
+  pollfd ready{console_fd[stream], POLLOUT, {}};
   if (poll(&ready, 1, 0) == 1) static_cast<void>(!write(ready.fd, line.text, line.len));
 }
 
@@ -86,8 +89,9 @@ void write_console(int stream, const Line& line) {
 int open_own() {
   const int fd = open(debug_log_path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   struct stat status {};
-  if (fd < 0 || (fstat(fd, &status) == 0 && status.st_uid == geteuid() &&
-                 (status.st_mode & (S_IFMT | S_IRWXG | S_IRWXO)) == S_IFREG)) {
+  // What could not be opened fails here, too.
+  if (fstat(fd, &status) == 0 && status.st_uid == geteuid() &&
+      (status.st_mode & (S_IFMT | S_IRWXG | S_IRWXO)) == S_IFREG) {
     return fd;
   }
   close(fd);
