@@ -169,12 +169,12 @@ void never_wait_for_console() {
 
 int debug_log(const char* format, ...) {
   // Most cameras log nothing: that is over before anything is done.
-  const int where = DbgLevel & (debug_console | debug_file);
-  if (where == 0) return 0;
-  va_list args;
-  va_start(args, format);
-  say(where, "KLOG", format, args);
-  va_end(args);
+  if (const int where = DbgLevel & (debug_console | debug_file); where != 0) {
+    va_list args;
+    va_start(args, format);
+    say(where, "KLOG", format, args);
+    va_end(args);
+  }
   return 0;
 }
 
@@ -193,9 +193,7 @@ void print_error_text(const char* format, ...) {
 }
 
 void print_error(const char* what) {
-  const int reason = errno;
-  print_error_text("%s: %s\n", what, std::strerror(reason));
-  errno = reason;
+  print_error_text("%s: %s\n", what, std::strerror(errno));
 }
 
 }  // namespace kestrel

@@ -28,7 +28,7 @@ std::uint32_t number_of(const char* dotted) {
   return ntohl(inet_addr(dotted));
 }
 
-constexpr std::size_t mac3_len = 7;  // six characters and the terminator
+constexpr int mac3_len = 6;
 
 }  // namespace
 
@@ -60,12 +60,10 @@ int first_iface(int (*get)(ACT_IF_INFO* info, int* index), ACT_IF_INFO& out) {
 int make_uid(char* uid, int size) {
   if (size < 1) return 0;
   char model[64] = "";
-  char mac3[mac3_len] = "";
+  char mac3[mac3_len + 1] = "";
   if (dev_get_model_name(model, sizeof(model)) == 0 || tessel_get_mac3(mac3, sizeof(mac3)) == 0) return 0;
-  terminate(model);
-  terminate(mac3);
-  constexpr int model_room = static_cast<int>(uid_len - 1 - mac3_len);
-  format_text(uid, uid_len, "%.*s_%s", model_room, model, mac3);
+  constexpr int model_room = static_cast<int>(uid_len - sizeof("_") - mac3_len);
+  format_text(uid, uid_len, "%.*s_%.*s", model_room, model, mac3_len, mac3);  // whether they are terminated or not
   return 1;
 }
 

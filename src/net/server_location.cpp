@@ -30,7 +30,7 @@ bool resolve(const char* host, char* ip) {
 
 int get_proxy_addr(char* ip, char* port) {
   char host[name_len] = "";
-  int number = 0;
+  int number{};
   net_get_proxy_addr_port(host, &number);
   terminate(host);
   if (std::strlen(host) < min_proxy_name || number < 1) return 0;
@@ -61,8 +61,7 @@ int resolve_redirect_server(char* ip) {
   debug_log("get name failed\n");
   char remembered[name_len] = "";
   const int known = get_redirsrv_ip(remembered);
-  terminate(remembered);
-  copy_text(ip, ip_len, remembered);
+  copy_bytes(ip, ip_len, remembered, sizeof(remembered));
   if (known == 0) return 0;
   debug_log("use addr=%s\n", ip);
   return 1;

@@ -41,7 +41,7 @@ TEST(DebugLog, FormatsByItself) {
   const std::string long_text(3000, 'x');
   const char* endless = long_text.c_str();
   const Row rows[] = {
-      {[] { say("%d %d %d|", INT_MIN, INT_MAX, 0); }, "-2147483648 2147483647 0|"},
+      {[] { say("d%d %d %d %d|", INT_MIN, -7, 0, INT_MAX); }, "d-2147483648 -7 0 2147483647|"},
       {[] { say("[%s]", static_cast<const char*>(nullptr)); }, "[(null)]"},
       {[] { say("[%s:%c]", "ab", 'o'); }, "[ab:o]"},
       {[] { say("%x=%d", 5); }, "x=5"},
@@ -146,11 +146,29 @@ TEST_F(LogFile, WhatSomebodyElseLaidThereIsNeverWritten) {
   });
 }
 
-TEST(Texts, AFormatTellsWhatDidNotFit) {
-  char text[4];
-  EXPECT_EQ(format_text(text, sizeof(text), "%s", "abc"), 3);
-  EXPECT_EQ(format_text(text, sizeof(text), "%s", "abcd"), -1);
-  EXPECT_STREQ(text, "abc");
+TEST(Texts, ACopyAndAFormatTellWhatDidNotFit) {
+  const struct {
+    const char* from;
+    std::size_t len;
+    bool fits;
+    const char* text;
+    int formatted;
+  } rows[] = {{"", 0, true, "", 0},
+              {"abc", 3, true, "abc", 3},
+              {"abcd", 3, true, "abc", -1},
+              {"abcd", 4, false, "abc", -1},
+              {"ab\0d", 4, true, "ab", 2}};
+  for (const auto& row : rows) {
+    char text[] = {'z', 'z', 'z', 'z'};
+    EXPECT_EQ(copy_bytes(text, sizeof(text), row.from, row.len), row.fits) << row.from << row.len;
+    EXPECT_STREQ(text, row.text);
+    EXPECT_EQ(format_text(text, sizeof(text), "%s", row.from), row.formatted);
+  }
+  char one[random_digits_len + 1], other[random_digits_len + 1];
+  random_digits6(one);
+  usleep(1);
+  random_digits6(other);
+  EXPECT_STRNE(one, other);
 }
 
 TEST(Console, AReaderThatDoesNotReadCostsLinesAndNoTime) {
