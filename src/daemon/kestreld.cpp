@@ -105,8 +105,10 @@ int run_daemon() {
   if (init_signals()) {
     settings.release();
   } else {
-    // They stay held back: without a handler a changed setting would end the daemon.
     debug_log("init signal failed!\n");
+    // Held back for good: without a handler a changed setting would end the daemon.
+    sigaddset(&settings.before, SIGUSR1);
+    sigaddset(&settings.before, SIGUSR2);
   }
   start_finder(current_record);
   // A signal that was held back until now must not cut the wait short, but an exit request skips it.

@@ -1,10 +1,13 @@
 // Start-up, main loop and shutdown: run_daemon in a process of its own, with the fake platform, fake waits and the
 // states replaced. Whatever happens is printed to standard output in order: platform calls as "> call".
+#include <dlfcn.h>
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <string_view>
 
 #include "core/device_context.h"
 #include "core/wait.h"
@@ -21,6 +24,13 @@ namespace {
 std::function<void(DeviceContext&)> on_start;  // the handler of START
 std::function<void()> on_install;
 std::atomic<bool> finder_done{false};
+std::string_view failing;
+
+/// The function that one of the same name here stands before.
+template <typename Function>
+Function* behind(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
 
 void tell(const std::string& text) {
   const std::string line = text + "\n";
@@ -35,7 +45,22 @@ void await_finder() {
 
 }  // namespace
 
-// In the place of the state table and the finder.
+// In the place of the C library's, of which one may fail; then of the state table and the finder.
+
+extern "C" {
+
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+  return failing == "signal" ? SIG_ERR : behind(&signal, "signal")(number, handler);
+}
+int sigaction(int number, const struct sigaction* action, struct sigaction* old) noexcept {
+  return failing == "sigaction" && number == SIGUSR1 ? -1 : behind(&sigaction, "sigaction")(number, action, old);
+}
+int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) noexcept {
+  const bool fails = failing == "pthread_sigmask" && gettid() != getpid();
+  return fails ? EINVAL : behind(&pthread_sigmask, "pthread_sigmask")(how, set, old);
+}
+
+}  // extern "C"
 
 void install_handlers(DeviceContext& ctx) {
   tell("install_handlers");
@@ -147,6 +172,37 @@ TEST_F(StartUp, ASecondInstanceSaysSoAndTouchesNothing) {
   EXPECT_EQ(child.status, 1);
   EXPECT_EQ(child.err, "kestreld: Process already running!\r\n");
   EXPECT_EQ(child.out, "> tessel_get_lock kestreld_lock\n");
+}
+
+TEST_F(StartUp, GoesOnWithoutWhatTheSystemRefuses) {
+  struct Row {
+    const char* function;
+    int status;
+    const char* line;
+    std::size_t finders;
+  };
+  const Row rows[] = {
+      {"signal", 1, "", 0},
+      {"sigaction", 0, "KLOGinit signal failed!\ntake_auth", 1},
+      {"pthread_sigmask", 0, ", iSigMaskResult = 22(Invalid argument) \n", 0},
+  };
+  for (const Row& row : rows) {
+    on_start = [](DeviceContext& ctx) {
+      if (failing == "sigaction") raise(SIGUSR1), raise(SIGUSR2);
+      EXPECT_EQ(ctx.dev_reload + ctx.configure, 0U);
+      raise(SIGTERM);
+    };
+    const Child child = run_child([&] {
+      failing = row.function;
+      finder_done = failing == "pthread_sigmask";
+      errno = EPERM;
+      return run_daemon();
+    });
+    EXPECT_EQ(child.status, row.status) << row.function << child.out;
+    EXPECT_EQ(child.err, row.status != 0 ? "signal: Operation not permitted\n" : "");
+    EXPECT_NE(child.out.find(row.line), child.out.npos) << child.out;
+    EXPECT_EQ(count(child.out, "finder: CST"), row.finders);
+  }
 }
 
 TEST_F(StartUp, ALevelCountsOnlyWithTheToken) {
