@@ -111,21 +111,17 @@ bool rotation_is_due() {
 /// The file for one line, which is counted. A thread that finds another one rotating, and a handler that
 /// interrupts the rotation, take what is there: a second rotation would lose the first one's lines.
 int open_for_line() {
-  int fd = -1;
   if (!rotation_is_due()) {
-    fd = open_own();
+    int fd = open_own();
     if (fd < 0) fd = open_fresh();
     if (fd >= 0) ++line_count;
     return fd;
   }
   if (rotating.exchange(true)) return open_own();
-  if (rotation_is_due()) {
-    if (access(debug_log_path, R_OK) == 0) rename(debug_log_path, debug_log_old_path);
-    fd = open_fresh();
-    if (fd >= 0) line_count = 1;
-  } else {
-    fd = open_own();
-  }
+  const bool still_due = rotation_is_due();
+  if (still_due && access(debug_log_path, R_OK) == 0) rename(debug_log_path, debug_log_old_path);
+  const int fd = still_due ? open_fresh() : open_own();
+  if (still_due && fd >= 0) line_count = 1;
   rotating = false;
   return fd;
 }

@@ -300,6 +300,17 @@ TEST_F(StartUp, EachSignalBeforeAndBehindItsHandler) {
   }
 }
 
+TEST_F(StartUp, TheExitsStateHasNoHandler) {
+  on_start = [](DeviceContext& ctx) {
+    set_state(ctx, UNKNOWN);  // its run is yet to be cleared
+    signal(SIGALRM, [](int) { raise(SIGTERM); });
+    ualarm(20'000, 0);
+  };
+  const Child child = run();
+  EXPECT_EQ(child.status, 0);
+  EXPECT_EQ(count(child.out, "\nhandler\n"), 1U);
+}
+
 TEST_F(StartUp, ClosedStandardDescriptorsLeadNowhere) {
   on_start = [](DeviceContext&) {
     struct stat null {
