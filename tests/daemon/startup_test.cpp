@@ -44,6 +44,11 @@ void await_finder() {
   for (int i = 0; i < 10'000 && !finder_done; ++i) nanosleep(&ms, nullptr);
 }
 
+/// What the finder's thread logs comes in its own time, also behind finder_done.
+void await_output(const char* text) {
+  for (int i = 0; i < 1000 && read_file("/proc/self/fd/1").find(text) == std::string::npos; ++i) usleep(10'000);
+}
+
 }  // namespace
 
 // In the place of the C library's, of which one may fail; then of the state table and the finder.
@@ -137,6 +142,7 @@ class StartUp : public FakeTest {
 
 TEST_F(StartUp, StepsComeInTheirOrder) {
   on_start = [](DeviceContext& ctx) {
+    await_output("terminated!");
     struct sigaction pipe {};
     sigaction(SIGPIPE, nullptr, &pipe);
     tell(pipe.sa_handler == SIG_IGN ? "SIGPIPE ignored" : "SIGPIPE open");
@@ -186,8 +192,7 @@ TEST_F(StartUp, GoesOnWithoutWhatTheSystemRefuses) {
   };
   for (const Row& row : rows) {
     on_start = [&](DeviceContext& ctx) {
-      // The finder's thread says so in its own time.
-      for (int i = 0; i < 1000 && read_file("/proc/self/fd/1").find(row.line) == std::string::npos; ++i) usleep(10'000);
+      await_output(row.line);
       if (failing == "sigaction") raise(SIGUSR1), raise(SIGUSR2);
       EXPECT_EQ(ctx.dev_reload + ctx.configure, 0U);
       raise(SIGTERM);
