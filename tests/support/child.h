@@ -1,6 +1,7 @@
 // Runs a piece of a test in a process of its own, and keeps what it prints.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -45,6 +46,7 @@ inline double seconds_of(const std::function<void()>& work) {
 inline Child run_child(const std::function<int()>& work) {
   const int out = memfd_create("out", 0);
   const int err = memfd_create("err", 0);
+  for (const int file : {out, err}) fcntl(file, F_SETFL, O_APPEND);  // two threads' lines would overwrite each other
   std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
