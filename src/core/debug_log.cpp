@@ -16,21 +16,21 @@
 
 namespace kestrel {
 
-int DbgLevel = 0;
+int DbgLevel;
 
 namespace {
 
 constexpr std::size_t line_len = 2048;     // bytes, terminator included
 constexpr std::size_t scratch_len = 1536;  // bytes of one "%s", terminator included
 
-/// Lines in the current log file; 0 rotates before the next line.
-std::atomic<int> line_count{0};
+/// Lines in the current log file. It counts as full at the start: what an earlier run left is moved away.
+std::atomic<int> line_count{debug_log_max_lines};
 std::atomic<bool> rotating{false};
 static_assert(std::atomic<int>::is_always_lock_free);
 
 struct Line {
-  char text[line_len];
-  std::size_t len;
+  std::size_t len = 0;
+  char text[line_len];  // left as it is behind len
 };
 
 void put_char(Line& line, char c) {
@@ -44,13 +44,16 @@ void put_text(Line& line, const char* text, std::size_t limit) {
 void put_decimal(Line& line, int value) {
   char digits[12];
   std::size_t i = sizeof(digits);
-  unsigned rest = value < 0 ? 0U - static_cast<unsigned>(value) : static_cast<unsigned>(value);
+  auto rest = static_cast<unsigned>(value);
+  if (value < 0) {
+    put_char(line, '-');
+    rest = 0U - rest;
+  }
   do {
     const unsigned tens = quotient<10>(rest);
     digits[--i] = static_cast<char>('0' + (rest - 10 * tens));
     rest = tens;
   } while (rest != 0);
-  if (value < 0) put_char(line, '-');
   put_text(line, digits + i, sizeof(digits) - i);
 }
 
@@ -78,27 +81,20 @@ int console_fd[] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 
 /// A reader that does not read, or a stopped terminal, costs the line and never the daemon.
 void write_console(int stream, const Line& line) {
-  pollfd ready{console_fd[stream], POLLOUT, 0};
+  pollfd ready{console_fd[stream], POLLOUT, {}};
   if (poll(&ready, 1, 0) == 1) static_cast<void>(!write(ready.fd, line.text, line.len));
-}
-
-void rotate() {
-  const int fd = open(debug_log_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return;
-  close(fd);
-  unlink(debug_log_old_path);
-  rename(debug_log_path, debug_log_old_path);
 }
 
 /// The present file, when it is ours and nobody else's to read; passwords are logged. Never through a link.
 int open_own() {
   const int fd = open(debug_log_path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   struct stat status {};
-  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
-      (status.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
+  // What could not be opened fails here, too.
+  if (fstat(fd, &status) == 0 && status.st_uid == geteuid() &&
+      (status.st_mode & (S_IFMT | S_IRWXG | S_IRWXO)) == S_IFREG) {
     return fd;
   }
-  if (fd >= 0) close(fd);
+  close(fd);
   return -1;
 }
 
@@ -108,79 +104,49 @@ int open_fresh() {
   return open(debug_log_path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
 }
 
-/// A full disk cuts the line; the next one finds room or does not.
-void write_all(int fd, const char* text, std::size_t len) {
-  while (len > 0) {
-    const ssize_t n = write(fd, text, len);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    text += n;
-    len -= static_cast<std::size_t>(n);
-  }
-}
-
 bool rotation_is_due() {
-  return line_count == 0 || line_count >= debug_log_max_lines;
+  return line_count >= debug_log_max_lines;
 }
 
 /// The file for one line, which is counted. A thread that finds another one rotating, and a handler that
 /// interrupts the rotation, take what is there: a second rotation would lose the first one's lines.
 int open_for_line() {
-  int fd = -1;
   if (!rotation_is_due()) {
-    fd = open_own();
+    int fd = open_own();
     if (fd < 0) fd = open_fresh();
     if (fd >= 0) ++line_count;
     return fd;
   }
   if (rotating.exchange(true)) return open_own();
-  if (rotation_is_due()) {
-    rotate();
-    fd = open_fresh();
-    if (fd >= 0) line_count = 1;
-  } else {
-    fd = open_own();
-  }
+  const bool still_due = rotation_is_due();
+  if (still_due && access(debug_log_path, R_OK) == 0) rename(debug_log_path, debug_log_old_path);
+  const int fd = still_due ? open_fresh() : open_own();
+  if (still_due && fd >= 0) line_count = 1;
   rotating = false;
   return fd;
 }
 
-/// Opened for every line, so that the file can be taken away at any time.
+/// Opened for every line, so that the file can be taken away at any time. A full disk cuts the line; the next one
+/// finds room or does not.
 void write_file(const Line& line) {
   const int fd = open_for_line();
   if (fd < 0) return;
-  write_all(fd, line.text, line.len);
+  static_cast<void>(!write(fd, line.text, line.len));
   close(fd);
 }
 
-void begin_line(Line& line, const char* start) {
-  line.len = 0;
-  put_text(line, start, line_len);
-}
+constexpr int standard_error = 2;  // beside DbgLevel's bits, one that it does not have
 
-/// A frame of its own, so that a line that is not logged needs none of its size. `where` are DbgLevel's bits.
+/// A frame of its own, so that a line that is not logged needs none of its size. `where` are DbgLevel's bits, or
+/// standard_error.
 [[gnu::noinline]] void say(int where, const char* start, const char* format, va_list args) {
   const int saved_errno = errno;
   Line line;
-  begin_line(line, start);
+  put_text(line, start, line_len);
   format_line(line, format, args);
+  if ((where & standard_error) != 0) write_console(STDERR_FILENO, line);
   if ((where & debug_console) != 0) write_console(STDOUT_FILENO, line);
   if ((where & debug_file) != 0) write_file(line);
-  errno = saved_errno;
-}
-
-constexpr int no_reason = -1;
-
-void write_error(const char* text, int reason) {
-  const int saved_errno = errno;
-  Line line;
-  begin_line(line, text);
-  if (reason != no_reason) {
-    put_text(line, ": ", 2);
-    put_text(line, std::strerror(reason), scratch_len);
-    put_char(line, '\n');
-  }
-  write_console(STDERR_FILENO, line);
   errno = saved_errno;
 }
 
@@ -199,11 +165,12 @@ void never_wait_for_console() {
 
 int debug_log(const char* format, ...) {
   // Most cameras log nothing: that is over before anything is done.
-  if ((DbgLevel & (debug_console | debug_file)) == 0) return 0;
-  va_list args;
-  va_start(args, format);
-  say(DbgLevel, "KLOG", format, args);
-  va_end(args);
+  if (const int where = DbgLevel & (debug_console | debug_file); where != 0) {
+    va_list args;
+    va_start(args, format);
+    say(where, "KLOG", format, args);
+    va_end(args);
+  }
   return 0;
 }
 
@@ -214,12 +181,15 @@ void print_console(const char* format, ...) {
   va_end(args);
 }
 
-void print_error_text(const char* text) {
-  write_error(text, no_reason);
+void print_error_text(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  say(standard_error, "", format, args);
+  va_end(args);
 }
 
 void print_error(const char* what) {
-  write_error(what, errno);
+  print_error_text("%s: %s\n", what, std::strerror(errno));
 }
 
 }  // namespace kestrel

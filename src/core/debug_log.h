@@ -35,8 +35,8 @@ constexpr int debug_log_max_lines = 1000;
 /// waits for a reader. Once, at start-up, before there are threads. Sockets and files are left as they are.
 void never_wait_for_console();
 
-/// Prints a text to standard error as it stands, and never waits for a reader either.
-void print_error_text(const char* text);
+/// Prints to standard error as print_console does to standard output, and never waits for a reader either.
+[[gnu::format(printf, 1, 2)]] void print_error_text(const char* format, ...);
 
 /// Prints "what: " and errno's text to standard error, as perror does, but never waits for a reader: a line that
 /// cannot be written at once is dropped. Async-signal-safe but for strerror; keeps errno.

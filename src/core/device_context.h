@@ -106,8 +106,8 @@ struct DeviceContext {
 static_assert(std::is_trivially_copyable_v<DeviceContext>);
 
 /// The two records. Zero until start-up sets `last` of the current one.
-extern DeviceContext current_record;
-extern DeviceContext last_record;
+inline DeviceContext current_record{};
+inline DeviceContext last_record{};
 
 /// True once SIGTERM or SIGINT came: nothing is begun any more that takes time.
 inline bool exit_requested(const DeviceContext& ctx = current_record) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
 
 #include "core/debug_log.h"
 
@@ -9,15 +10,7 @@ namespace kestrel {
 
 /// What one conversion takes: "%d" an int, "%s" a text.
 template <char Conversion>
-struct LogArgument;
-template <>
-struct LogArgument<'d'> {
-  using type = int;
-};
-template <>
-struct LogArgument<'s'> {
-  using type = const char*;
-};
+using LogArgument = std::conditional_t<Conversion == 'd', int, const char*>;
 
 /// Never defined: a call of it stops the compiler at a table's wrong text.
 void the_text_has_other_conversions();
@@ -25,6 +18,7 @@ void the_text_has_other_conversions();
 /// A text for debug_log with exactly these conversions in this order, or with none; a null text is not logged.
 template <char... Conversions>
 struct LogFormat {
+  static_assert(((Conversions == 'd' || Conversions == 's') && ...));
   const char* text = nullptr;
 
   constexpr LogFormat() = default;
@@ -35,14 +29,13 @@ struct LogFormat {
     for (const char* at = format; *at != '\0'; ++at) {
       if (*at == '%' && *++at != wanted[found++]) the_text_has_other_conversions();
     }
-    const bool none = found == 0;
-    if (!none && found != sizeof...(Conversions)) the_text_has_other_conversions();
+    if (found != 0 && found != sizeof...(Conversions)) the_text_has_other_conversions();
   }
 };
 
 /// Logs a text of a table, when there is one. Never inlined: its callers are many, and the daemon is to be small.
 template <char... Conversions>
-[[gnu::noinline]] void log_if(LogFormat<Conversions...> format, typename LogArgument<Conversions>::type... args) {
+[[gnu::noinline]] void log_if(LogFormat<Conversions...> format, LogArgument<Conversions>... args) {
   if (format.text == nullptr) return;
   if constexpr (sizeof...(Conversions) == 0) {
     debug_log("%s", format.text);

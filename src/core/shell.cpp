@@ -75,12 +75,13 @@ pid_t spawn(const char* command) {
 void run_shell(const char* command) {
   reap_left();
   const pid_t pid = spawn(command);
-  for (int look = 0; pid > 0 && look < looks; ++look) {
+  if (pid < 0) return;
+  for (int look = 0; look < looks; ++look) {
     if (waitpid(pid, nullptr, WNOHANG) != 0) return;
     if (exit_requested() && look >= exit_looks) break;
     poll(nullptr, 0, look_ms);
   }
-  if (pid > 0) leave(pid);
+  leave(pid);
 }
 
 }  // namespace kestrel

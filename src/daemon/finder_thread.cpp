@@ -16,18 +16,14 @@ namespace {
 
 constexpr char module_name[] = "kestreld";
 
-/// Signals are the main thread's: they end its waits and write its record.
-int block_signals() {
-  sigset_t all;
-  sigfillset(&all);
-  return pthread_sigmask(SIG_BLOCK, &all, nullptr);
-}
-
 }  // namespace
 
 void* finderd_thread(void* context) {
   pthread_detach(pthread_self());
-  const int blocked = block_signals();
+  // Signals are the main thread's: they end its waits and write its record.
+  sigset_t all;
+  sigfillset(&all);
+  const int blocked = pthread_sigmask(SIG_BLOCK, &all, nullptr);
   if (blocked != 0) {
     // This line and the last one speak of other subsystems. Readers of logs know them so; they stay.
     debug_log("%s %d pthread_exit: PlayAudio thread id = %d, iSigMaskResult = %d(%s) \n", module_name, __LINE__,

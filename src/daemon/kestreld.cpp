@@ -28,33 +28,13 @@ constexpr unsigned start_up_s = 6;  // for the camera's other daemons and its ne
 constexpr std::size_t token_len = 32;
 constexpr char debug_token[] = "mObRaKiV";
 
-bool take_lock() {
-  if (tessel_get_lock("kestreld_lock") != 0) return true;
-  print_error_text("kestreld: Process already running!\r\n");
-  return false;
-}
-
 /// Standard descriptors that were handed down closed lead nowhere: the lock or a socket in their place would take
 /// console text.
 void fill_standard_descriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     // The lowest that is free is the one that was missing.
-    if (fcntl(fd, F_GETFD) >= 0) continue;
-    const int opened = open("/dev/null", O_RDWR);
-    if (opened > STDERR_FILENO) close(opened);
+    if (fcntl(fd, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDWR));
   }
-}
-
-/// Installs the handlers, and lets the settings' signals through.
-void take_signals(SignalsBlocked& settings) {
-  if (init_signals()) {
-    settings.release();
-    return;
-  }
-  debug_log("init signal failed!\n");
-  // Held back for good: without a handler a changed setting would end the daemon.
-  sigaddset(&settings.before, SIGUSR1);
-  sigaddset(&settings.before, SIGUSR2);
 }
 
 /// A configured level has effect only together with the right token.
@@ -107,22 +87,29 @@ int run_daemon() {
 #ifdef M_ARENA_MAX
   mallopt(M_ARENA_MAX, 1);  // two threads that allocate once in a while need no heap each
 #endif
-  upnp_found_at_init = 0;
   if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
     print_error("signal");
     return 1;
   }
-  if (!take_lock()) return 1;
+  if (tessel_get_lock("kestreld_lock") == 0) {
+    print_error_text("kestreld: Process already running!\r\n");
+    return 1;
+  }
   settle_debug_level();
   debug_log("\nLumen device 1.2\n");
   debug_log("The kestreld authors\n");
   debug_log("Starting.......\n");
-  zero(current_record);
-  zero(last_record);
   current_record.last = &last_record;
   state_init(current_record);
   debug_log("user name=(%s)\n", current_record.auth_info.user);
-  take_signals(settings);
+  if (init_signals()) {
+    settings.release();
+  } else {
+    debug_log("init signal failed!\n");
+    // Held back for good: without a handler a changed setting would end the daemon.
+    sigaddset(&settings.before, SIGUSR1);
+    sigaddset(&settings.before, SIGUSR2);
+  }
   start_finder(current_record);
   // A signal that was held back until now must not cut the wait short, but an exit request skips it.
   wait_arm();

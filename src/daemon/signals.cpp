@@ -1,5 +1,4 @@
 // The signals, see kestreld.h. A handler logs, stores its words, and ends the wait that it interrupts.
-#include <array>
 #include <csignal>
 
 #include "core/debug_log.h"
@@ -12,26 +11,23 @@ namespace kestrel {
 
 namespace {
 
-struct SignalRow {
+constexpr struct {
   int signal;
   void (*handler)(int);
-};
-
-constexpr std::array<SignalRow, 4> signal_rows = {{
+} signal_rows[] = {
     {SIGTERM, signalRequestExit},
     {SIGINT, signalRequestExit},
     {SIGUSR1, requestReloadHandler},
     {SIGUSR2, requestConfigure},
-}};
+};
 
 }  // namespace
 
 bool init_signals() {
-  for (const SignalRow& row : signal_rows) {
+  for (const auto& row : signal_rows) {
     struct sigaction action {};
     action.sa_handler = row.handler;
     action.sa_flags = SA_RESTART;
-    sigemptyset(&action.sa_mask);
     if (sigaction(row.signal, &action, nullptr) != 0) return false;
   }
   return true;

@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 
-#include <array>
 #include <cstdint>
 
 #include "core/device_context.h"
@@ -15,37 +14,28 @@ namespace kestrel {
 
 namespace {
 
-struct PrivateRange {
-  std::uint32_t first;  // host byte order
-  std::uint32_t last;
+constexpr struct {
+  char first[ip_len];
+  char last[ip_len];
+} private_ranges[] = {
+    {"10.0.0.0", "10.255.255.255"},
+    {"172.16.0.0", "172.31.255.255"},
+    {"192.168.0.0", "192.168.255.255"},
 };
 
-/// A dotted text as a number, read by the compiler.
-consteval std::uint32_t number_of(const char* dotted) {
-  std::uint32_t above = 0;
-  std::uint32_t byte = 0;
-  for (; *dotted != '\0'; ++dotted) {
-    if (*dotted == '.') above = (above | byte) << 8;
-    byte = *dotted == '.' ? 0 : 10 * byte + static_cast<std::uint32_t>(*dotted - '0');
-  }
-  return above | byte;
+/// A dotted text as a number; of a text that is none all ones.
+std::uint32_t number_of(const char* dotted) {
+  return ntohl(inet_addr(dotted));
 }
 
-constexpr std::array<PrivateRange, 3> private_ranges = {{
-    {number_of("10.0.0.0"), number_of("10.255.255.255")},
-    {number_of("172.16.0.0"), number_of("172.31.255.255")},
-    {number_of("192.168.0.0"), number_of("192.168.255.255")},
-}};
-static_assert(private_ranges[1].last == 0xAC1FFFFF);
-
-constexpr std::size_t mac3_len = 7;  // six characters and the terminator
+constexpr int mac3_len = 6;
 
 }  // namespace
 
 int is_private_ip(const char* ip) {
-  const std::uint32_t address = ntohl(inet_addr(ip));
-  for (const PrivateRange& range : private_ranges) {
-    if (address >= range.first && address <= range.last) return 1;
+  const std::uint32_t address = number_of(ip);
+  for (const auto& range : private_ranges) {
+    if (address >= number_of(range.first) && address <= number_of(range.last)) return 1;
   }
   return 0;
 }
@@ -70,12 +60,10 @@ int first_iface(int (*get)(ACT_IF_INFO* info, int* index), ACT_IF_INFO& out) {
 int make_uid(char* uid, int size) {
   if (size < 1) return 0;
   char model[64] = "";
-  char mac3[mac3_len] = "";
+  char mac3[mac3_len + 1] = "";
   if (dev_get_model_name(model, sizeof(model)) == 0 || tessel_get_mac3(mac3, sizeof(mac3)) == 0) return 0;
-  terminate(model);
-  terminate(mac3);
-  constexpr int model_room = static_cast<int>(uid_len - 1 - mac3_len);
-  format_text(uid, uid_len, "%.*s_%s", model_room, model, mac3);
+  constexpr int model_room = static_cast<int>(uid_len - sizeof("_") - mac3_len);
+  format_text(uid, uid_len, "%.*s_%.*s", model_room, model, mac3_len, mac3);  // whether they are terminated or not
   return 1;
 }
 

@@ -19,27 +19,25 @@ namespace {
 constexpr std::size_t name_len = 64;       // host and domain names, terminator included
 constexpr std::size_t min_proxy_name = 4;  // characters; a shorter name means that none is configured
 
-/// The first IPv4 address of a host name as dotted text; false when it does not resolve.
-bool resolve(const char* host, char (&ip)[ip_len]) {
+/// The first IPv4 address of a host name as dotted text; false when it does not resolve, and `ip` is then untouched.
+bool resolve(const char* host, char* ip) {
   const hostent* answer = gethostbyname(host);  // NOLINT(concurrency-mt-unsafe): main thread only
   if (answer == nullptr || answer->h_addrtype != AF_INET || answer->h_addr_list[0] == nullptr) return false;
-  return inet_ntop(AF_INET, answer->h_addr_list[0], ip, sizeof(ip)) != nullptr;
+  return inet_ntop(AF_INET, answer->h_addr_list[0], ip, ip_len) != nullptr;
 }
 
 }  // namespace
 
 int get_proxy_addr(char* ip, char* port) {
   char host[name_len] = "";
-  int number = 0;
+  int number{};
   net_get_proxy_addr_port(host, &number);
   terminate(host);
   if (std::strlen(host) < min_proxy_name || number < 1) return 0;
-  char found[ip_len];
-  if (!resolve(host, found)) {
+  if (!resolve(host, ip)) {
     debug_log("can not get proxy ip by name.\n");
     return 0;
   }
-  copy_text(ip, ip_len, found);
   format_text(port, port_len, "%d", number);
   debug_log("proxy addr=%s:%s\n", ip, port);
   return 1;
@@ -55,18 +53,15 @@ int resolve_redirect_server(char* ip) {
   if (tessel_get_skyport_url(domain, host) == 0) return 0;
   terminate(host);
   debug_log("rdurl=%s\n", host);
-  char found[ip_len];
-  if (resolve(host, found)) {
-    copy_text(ip, ip_len, found);
-    debug_log("redirip=%s, gethostbyname_addr=%s\n", stored, found);
-    if (std::strcmp(stored, found) != 0) set_redirsrv_ip(found);
+  if (resolve(host, ip)) {
+    debug_log("redirip=%s, gethostbyname_addr=%s\n", stored, ip);
+    if (std::strcmp(stored, ip) != 0) set_redirsrv_ip(ip);
     return 1;
   }
   debug_log("get name failed\n");
   char remembered[name_len] = "";
   const int known = get_redirsrv_ip(remembered);
-  terminate(remembered);
-  copy_text(ip, ip_len, remembered);
+  copy_bytes(ip, ip_len, remembered, sizeof(remembered));
   if (known == 0) return 0;
   debug_log("use addr=%s\n", ip);
   return 1;

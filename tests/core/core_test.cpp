@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <filesystem>
 #include <thread>
 
 #include "core/debug_log.h"
@@ -41,7 +42,8 @@ TEST(DebugLog, FormatsByItself) {
   const std::string long_text(3000, 'x');
   const char* endless = long_text.c_str();
   const Row rows[] = {
-      {[] { say("%d %d|", INT_MIN, INT_MAX); }, "-2147483648 2147483647|"},
+      {[] { say("d%d %d %d %d|", INT_MIN, -7, 0, INT_MAX); }, "d-2147483648 -7 0 2147483647|"},
+      {[] { say("[%s]", static_cast<const char*>(nullptr)); }, "[(null)]"},
       {[] { say("[%s:%c]", "ab", 'o'); }, "[ab:o]"},
       {[] { say("%x=%d", 5); }, "x=5"},
       {[] { say("%lu %8.8d% d%-s", 9); }, "lu 8.8d d-s"},
@@ -89,12 +91,10 @@ TEST_F(LogFile, TheLevelsBitsChooseWhereLinesGo) {
 TEST_F(LogFile, RotatesAtTheFirstLineAndAfterAThousand) {
   in_own_tmp([] {
     DbgLevel = debug_file;
+    close(STDIN_FILENO);  // a descriptor of 0 serves as well
     write_file(debug_log_path, "before\n");
     write_file(debug_log_old_path, "older\n");
-    debug_log("%d\n", 1);
-    EXPECT_EQ(old(), "before\n");
-    EXPECT_EQ(current(), "KLOG1\n");
-    for (int i = 2; i <= 1000; ++i) debug_log("%d\n", i);
+    for (int i = 1; i <= 1000; ++i) debug_log("%d\n", i);
     EXPECT_EQ(old(), "before\n");
     EXPECT_EQ(lines(current()), 1000);
     const std::string thousand = current();
@@ -104,60 +104,72 @@ TEST_F(LogFile, RotatesAtTheFirstLineAndAfterAThousand) {
     unlink(debug_log_path);
     debug_log("taken away\n");
     EXPECT_EQ(current(), "KLOGtaken away\n");
-    struct stat status {};
-    stat(debug_log_path, &status);
-    EXPECT_EQ(status.st_mode & 0777, 0600U);
   });
 }
 
 TEST_F(LogFile, WhatSomebodyElseLaidThereIsNeverWritten) {
   in_own_tmp([] {
     DbgLevel = debug_file;
-    const auto mode = [] {
-      struct stat status {};
-      stat(debug_log_path, &status);
-      return status.st_mode & 0777;
+    const auto lay_file = [](mode_t mode, uid_t owner) {
+      write_file(debug_log_path, "");
+      return chmod(debug_log_path, mode) == 0 && chown(debug_log_path, owner, owner) == 0;
     };
-    // A file that everybody may read, and a directory that keeps it from being moved away.
+    const std::function<bool()> rows[] = {
+        [=] { return lay_file(0666, geteuid()); },  // for everybody to read, at the first line
+        [=] { return lay_file(0640, geteuid()); },
+        [=] { return lay_file(0604, geteuid()); },
+        [] { return symlink("/tmp/victim", debug_log_path) == 0; },
+        [] { return mkfifo(debug_log_path, 0600) == 0; },
+        [=] { return lay_file(0600, 1); },  // takes a privilege
+    };
+    // A directory keeps the first one from being moved away.
     ASSERT_EQ(mkdir(debug_log_old_path, 0777), 0);
     write_file(std::string(debug_log_old_path) + "/x", "");
-    for (const char* text : {"first\n", "second\n"}) {
-      write_file(debug_log_path, "");
-      chmod(debug_log_path, 0666);
-      const int reader = open(debug_log_path, O_RDONLY);
-      debug_log(text, 0);
-      EXPECT_EQ(current(), std::string("KLOG") + text);
-      EXPECT_EQ(mode(), 0600U);
+    write_file("/tmp/victim", "");
+    const auto descriptors = [] { return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/fd")); };
+    const auto before = descriptors();
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+      unlink(debug_log_path);
+      if (!rows[i]()) continue;
+      const int reader = open(debug_log_path, O_RDONLY | O_NONBLOCK);
+      errno = EDOM;
+      EXPECT_EQ(debug_log("%d\n", static_cast<int>(i)), 0);
+      EXPECT_EQ(errno, EDOM);
+      EXPECT_EQ(current(), "KLOG" + std::to_string(i) + "\n");
+      struct stat status {};
+      stat(debug_log_path, &status);
+      EXPECT_EQ(status.st_mode, 0100600U) << i;
       char seen = 0;
-      EXPECT_EQ(read(reader, &seen, 1), 0);
+      EXPECT_LE(read(reader, &seen, 1), 0) << i;
       close(reader);
+      EXPECT_EQ(descriptors(), before) << i;
     }
-    unlink(debug_log_path);
-    write_file("/tmp/victim", "precious\n");
-    ASSERT_EQ(symlink("/tmp/victim", debug_log_path), 0);
-    errno = EDOM;
-    EXPECT_EQ(debug_log("linked\n"), 0);
-    EXPECT_EQ(errno, EDOM);
-    EXPECT_EQ(read_file("/tmp/victim"), "precious\n");
-    unlink(debug_log_path);
-    ASSERT_EQ(mkfifo(debug_log_path, 0600), 0);
-    const int fifo = open(debug_log_path, O_RDONLY | O_NONBLOCK);
-    debug_log("third\n");
-    EXPECT_EQ(current(), "KLOGthird\n");
-    close(fifo);
-    if (geteuid() != 0) return;
-    chmod(debug_log_path, 0600);
-    ASSERT_EQ(chown(debug_log_path, 1, 1), 0);
-    debug_log("fourth\n");
-    EXPECT_EQ(current(), "KLOGfourth\n");
   });
 }
 
-TEST(Texts, AFormatTellsWhatDidNotFit) {
-  char text[4];
-  EXPECT_EQ(format_text(text, sizeof(text), "%s", "abc"), 3);
-  EXPECT_EQ(format_text(text, sizeof(text), "%s", "abcd"), -1);
-  EXPECT_STREQ(text, "abc");
+TEST(Texts, ACopyAndAFormatTellWhatDidNotFit) {
+  const struct {
+    const char* from;
+    std::size_t len;
+    bool fits;
+    const char* text;
+    int formatted;
+  } rows[] = {{"", 0, true, "", 0},
+              {"abc", 3, true, "abc", 3},
+              {"abcd", 3, true, "abc", -1},
+              {"abcd", 4, false, "abc", -1},
+              {"ab\0d", 4, true, "ab", 2}};
+  for (const auto& row : rows) {
+    char text[] = {'z', 'z', 'z', 'z'};
+    EXPECT_EQ(copy_bytes(text, sizeof(text), row.from, row.len), row.fits) << row.from << row.len;
+    EXPECT_STREQ(text, row.text);
+    EXPECT_EQ(format_text(text, sizeof(text), "%s", row.from), row.formatted);
+  }
+  char one[random_digits_len + 1], other[random_digits_len + 1];
+  random_digits6(one);
+  usleep(1);
+  random_digits6(other);
+  EXPECT_STRNE(one, other);
 }
 
 TEST(Console, AReaderThatDoesNotReadCostsLinesAndNoTime) {
@@ -165,11 +177,19 @@ TEST(Console, AReaderThatDoesNotReadCostsLinesAndNoTime) {
     const Child child = run_child([of_its_own] {
       int ends[2];
       if (pipe(ends) != 0) return 1;
-      dup2(ends[1], STDOUT_FILENO);
-      dup2(ends[1], STDERR_FILENO);
-      if (of_its_own) never_wait_for_console();
+      const auto stream_to = [](int fd) {
+        dup2(fd, STDOUT_FILENO);
+        dup2(fd, STDERR_FILENO);
+      };
+      if (!of_its_own) never_wait_for_console();  // leaves files as they are
+      stream_to(ends[1]);
+      if (of_its_own) {
+        close(STDIN_FILENO);  // a descriptor of 0 serves as well
+        never_wait_for_console();
+        stream_to(open("/dev/null", O_WRONLY));
+      }
       DbgLevel = debug_console;
-      alarm(10);
+      alarm(5);
       for (int i = 0; i < 3000; ++i) {
         debug_log("%s\n", std::string(100, 'x').c_str());
         print_console("%d\n", i);
@@ -183,7 +203,7 @@ TEST(Console, AReaderThatDoesNotReadCostsLinesAndNoTime) {
       // It takes lines again.
       print_console("more\n");
       EXPECT_EQ(read(ends[0], seen.data(), seen.size()), 5);
-      EXPECT_EQ(fcntl(STDOUT_FILENO, F_GETFL) & O_NONBLOCK, 0);
+      EXPECT_EQ(fcntl(ends[1], F_GETFL) & O_NONBLOCK, 0);
       return 0;
     });
     EXPECT_EQ(child.status, 0) << of_its_own;

@@ -1,10 +1,14 @@
 // Start-up, main loop and shutdown: run_daemon in a process of its own, with the fake platform, fake waits and the
 // states replaced. Whatever happens is printed to standard output in order: platform calls as "> call".
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <string_view>
 
 #include "core/device_context.h"
 #include "core/wait.h"
@@ -21,6 +25,13 @@ namespace {
 std::function<void(DeviceContext&)> on_start;  // the handler of START
 std::function<void()> on_install;
 std::atomic<bool> finder_done{false};
+std::string_view failing;
+
+/// The function that one of the same name here stands before.
+template <typename Function>
+Function* behind(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
 
 void tell(const std::string& text) {
   const std::string line = text + "\n";
@@ -33,9 +44,29 @@ void await_finder() {
   for (int i = 0; i < 10'000 && !finder_done; ++i) nanosleep(&ms, nullptr);
 }
 
+/// What the finder's thread logs comes in its own time, also behind finder_done.
+void await_output(const char* text) {
+  for (int i = 0; i < 1000 && read_file("/proc/self/fd/1").find(text) == std::string::npos; ++i) usleep(10'000);
+}
+
 }  // namespace
 
-// In the place of the state table and the finder.
+// In the place of the C library's, of which one may fail; then of the state table and the finder.
+
+extern "C" {
+
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+  return failing == "signal" ? SIG_ERR : behind(&signal, "signal")(number, handler);
+}
+int sigaction(int number, const struct sigaction* action, struct sigaction* old) noexcept {
+  return failing == "sigaction" && number == SIGUSR1 ? -1 : behind(&sigaction, "sigaction")(number, action, old);
+}
+int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) noexcept {
+  const bool fails = failing == "pthread_sigmask" && gettid() != getpid();
+  return fails ? EINVAL : behind(&pthread_sigmask, "pthread_sigmask")(how, set, old);
+}
+
+}  // extern "C"
 
 void install_handlers(DeviceContext& ctx) {
   tell("install_handlers");
@@ -55,12 +86,8 @@ void Finderd_take_auth(const AuthenticateInfo& auth) {
 void Finderd_CST() {
   sigset_t blocked;
   pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-  bool all = true;
-  for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGUSR2, SIGALRM}) {
-    all = all && sigismember(&blocked, signal) == 1;
-  }
-  tell(all ? "finder: signals blocked" : "finder: signals open");
-  tell("finder: CST");
+  const bool both = sigismember(&blocked, SIGTERM) == 1 && sigismember(&blocked, SIGALRM) == 1;
+  tell(both ? "finder: CST, signals blocked" : "finder: CST, signals open");
 }
 int Finderd_init() {
   tell("finder: init");
@@ -115,6 +142,7 @@ class StartUp : public FakeTest {
 
 TEST_F(StartUp, StepsComeInTheirOrder) {
   on_start = [](DeviceContext& ctx) {
+    await_output("terminated!");
     struct sigaction pipe {};
     sigaction(SIGPIPE, nullptr, &pipe);
     tell(pipe.sa_handler == SIG_IGN ? "SIGPIPE ignored" : "SIGPIPE open");
@@ -125,14 +153,15 @@ TEST_F(StartUp, StepsComeInTheirOrder) {
   EXPECT_EQ(child.status, 0);
   EXPECT_EQ(child.err, "");
   expect_in_order(child.out, {"> tessel_get_lock kestreld_lock\n", "> dbg_get_level_token\n", "DbgLevel=(1)\n",
-                              "KLOG\nLumen device 1.2\n", "KLOG", "KLOGStarting.......\n", "> get_dev_sip_account\n",
-                              "> cre_set_skyport_hid HID00001\n", "> Mupnpcp_discover 8\n", "install_handlers\n",
-                              "KLOGuser name=(HID00001)\n", "take_auth HID00001\n", "> wait_regardless 6\n",
-                              "KLOGdev_reload(0)\n", "handler\n", "SIGPIPE ignored\n", "records linked\n",
-                              "KLOG signalRequestExit()\n", "> SetSptOnLineStatus 0\n"});
+                              "KLOG\nLumen device 1.2\n", "KLOGThe kestreld authors\n", "KLOGStarting.......\n",
+                              "> get_dev_sip_account\n", "> cre_set_skyport_hid HID00001\n", "> Mupnpcp_discover 8\n",
+                              "install_handlers\n", "KLOGuser name=(HID00001)\n", "take_auth HID00001\n",
+                              "> wait_regardless 6\n", "KLOGdev_reload(0)\n", "handler\n", "SIGPIPE ignored\n",
+                              "records linked\n", "KLOG signalRequestExit()\n", "> SetSptOnLineStatus 0\n"});
   EXPECT_TRUE(child.out.ends_with("> SetSptOnLineStatus 0\n")) << child.out;
-  expect_in_order(child.out, {"take_auth", "New finderd_thread pid:", "finder: signals blocked\n", "finder: CST\n",
-                              "finder: init\n", "finder: the current record\n", "finder: loop\n", "finder: DST\n",
+  expect_in_order(child.out, {"take_auth", "KLOGkestreld finderd_thread ",
+                              " New finderd_thread pid:", "finder: CST, signals blocked\n", "finder: init\n",
+                              "finder: the current record\n", "finder: loop\n", "finder: DST\n",
                               "KLOG[RTSPd finderd_thread ", "terminated!\n\n\n\n\n\n"});
 }
 
@@ -147,6 +176,38 @@ TEST_F(StartUp, ASecondInstanceSaysSoAndTouchesNothing) {
   EXPECT_EQ(child.status, 1);
   EXPECT_EQ(child.err, "kestreld: Process already running!\r\n");
   EXPECT_EQ(child.out, "> tessel_get_lock kestreld_lock\n");
+}
+
+TEST_F(StartUp, GoesOnWithoutWhatTheSystemRefuses) {
+  struct Row {
+    const char* function;
+    int status;
+    const char* line;
+    std::size_t finders;
+  };
+  const Row rows[] = {
+      {"signal", 1, "", 0},
+      {"sigaction", 0, "KLOGinit signal failed!\ntake_auth", 1},
+      {"pthread_sigmask", 0, ", iSigMaskResult = 22(Invalid argument) \n", 0},
+  };
+  for (const Row& row : rows) {
+    on_start = [&](DeviceContext& ctx) {
+      await_output(row.line);
+      if (failing == "sigaction") raise(SIGUSR1), raise(SIGUSR2);
+      EXPECT_EQ(ctx.dev_reload + ctx.configure, 0U);
+      raise(SIGTERM);
+    };
+    const Child child = run_child([&] {
+      failing = row.function;
+      finder_done = failing == "pthread_sigmask";
+      errno = EPERM;
+      return run_daemon();
+    });
+    EXPECT_EQ(child.status, row.status) << row.function << child.out;
+    EXPECT_EQ(child.err, row.status != 0 ? "signal: Operation not permitted\n" : "");
+    EXPECT_NE(child.out.find(row.line), child.out.npos) << child.out;
+    EXPECT_EQ(count(child.out, "finder: CST"), row.finders);
+  }
 }
 
 TEST_F(StartUp, ALevelCountsOnlyWithTheToken) {
@@ -244,6 +305,17 @@ TEST_F(StartUp, EachSignalBeforeAndBehindItsHandler) {
   }
 }
 
+TEST_F(StartUp, TheExitsStateHasNoHandler) {
+  on_start = [](DeviceContext& ctx) {
+    set_state(ctx, UNKNOWN);  // its run is yet to be cleared
+    signal(SIGALRM, [](int) { raise(SIGTERM); });
+    ualarm(20'000, 0);
+  };
+  const Child child = run();
+  EXPECT_EQ(child.status, 0);
+  EXPECT_EQ(count(child.out, "\nhandler\n"), 1U);
+}
+
 TEST_F(StartUp, ClosedStandardDescriptorsLeadNowhere) {
   on_start = [](DeviceContext&) {
     struct stat null {
@@ -251,6 +323,7 @@ TEST_F(StartUp, ClosedStandardDescriptorsLeadNowhere) {
     stat("/dev/null", &null);
     for (int fd = 0; fd < 3; ++fd) {
       if (fstat(fd, &at) != 0 || at.st_rdev != null.st_rdev) _exit(40 + fd);
+      if ((fcntl(fd, F_GETFL) & O_NONBLOCK) != 0) _exit(50 + fd);  // the log's own took its place
     }
     raise(SIGTERM);
   };

@@ -56,9 +56,16 @@ int value(const char* function, T* out, const T& stored) {
 /// A setter.
 template <typename T, typename V>
 int keep(const char* function, T& stored, V wanted) {
-  const int result = answer(function, 1, wanted);
+  const int result = answer(function, 1, +wanted);  // a byte is a number
   if (result != 0) stored = wanted;
   return told(result);
+}
+
+int interfaces(const char* function, ACT_IF_INFO* info, int* index) {
+  const int result = answer(function, 1);
+  std::ranges::copy(fake.interfaces, info);
+  *index = fake.interfaces.empty() ? 0 : fake.interface_index;
+  return result;
 }
 
 }  // namespace
@@ -155,20 +162,17 @@ VALUE_GETTER(net_get_http_srv_port, int, http_port)
 VALUE_GETTER(net_get_http_or_https, char, https)
 VALUE_GETTER(net_get_dhcp_enable, char, dhcp)
 int net_get_proxy_addr_port(char* host, int* port) {
-  const int result = text("net_get_proxy_addr_port", host, 64, fake.proxy_host);
-  if (result != 0) *port = fake.proxy_port;
-  return result;
+  *port = fake.proxy_port;
+  return text("net_get_proxy_addr_port", host, 64, fake.proxy_host);
 }
 int get_dev_sip_account(char* hid, char* password) {
-  const int result = text("get_dev_sip_account", hid, 64, fake.hid, fake.hid.empty() ? 0 : 1);
-  if (result != 0) fake_fill(password, 52, fake.password);
-  return result;
+  fake_fill(password, 52, fake.password);
+  return text("get_dev_sip_account", hid, 64, fake.hid, fake.hid.empty() ? 0 : 1);
 }
 int cre_set_skyport_hid(char* hid) { return answer("cre_set_skyport_hid", 1, hid); }
 int cre_get_skyport_domain_ip(char* domain, char* ip) {
-  const int result = text("cre_get_skyport_domain_ip", domain, 64, fake.domain);
-  if (result != 0) fake_fill(ip, 64, fake.domain_ip);
-  return result;
+  fake_fill(ip, 64, fake.domain_ip);
+  return text("cre_get_skyport_domain_ip", domain, 64, fake.domain);
 }
 int cre_set_skyport_domain(char* domain) { return keep("cre_set_skyport_domain", fake.domain, domain); }
 VALUE_GETTER(cre_get_skyport_enable_state, char, enabled)
@@ -216,16 +220,10 @@ int SetSptURI(const char* uri) { return answer("SetSptURI", 1, uri); }
 
 int tessel_get_lock(const char* name) { return answer("tessel_get_lock", 1, name); }
 int tessel_get_active_iface(ACT_IF_INFO* info, int* index) {
-  const int result = answer("tessel_get_active_iface", 1);
-  if (!fake.interfaces.empty()) *info = fake.interfaces.front();
-  *index = fake.interfaces.empty() ? 0 : fake.interface_index;
-  return result;
+  return interfaces("tessel_get_active_iface", info, index);
 }
 int tessel_get_present_iface(ACT_IF_INFO* info, int* index) {
-  const int result = answer("tessel_get_present_iface", 1);
-  std::ranges::copy(fake.interfaces, info);
-  *index = fake.interfaces.empty() ? 0 : fake.interface_index;
-  return result;
+  return interfaces("tessel_get_present_iface", info, index);
 }
 const IF_METRIC* dev_get_if_metric(int* count) {
   answer("dev_get_if_metric", 1);

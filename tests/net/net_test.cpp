@@ -20,9 +20,51 @@ TEST(Address, OnlyTheThreeRangesArePrivate) {
     EXPECT_EQ(is_private_ip(ip), 0) << ip;
 }
 
+TEST(Address, TheFirstInterfacesTextsEndInTheirFields) {
+  const auto endless = [](ACT_IF_INFO* all, int* index) {
+    EXPECT_EQ(*index, 0);
+    std::memset(all, 'x', sizeof(*all));
+    std::memset(all + 1, 'y', sizeof(*all));
+    return *index = 7;
+  };
+  ACT_IF_INFO out{};
+  EXPECT_EQ(first_iface(endless, out), 7);
+  for (const char* end : {out.mac, out.mask, out.gw, out.name, out.name + sizeof(out.name)}) EXPECT_EQ(end[-1], '\0');
+  EXPECT_EQ(out.ip, std::string(sizeof(out.ip) - 1, 'x'));
+}
+
+TEST(Address, TheUidIsTheModelAndTheEndOfTheMac) {
+  const struct {
+    std::string model;
+    int size;
+    const char* missing;
+    int result;
+    std::string uid;
+  } rows[] = {
+      {"LC-100", uid_len, "", 1, "LC-100_0A0B0C"},
+      {std::string(80, 'x'), 1, "", 1, std::string(56, 'x') + "_0A0B0C"},
+      {"LC-100", 0, "", 0, "old"},
+      {"LC-100", -1, "", 0, "old"},
+      {"", 1, "dev_get_model_name", 0, "old"},
+      {"LC-100", 1, "tessel_get_mac3", 0, "old"},
+  };
+  for (const auto& row : rows) {
+    fake_reset();
+    fake.model = row.model;
+    fake.mac3 = "0A0B0CDD";
+    fake.always[row.missing] = 0;
+    char uid[uid_len] = "old";
+    EXPECT_EQ(make_uid(uid, row.size), row.result) << row.model << row.size;
+    EXPECT_EQ(uid, row.uid);
+  }
+}
+
 class Net : public FakeTest {
  protected:
-  Trace trace{{{"tessel_get_skyport_url skyport.test", "host"}, {"cre_get_skyport_domain_ip", ""}, {"net_get_", ""}}};
+  Trace trace{{{"tessel_get_skyport_url skyport.test", "host"},
+               {"get_redirsrv_ip", "recall"},
+               {"cre_get_skyport_domain_ip", ""},
+               {"net_get_", ""}}};
 
   void begin() {
     fake_reset();
@@ -56,40 +98,44 @@ TEST_F(Net, ProxyAddress) {
 }
 
 TEST_F(Net, RedirectServerIsResolvedRememberedOrRecalled) {
-  struct Row {
+  const std::string endless(90, '1'), cut(63, '1');
+  const struct {
     std::string host, configured, remembered;
     int result;
-    std::string ip;
-    Texts stored, log;
+    std::string ip, trace;
+  } rows[] = {
+      {"192.0.2.10", "192.0.2.9", "", 1, "192.0.2.10",
+       "host/rdurl=192.0.2.10/redirip=192.0.2.9, gethostbyname_addr=192.0.2.10/set_redirsrv_ip 192.0.2.10/"},
+      {"192.0.2.10", "192.0.2.10", "", 1, "192.0.2.10",
+       "host/rdurl=192.0.2.10/redirip=192.0.2.10, gethostbyname_addr=192.0.2.10/"},
+      {"192.0.2.10", endless, "", 1, "192.0.2.10",
+       "host/rdurl=192.0.2.10/redirip=" + cut + ", gethostbyname_addr=192.0.2.10/set_redirsrv_ip 192.0.2.10/"},
+      {"no such host", "192.0.2.9", "192.0.2.8", 1, "192.0.2.8",
+       "host/rdurl=no such host/get name failed/recall/use addr=192.0.2.8/"},
+      {"no such host", "192.0.2.9", "", 0, "", "host/rdurl=no such host/get name failed/recall/"},
+      {"", "192.0.2.9", "192.0.2.8", 0, "", "host/"},
   };
-  const std::string endless(90, '1');
-  const Texts kept = {"set_redirsrv_ip 192.0.2.10"};
-  // clang-format off
-  const Row rows[] = {
-      {"192.0.2.10", "192.0.2.9", "", 1, "192.0.2.10", kept,
-       {"rdurl=192.0.2.10\n", "redirip=192.0.2.9, gethostbyname_addr=192.0.2.10\n"}},
-      {"192.0.2.10", "192.0.2.10", "", 1, "192.0.2.10", {},
-       {"rdurl=192.0.2.10\n", "redirip=192.0.2.10, gethostbyname_addr=192.0.2.10\n"}},
-      {"192.0.2.10", endless, "", 1, "192.0.2.10", kept,
-       {"rdurl=192.0.2.10\n", "redirip=" + endless.substr(0, 63) + ", gethostbyname_addr=192.0.2.10\n"}},
-      {"no such host", "192.0.2.9", "192.0.2.8", 1, "192.0.2.8", {},
-       {"rdurl=no such host\n", "get name failed\n", "use addr=192.0.2.8\n"}},
-      {"no such host", "192.0.2.9", "", 0, "", {}, {"rdurl=no such host\n", "get name failed\n"}},
-      {"", "192.0.2.9", "192.0.2.8", 0, "", {}, {}},
-  };
-  // clang-format on
-  for (const Row& row : rows) {
-    fake_reset();
+  for (const auto& row : rows) {
+    begin();
     fake.redirect_host = row.host;
     fake.domain_ip = row.configured;
     fake.stored_redirect_ip = row.remembered;
     char ip[ip_len] = "";
     EXPECT_EQ(resolve_redirect_server(ip), row.result) << row.host;
     EXPECT_EQ(ip, row.ip);
-    EXPECT_EQ(fake_calls({"set_redirsrv_ip"}), row.stored) << row.host << row.configured;
-    EXPECT_EQ(fake.log, row.log);
-    EXPECT_EQ(fake_calls({"tessel_get_skyport_url"}), Texts{"tessel_get_skyport_url skyport.test"});
+    EXPECT_EQ(trace.take(), row.trace);
   }
+}
+
+TEST_F(Net, EndlessTextsEndInTheirBuffers) {
+  begin();
+  const std::string endless(90, ' '), name(63, ' '), address(15, ' ');
+  fake.domain = fake.domain_ip = fake.redirect_host = fake.stored_redirect_ip = endless;
+  char ip[ip_len] = "";
+  EXPECT_EQ(resolve_redirect_server(ip), 1);
+  EXPECT_EQ(ip, address);
+  EXPECT_EQ(trace.take(),
+            "tessel_get_skyport_url " + name + "/rdurl=" + name + "/get name failed/recall/use addr=" + address + "/");
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // Runs a piece of a test in a process of its own, and keeps what it prints.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -42,14 +44,14 @@ inline double seconds_of(const std::function<void()>& work) {
 
 /// Its exit status is what `work` returns, or 99 when an expectation failed in it.
 inline Child run_child(const std::function<int()>& work) {
-  char out[] = "/tmp/kestrel_test_out_XXXXXX";
-  char err[] = "/tmp/kestrel_test_err_XXXXXX";
-  const int files[] = {mkstemp(out), mkstemp(err)};
+  const int out = memfd_create("out", 0);
+  const int err = memfd_create("err", 0);
+  for (const int file : {out, err}) fcntl(file, F_SETFL, O_APPEND);  // two threads' lines would overwrite each other
   std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
-    dup2(files[0], STDOUT_FILENO);
-    dup2(files[1], STDERR_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
     const int status = work();
     std::fflush(nullptr);
     if (__gcov_dump != nullptr) __gcov_dump();
@@ -60,11 +62,10 @@ inline Child run_child(const std::function<int()>& work) {
   if (pid > 0 && waitpid(pid, &status, 0) == pid) {
     child.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
-  child.out = read_file(out);
-  child.err = read_file(err);
-  for (const int file : files) close(file);
-  unlink(out);
-  unlink(err);
+  child.out = read_file("/proc/self/fd/" + std::to_string(out));
+  child.err = read_file("/proc/self/fd/" + std::to_string(err));
+  close(out);
+  close(err);
   return child;
 }
 
