@@ -25,6 +25,8 @@ PLACES = [
     ("log, refer file: read-only", "mount -t tmpfs -o ro none /tmp", "mount -o remount,rw /tmp"),
     ("log, refer file: gone", "rm -rf /tmp/*; mkdir /tmp/kestreld_log.txt /tmp/kestrel_refer.js", "rm -rf /tmp/*"),
     ("run directory: full", "mount -t tmpfs -o size=8k none $H/run; head -c 8192 /dev/zero >$H/run/x", "rm $H/run/x"),
+    ("run directory: read-only", "mount -t tmpfs none $H/run",
+     "mount -o remount,ro $H/run; sleep 1; mount -o remount,rw $H/run"),
     ("run directory: gone", ":", "rm -rf $H/run"),
     ("settings: full", "cp $H/camera.conf /tmp; mount -t tmpfs -o size=12k none $H; cp /tmp/camera.conf $H; mkdir $H/run;"
      "mount -t tmpfs none $H/run; head -c 20000 /dev/zero >$H/x", "rm $H/x"),
@@ -51,7 +53,7 @@ class Tries(Home):
         self.until_well()
         self.change_alias()
         self.until_well()
-        self.next, self.calls, self.open = 1, self.page.calls, self.descriptors()
+        self.next, self.fired, self.calls, self.open = 1, 0, self.page.calls, self.descriptors()
         self.end()
 
     # The N-th call fails, or the first one after it that can.
@@ -65,6 +67,7 @@ class Tries(Home):
             return self.page.told or self.page.calls > max(number, self.calls) + 300
         try:
             self.until(struck, 15, "struck")
+            self.fired += self.page.told > 0
             self.service.exchanges()
             self.until_well(finder=not self.page.what.startswith(NO_THREAD) or self.page.fired_ms > 7000)
         except AssertionError:
@@ -103,12 +106,12 @@ class Tries(Home):
 
     # SIGTERM at a random moment, while the service or the router is silent.
     def stopped(self, silent):
-        self.begin(speed=4)
+        self.begin(speed=1 if silent == "service" else 4)
         time.sleep(random.uniform(0, 0.5))
         self.service.freeze() if silent == "service" else setattr(self.router.scripted, "silent", True)
         time.sleep(random.uniform(0, 0.5))
         try:
-            self.end(2 if silent == "service" else 3.5)  # of its 30 s for an answer, of the 16 s for two calls: a quarter
+            self.end(1.5 if silent == "service" else 3.5)  # 1 s on a busy machine; of the 16 s for two calls a quarter
         finally:
             self.service.thaw()
             self.router.scripted.silent = False
@@ -164,7 +167,7 @@ def work(share):
                 print(f"{name} ({home.page.what.decode()}): {error}", flush=True)
                 home.process.kill()
                 home.process.wait()
-    print(f"{tried} tries over {home.calls} calls, {broken} broken", flush=True)
+    print(f"{tried} tries, {home.fired} of a call that failed, over {home.calls} calls: {broken} broken", flush=True)
     return 1 if broken else 0
 
 
