@@ -25,8 +25,6 @@ PLACES = [
     ("log, refer file: read-only", "mount -t tmpfs -o ro none /tmp", "mount -o remount,rw /tmp"),
     ("log, refer file: gone", "rm -rf /tmp/*; mkdir /tmp/kestreld_log.txt /tmp/kestrel_refer.js", "rm -rf /tmp/*"),
     ("run directory: full", "mount -t tmpfs -o size=8k none $H/run; head -c 8192 /dev/zero >$H/run/x", "rm $H/run/x"),
-    ("run directory: read-only", "mount -t tmpfs none $H/run",
-     "mount -o remount,ro $H/run; sleep 1; mount -o remount,rw $H/run"),
     ("run directory: gone", ":", "rm -rf $H/run"),
     ("settings: full", "cp $H/camera.conf /tmp; mount -t tmpfs -o size=12k none $H; cp /tmp/camera.conf $H; mkdir $H/run;"
      "mount -t tmpfs none $H/run; head -c 20000 /dev/zero >$H/x", "rm $H/x"),
