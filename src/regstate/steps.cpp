@@ -82,7 +82,7 @@ bool report_enable_up_to_3(DeviceContext& ctx, int enabled) {
 int read_enable_switch(const DeviceContext& ctx) {
   char enabled = unfilled_byte;
   const bool failed = cre_get_skyport_enable_state(&enabled) == 0 && enabled == unfilled_byte;
-  const int wanted = failed ? ctx.Last_Spt_Enabled : enabled;
+  const int wanted = failed ? ctx.Last_Spt_Enabled : static_cast<unsigned char>(enabled);
   if (wanted < 0) {
     debug_log(" [kestreld]: *** get skyport enable state failed\n");
   } else {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "platform/tessel.h"
 #include "service/blowfish.h"
@@ -13,6 +14,9 @@ namespace {
 
 constexpr char first_secret[] = "4RkMCwa7tebVLzo2H";
 constexpr char second_secret[] = "quilmore";
+
+/// Behind a base64 text: its end, and lines of encoders that break them.
+constexpr std::size_t encoder_room = 256;
 
 void hex_encode_md5(const unsigned char (&digest)[16], char* out) {
   constexpr char digits[] = "0123456789abcdef";
@@ -64,9 +68,11 @@ HeapText encipher_body(char* body, LogFormat<'d'> bodylen_format) {
   log_if(bodylen_format, len);
   encipher(body, len);
   const auto bytes = static_cast<unsigned>(len);
-  HeapText encoded = make_heap_text(4 * ((bytes + 2) / 3) + 1);
-  if (encoded != nullptr) b64_encode(body, bytes, encoded.get());
-  return encoded;
+  HeapText encoded = make_heap_text(4 * ((bytes + 2) / 3) + encoder_room);
+  if (encoded == nullptr) return nullptr;
+  b64_encode(body, bytes, encoded.get());
+  // A library without memory of its own leaves nothing: that is no body.
+  return encoded.get()[0] != '\0' ? std::move(encoded) : nullptr;
 }
 
 HeapText decipher_body(const char* body, std::int32_t len) {

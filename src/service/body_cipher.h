@@ -35,7 +35,8 @@ using HeapText = std::unique_ptr<char, HeapDeleter>;
 void encipher(char* bytes, std::int32_t len);
 
 /// Enciphers the terminated text in `body` in place, with zero bytes behind it to a whole cipher block, for which there
-/// is room; `bodylen_format` is logged with the length of that. Returns its base64 text; null when there is no memory.
+/// is room; `bodylen_format` is logged with the length of that. Returns its base64 text; null when there is no
+/// memory.
 [[nodiscard]] HeapText encipher_body(char* body, LogFormat<'d'> bodylen_format);
 
 /// Deciphers an answer's body: `len` characters of base64. Returns the plain text, terminated; null when there is no

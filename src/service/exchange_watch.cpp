@@ -14,7 +14,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <ctime>
 
@@ -25,7 +24,8 @@
 namespace kestrel {
 
 /// A slot's descriptor while it has none, and while somebody works on it.
-enum : int { held_slot = INT_MIN, free_slot };
+constexpr int free_slot = -1;
+constexpr int held_slot = -2;
 
 /// An exchange under way. The descriptor is shut down only by who holds the slot, and its owner takes it back
 /// before closing it; so a number that was given anew is never meant.
@@ -122,7 +122,7 @@ bool start_watch() {
   if (wake_fd < 0) wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wake_fd < 0) return false;
   pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
+  if (pthread_attr_init(&attributes) != 0) return false;
   pthread_attr_setstacksize(&attributes, watch_stack_len);
   const SignalsBlocked blocked;
   pthread_t thread{};
@@ -154,7 +154,7 @@ WatchSlot* take_slot(int fd) {
 }  // namespace
 
 ExchangeWatch::ExchangeWatch(int sock)
-    : socket(sock), own(fcntl(sock, F_DUPFD_CLOEXEC, STDERR_FILENO)), slot(own >= 0 ? take_slot(own) : nullptr) {}
+    : socket(sock), own(fcntl(sock, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)), slot(own >= 0 ? take_slot(own) : nullptr) {}
 
 ExchangeWatch::~ExchangeWatch() {
   if (slot != nullptr) {

@@ -90,7 +90,8 @@ packetheader* build_packet(const Request& request, Route& route, int body_len, A
   return httpBuildPacket3(auth.user, route.server, service_port, route.path, auth.method, length, length_len);
 }
 
-/// Makes the whole request: the serialised packet and the body. Null when it does not fit or cannot be had.
+/// Makes the whole request: the serialised packet and the body. Null when it does not fit or cannot be had; `len` is
+/// its length then, too, when all that it lacks is memory, and 0 otherwise.
 HeapText make_out(const Request& request, Route& route, const char* body, AuthenticateInfo& auth, std::size_t& len) {
   const std::size_t body_len = std::strlen(body);
   packetheader* packet = build_packet(request, route, static_cast<int>(body_len), auth);
@@ -101,9 +102,10 @@ HeapText make_out(const Request& request, Route& route, const char* body, Authen
   ILibDestructPacket(packet);
   const HeapText head(raw);
   if (head == nullptr || raw_len <= 0) return nullptr;
-  const auto head_len = static_cast<std::size_t>(raw_len);
+  // The text's own end counts where the library says more.
+  const std::size_t head_len = strnlen(raw, static_cast<std::size_t>(raw_len));
+  if (head_len + body_len > request.send_len) return nullptr;
   len = head_len + body_len;
-  if (len > request.send_len) return nullptr;
   HeapText out(static_cast<char*>(std::malloc(len + 1)));
   if (out == nullptr) return nullptr;
   std::memcpy(out.get(), raw, head_len);
@@ -209,10 +211,11 @@ void close_leftover(LeftoverSocket& left) {
   left = {};
 }
 
-/// Some requests leave the socket open when nothing usable came; what they leave is remembered.
-void leave_open(LeftoverSocket& left, int fd) {
+/// Some requests leave the socket open when nothing usable came; what they leave is remembered. `same` is a descriptor
+/// of the daemon's own for it, if there is one: a library may have closed `fd` early, and its number may be somebody's.
+void leave_open(LeftoverSocket& left, int fd, int same) {
   struct stat status {};
-  if (fstat(fd, &status) == 0) left = {fd, status.st_dev, status.st_ino};
+  if (fstat(same >= 0 ? same : fd, &status) == 0) left = {fd, status.st_dev, status.st_ino};
 }
 
 /// Sends and receives on the way to `route`. `out` is the whole request.
@@ -241,18 +244,17 @@ int exchange(DeviceContext& ctx, const Request& request, const Route& route, std
   if (answered) {
     log_body(request, reader);
     result = judge_answer(ctx, request, reader, auth, sent, sink);
+    ILibDestructPacket(reader.PacketHeader);
+    reader.PacketHeader = nullptr;
   } else {
     log_if(request.log->no_answer);
   }
-  ILibDestructPacket(reader.PacketHeader);
   std::free(reader.Body);
+  reader.Body = nullptr;
+  reader.Body_Size = reader.Body_Offset = 0;
   if (!answered && request.leftover != nullptr) {
-    leave_open(*request.leftover, reader.ClientSocket);
+    leave_open(*request.leftover, reader.ClientSocket, watch.own);
   } else {
-    // The library gets nothing back of what is freed already.
-    const int sock = reader.ClientSocket;
-    reader = {};
-    reader.ClientSocket = sock;
     ILibForceClose(&reader);
   }
   return result;
@@ -273,7 +275,7 @@ int run_exchange(DeviceContext& ctx, const Request& request, const char (&server
   Route route = choose_route(ctx, request, server);
   std::size_t len = 0;
   HeapText out = make_out(request, route, body, auth, len);
-  if (out == nullptr && auth.on == 1) {
+  if (out == nullptr && len == 0 && auth.on == 1) {
     // A challenge that cannot be answered must not end all requests: without credentials there is a new one.
     auth.on = 0;
     out = make_out(request, route, body, auth, len);

@@ -28,43 +28,45 @@ constexpr int next_candidate = -1;
 
 /// The cases in which a mapping is added, or replaced, with the log lines of each.
 struct MappingCase {
-  const char *found, *added, *add_failed;
+  const char* found;
   const char* deleted = nullptr;
   const char* delete_failed = nullptr;
+  const char* added;
+  const char* add_failed;
 };
 
 constexpr MappingCase other_internal_port = {
-    "same ip, different iport\n",
-    "A1 Port mapping i(%d)-e(%d) ok!\n",
-    "***A1 Port mapping add port (%d) failed,try next\n",
-    "A1 Port mapping delete port (%d) success\n",
-    "***A1 Port mapping delete port (%d) failed\n",
+    .found = "same ip, different iport\n",
+    .deleted = "A1 Port mapping delete port (%d) success\n",
+    .delete_failed = "***A1 Port mapping delete port (%d) failed\n",
+    .added = "A1 Port mapping i(%d)-e(%d) ok!\n",
+    .add_failed = "***A1 Port mapping add port (%d) failed,try next\n",
 };
 constexpr MappingCase other_name = {
-    "different service name,ip may changed\n",
-    "A2 Port mapping i(%d)-e(%d) ok!\n",
-    "***A2 Port mapping add port (%d) failed,try next\n",
-    "A2 Port mapping delete port (%d) success\n",
-    "***A2 Port mapping delete port (%d) failed\n",
+    .found = "different service name,ip may changed\n",
+    .deleted = "A2 Port mapping delete port (%d) success\n",
+    .delete_failed = "***A2 Port mapping delete port (%d) failed\n",
+    .added = "A2 Port mapping i(%d)-e(%d) ok!\n",
+    .add_failed = "***A2 Port mapping add port (%d) failed,try next\n",
 };
 constexpr MappingCase no_name = {
-    "***no service name\n",
-    "A3 Port mapping i(%d)-e(%d) ok!\n",
-    "***A3 Port mapping add port (%d) failed,try next\n",
-    "A3 Port mapping delete port (%d) success\n",
-    "***A3 Port mapping delete port (%d) failed\n",
+    .found = "***no service name\n",
+    .deleted = "A3 Port mapping delete port (%d) success\n",
+    .delete_failed = "***A3 Port mapping delete port (%d) failed\n",
+    .added = "A3 Port mapping i(%d)-e(%d) ok!\n",
+    .add_failed = "***A3 Port mapping add port (%d) failed,try next\n",
 };
 constexpr MappingCase own_of_old_address = {
-    "Previously Added by Me, my ip changed!\n",
-    "A4 Port mapping i(%d)-e(%d) ok!\n",
-    "***A4 Port mapping add port (%d) failed,try next\n",
-    "A4 Port mapping delete port (%d) success\n",
-    "***A4 Port mapping delete port (%d) failed,try next\n",  // this one alone says so
+    .found = "Previously Added by Me, my ip changed!\n",
+    .deleted = "A4 Port mapping delete port (%d) success\n",
+    .delete_failed = "***A4 Port mapping delete port (%d) failed,try next\n",  // this one alone says so
+    .added = "A4 Port mapping i(%d)-e(%d) ok!\n",
+    .add_failed = "***A4 Port mapping add port (%d) failed,try next\n",
 };
 constexpr MappingCase free_port = {
-    ">>ueport:(%d) EMPTY, start adding\n",
-    "B1 Port mapping i(%d)-e(%d) ok!\n",
-    "***B1 Port mapping add port (%d) failed,try next\n",
+    .found = ">>ueport:(%d) EMPTY, start adding\n",
+    .added = "B1 Port mapping i(%d)-e(%d) ok!\n",
+    .add_failed = "***B1 Port mapping add port (%d) failed,try next\n",
 };
 
 int add(const MappingCase& lines, const Candidate& at) {
