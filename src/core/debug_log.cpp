@@ -85,9 +85,14 @@ void write_console(int stream, const Line& line) {
   if (poll(&ready, 1, 0) == 1) static_cast<void>(!write(ready.fd, line.text, line.len));
 }
 
+/// In the place of a descriptor. Where there is none to be had, the file stays for a line that finds one.
+constexpr int not_ours = -1;
+constexpr int no_descriptor = -2;
+
 /// The present file, when it is ours and nobody else's to read; passwords are logged. Never through a link.
 int open_own() {
   const int fd = open(debug_log_path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0 && (errno == EMFILE || errno == ENFILE)) return no_descriptor;
   struct stat status {};
   // What could not be opened fails here, too.
   if (fstat(fd, &status) == 0 && status.st_uid == geteuid() &&
@@ -95,7 +100,7 @@ int open_own() {
     return fd;
   }
   close(fd);
-  return -1;
+  return not_ours;
 }
 
 /// A file that did not exist: what somebody laid into its place, or what could not be moved away, goes first.
@@ -113,13 +118,17 @@ bool rotation_is_due() {
 int open_for_line() {
   if (!rotation_is_due()) {
     int fd = open_own();
-    if (fd < 0) fd = open_fresh();
+    if (fd == not_ours) fd = open_fresh();
     if (fd >= 0) ++line_count;
     return fd;
   }
   if (rotating.exchange(true)) return open_own();
   const bool still_due = rotation_is_due();
-  if (still_due && access(debug_log_path, R_OK) == 0) rename(debug_log_path, debug_log_old_path);
+  if (still_due && access(debug_log_path, R_OK) == 0) {
+    // First, since somebody may have laid a directory at one of the two places, which no rename gets by.
+    unlink(debug_log_old_path);
+    rename(debug_log_path, debug_log_old_path);
+  }
   const int fd = still_due ? open_fresh() : open_own();
   if (still_due && fd >= 0) line_count = 1;
   rotating = false;
@@ -189,7 +198,9 @@ void print_error_text(const char* format, ...) {
 }
 
 void print_error(const char* what) {
-  print_error_text("%s: %s\n", what, std::strerror(errno));
+  const int saved_errno = errno;
+  print_error_text("%s: %s\n", what, std::strerror(saved_errno));
+  errno = saved_errno;
 }
 
 }  // namespace kestrel

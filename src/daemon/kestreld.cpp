@@ -99,6 +99,7 @@ int run_daemon() {
   debug_log("\nLumen device 1.2\n");
   debug_log("The kestreld authors\n");
   debug_log("Starting.......\n");
+  // Both are zero yet, and so is what start-up remembers of a gateway.
   current_record.last = &last_record;
   state_init(current_record);
   debug_log("user name=(%s)\n", current_record.auth_info.user);

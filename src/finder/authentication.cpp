@@ -48,8 +48,8 @@ bool password_matches(const char* pass_b64) {
 
 std::uint32_t Finderd_check_user(const char* user_b64, std::uint32_t* index) {
   debug_log("%s() >>>\n", "Finderd_check_user");
+  log_foreign("  b64_username %s\n", user_b64 != nullptr ? user_b64 : "");
   if (user_b64 == nullptr) return authority_none;
-  log_foreign("  b64_username %s\n", user_b64);
   const std::size_t len = std::strlen(user_b64);
   char name[decoded_len] = "";
   decode(user_b64, name);

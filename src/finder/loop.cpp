@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "core/debug_log.h"
+#include "core/quotient.h"
 #include "core/text.h"
 #include "finder/finder.h"
 #include "finder/record.h"
@@ -76,8 +77,9 @@ void Finderd_loop() {
     fd_set reads{};
     const int highest = fill_read_set(reads);
     const std::uint64_t passed_ms = std::min(finder_now_ms() - reported_ms, report_limit_ms);
-    const auto wait_ms = static_cast<long>(std::min(report_period_ms, report_limit_ms - passed_ms));
-    timeval limit{wait_ms / 1000, wait_ms % 1000 * 1000};
+    const auto wait_ms = static_cast<std::uint32_t>(std::min(report_period_ms, report_limit_ms - passed_ms));
+    const std::uint32_t wait_s = quotient<1000>(wait_ms);
+    timeval limit{static_cast<time_t>(wait_s), static_cast<suseconds_t>((wait_ms - wait_s * 1000) * 1000)};
     const int ready = select(highest + 1, &reads, nullptr, nullptr, &limit);
     if (ready > 0) {
       serve(reads);

@@ -2,8 +2,6 @@
 // fields stand at odd offsets.
 #include "finder/packet.h"
 
-#include <endian.h>
-
 #include <cstring>
 
 #include "core/text.h"
@@ -17,9 +15,11 @@ void store_u16(std::uint8_t* at, std::uint16_t value) {
   at[1] = static_cast<std::uint8_t>(value >> 8);
 }
 
-/// A hexadecimal digit's value: the letters' codes end in 1 to 6, in either case.
+/// A hexadecimal digit's value; -1 for anything else.
 int hex_value(char digit) {
-  return (digit & 0x0F) + (digit > '9' ? 9 : 0);
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  const char letter = static_cast<char>(digit | 0x20);
+  return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : -1;
 }
 
 }  // namespace
@@ -40,13 +40,13 @@ void put_text(FinderReply& reply, std::size_t size, const char* text) {
 }
 
 void put_words(FinderReply& reply, std::uint32_t first, std::uint32_t second, std::uint32_t third) {
-  for (const std::uint32_t word : {first, second, third, 0U}) put(reply, htole32(word));
+  for (const std::uint32_t word : {first, second, third, 0U}) put_u32(reply, word);
 }
 
 FinderMac parse_mac(const char* text) {
   FinderMac mac{};
   for (std::uint8_t& byte : mac) {
-    for (; *text != '\0' && *text != ':'; ++text) byte = static_cast<std::uint8_t>(byte << 4 | hex_value(*text));
+    for (int digit = 0; (digit = hex_value(*text)) >= 0; ++text) byte = static_cast<std::uint8_t>(byte << 4 | digit);
     if (*text == ':') ++text;
   }
   return mac;

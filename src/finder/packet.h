@@ -14,6 +14,8 @@
 //   150 argument, up to the end
 #pragma once
 
+#include <endian.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -106,10 +108,19 @@ inline void put_bytes(FinderReply& reply, const void* bytes, std::size_t len) {
   std::memcpy(reply.bytes + reply.len, bytes, len);
   reply.len += len;
 }
-/// Puts an object as it stands: of numbers those that htole16 and htole32 give.
+/// Puts an object as it stands: bytes, and addresses in network byte order.
 template <typename T>
 void put(FinderReply& reply, const T& object) {
   put_bytes(reply, &object, sizeof(object));
+}
+/// Puts a number, whose width is the field's. Some C libraries' htole16 and htole32 have no type of their own.
+inline void put_u16(FinderReply& reply, std::uint16_t number) {
+  const std::uint16_t wire = htole16(number);
+  put(reply, wire);
+}
+inline void put_u32(FinderReply& reply, std::uint32_t number) {
+  const std::uint32_t wire = htole32(number);
+  put(reply, wire);
 }
 /// Puts a text into a field of `size` bytes, finder_text_len at most: cut, and zero behind it.
 void put_text(FinderReply& reply, std::size_t size, const char* text);

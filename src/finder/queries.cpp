@@ -24,7 +24,7 @@ std::uint32_t conf_state_of(RegState state) {
 FinderResult Finderd_handle_op_list(const FinderRequest& /*request*/, FinderReply& reply) {
   // A fixed range, whatever the dispatcher serves; tools know it so.
   constexpr std::uint16_t last_listed = 0x00B1;
-  for (std::uint16_t opcode = op_survey; opcode <= last_listed; ++opcode) put(reply, htole16(opcode));
+  for (std::uint16_t opcode = op_survey; opcode <= last_listed; ++opcode) put_u16(reply, opcode);
   return {};
 }
 

@@ -39,9 +39,13 @@ FinderInterfaces find_interfaces() {
     info.reserved16 = 0;
     found.ifinfo[found.iIfNum++] = info;
   }
+  return found;
+}
+
+/// The platform's two special ones.
+void find_present(FinderInterfaces& found) {
   found.present_index = first_iface(tessel_get_present_iface, found.present_if);
   found.active_index = first_iface(tessel_get_active_iface, found.active_if);
-  return found;
 }
 
 bool can_serve(const FinderInterfaces& with) {
@@ -122,6 +126,7 @@ void log_sockets() {
 /// Finds the interfaces and opens their sockets, and says what comes of it.
 int set_up() {
   get_ifinfo();
+  find_present(finder.served);
   debug_log(" iIfPresentIndex=%d, iIfActivetIndex=%d\n", finder.served.present_index, finder.served.active_index);
   const char* failure = can_serve(finder.served) ? open_sockets() : "Interface incorrect";
   if (failure != nullptr) {
@@ -184,7 +189,9 @@ int Finderd_init() {
 }
 
 void refresh_sockets() {
-  if (!is_same(find_interfaces(), finder.served) || lost_device()) {
+  FinderInterfaces now = find_interfaces();
+  find_present(now);
+  if (!is_same(now, finder.served) || lost_device()) {
     close_sockets();
     set_up();
   } else if (!finder.complete && can_serve(finder.served)) {

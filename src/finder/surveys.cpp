@@ -1,6 +1,5 @@
 // The two surveys: what the camera tells of itself to whoever asks. Their fields follow each other as they stand in
 // the payload.
-#include <endian.h>
 #include <sys/time.h>
 
 #include <ctime>
@@ -61,46 +60,46 @@ int Finderd_get_time(char* out) {
 
 FinderResult Finderd_handle_survey(const FinderRequest& request, FinderReply& reply) {
   const IFINFO& iface = *request.iface;
-  put_setting<name_len>(reply, dev_get_brand_name);
-  put_setting<name_len>(reply, dev_get_product_name);
-  put_setting<model_len>(reply, dev_get_model_name);
-  put_setting<version_len>(reply, dev_get_oem_version);
-  put(reply, htole16(product_type_code()));
+  put_setting<name_len>(reply, dev_get_brand_name);      // at 0 of the payload
+  put_setting<name_len>(reply, dev_get_product_name);    // 64
+  put_setting<model_len>(reply, dev_get_model_name);     // 128
+  put_setting<version_len>(reply, dev_get_oem_version);  // 160
+  put_u16(reply, product_type_code());                   // 192
   unsigned long hw_spec = 0;
   dev_get_hw_spec(&hw_spec);
-  put(reply, htole32(static_cast<std::uint32_t>(hw_spec)));
-  put(reply, iface.mac);
+  put_u32(reply, static_cast<std::uint32_t>(hw_spec));  // 194
+  put(reply, iface.mac);                                // 198
   std::uint8_t* const camera_name = reply.bytes + reply.len;
-  put_setting<name_len>(reply, dev_get_camera_name);
-  put(reply, iface.ip);
-  put(reply, htole32(http_port()));  // a field of two bytes, and two that are 0
-  put(reply, iface.mask);
-  put(reply, iface.gateway);
+  put_setting<name_len>(reply, dev_get_camera_name);  // 204
+  put(reply, iface.ip);                               // 268
+  put_u32(reply, http_port());                        // 272: two bytes, and two that are 0
+  put(reply, iface.mask);                             // 276
+  put(reply, iface.gateway);                          // 280
   constexpr std::uint32_t dns_servers[2] = {};
-  put(reply, dns_servers);
+  put(reply, dns_servers);  // 284, where Finderd_get_dns writes: 80 behind the camera's name
   Finderd_get_dns(camera_name);
-  put(reply, byte_setting(net_get_dhcp_enable, 0));
+  put(reply, byte_setting(net_get_dhcp_enable, 0));  // 292
   char time_text[time_len] = "";
   const int timed = Finderd_get_time(time_text);
-  put_text(reply, time_len + 1, time_text);
+  put_text(reply, time_len + 1, time_text);  // 293: the text, and a byte that is 0
   char timezone[getter_len] = "";
   dev_get_timezone(timezone);
-  put_bytes(reply, timezone, timezone_len);
-  put(reply, byte_setting(dev_get_dst, 0));
+  put_bytes(reply, timezone, timezone_len);  // 309
+  put(reply, byte_setting(dev_get_dst, 0));  // 311
   return {.failed = timed == 0};
 }
 
 FinderResult Finderd_handle_spt_survey(const FinderRequest& request, FinderReply& reply) {
-  put_setting<name_len>(reply, dev_get_brand_name);
-  put_setting<model_len>(reply, dev_get_model_name);
-  put_setting<version_len>(reply, dev_get_oem_version);
-  put_setting<version_len>(reply, dev_get_spt_version);
-  put(reply, parse_mac(request.my_mac));
-  put_setting<name_len>(reply, dev_get_camera_name);
-  put_url(reply);
-  put(reply, request.iface->ip);
-  put(reply, htole16(http_port()));
-  put(reply, htole32(byte_setting(net_get_http_or_https, 0)));  // a field of one byte, and three that are 0
+  put_setting<name_len>(reply, dev_get_brand_name);        // at 0 of the payload
+  put_setting<model_len>(reply, dev_get_model_name);       // 64
+  put_setting<version_len>(reply, dev_get_oem_version);    // 96
+  put_setting<version_len>(reply, dev_get_spt_version);    // 128
+  put(reply, parse_mac(request.my_mac));                   // 160
+  put_setting<name_len>(reply, dev_get_camera_name);       // 166
+  put_url(reply);                                          // 230
+  put(reply, request.iface->ip);                           // 294
+  put_u16(reply, http_port());                             // 298
+  put_u32(reply, byte_setting(net_get_http_or_https, 0));  // 300: one byte, and three that are 0
   return {};
 }
 
