@@ -225,20 +225,24 @@ TEST_F(Connect, NobodyAnswersInTimeOrWithinTheExchangesLimit) {
 using ConnectDeathTest = Connect;
 
 TEST_F(ConnectDeathTest, AnExitRequestBeforeTheConnectionEndsIt) {
-  EXPECT_EXIT(
-      {
-        listen_to_nobody();
-        const ExchangeWatch watch(sock_);
-        end_exchanges();
-        watch.limit(500);
-        poll(nullptr, 0, 50);
-        const double took_s = seconds_of([&] {
-          connect_within(20);
-          send(sock_, "x", 1, MSG_NOSIGNAL);
-        });
-        std::_Exit(took_s < 3 ? 0 : 1);
-      },
-      testing::ExitedWithCode(0), "");
+  for (const bool begun : {false, true}) {
+    EXPECT_EXIT(
+        {
+          listen_to_nobody();
+          const ExchangeWatch watch(sock_);
+          if (begun) watch.limit(30'000);
+          poll(nullptr, 0, 50);
+          end_exchanges();
+          if (!begun) watch.limit(500);
+          poll(nullptr, 0, 50);
+          const double took_s = seconds_of([&] {
+            connect_within(20);
+            send(sock_, "x", 1, MSG_NOSIGNAL);
+          });
+          std::_Exit(took_s < 3 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+  }
 }
 
 TEST_F(Connect, ADescriptorBeyondTheSetIsRefused) {
