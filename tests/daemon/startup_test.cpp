@@ -156,19 +156,18 @@ TEST_F(StartUp, StepsComeInTheirOrder) {
 }
 
 TEST_F(StartUp, EndsOrGoesOnWithoutWhatIsRefused) {
-  struct Row {
+  const struct {
     const char* function;
     int status;
     const char *error, *line;  // all that is printed, when it ends
     std::size_t finders;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"signal", 1, "signal: Operation not permitted\n", "", 0},
       {"tessel_get_lock", 1, "kestreld: Process already running!\r\n", "> tessel_get_lock kestreld_lock\n", 0},
       {"sigaction", 0, "", "KLOGinit signal failed!\ntake_auth", 1},
       {"pthread_sigmask", 0, "", ", iSigMaskResult = 22(Invalid argument) \n", 0},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     on_start = [&](DeviceContext& ctx) {
       await_output(row.finders == 1 ? "finder: CST" : row.line);
       if (failing == "sigaction") raise(SIGUSR1), raise(SIGUSR2);
