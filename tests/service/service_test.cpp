@@ -38,8 +38,8 @@ namespace {
 
 // ---- Cipher ----
 
-const unsigned char* raw(const std::string& text) {
-  return nettle_cipher::bytes(text);
+unsigned char* bytes(std::string& text) {
+  return reinterpret_cast<unsigned char*>(text.data());
 }
 
 TEST(Blowfish, Cfb8IsNettlesForEveryLengthOfTextAndKey) {
@@ -50,15 +50,15 @@ TEST(Blowfish, Cfb8IsNettlesForEveryLengthOfTextAndKey) {
     std::string buffer = text;
     const auto size = static_cast<std::int32_t>(buffer.size());
     const auto key_len = static_cast<int>(key.size());
-    bf_cfb8_encrypt(nettle_cipher::bytes(buffer), size, raw(key), key_len, cipher_iv, cipher_iv_len);
+    bf_cfb8_encrypt(bytes(buffer), size, bytes(key), key_len, cipher_iv, cipher_iv_len);
     EXPECT_EQ(buffer, nettle_cipher::cfb8(true, key, text)) << len;
-    bf_cfb8_decrypt(nettle_cipher::bytes(buffer), size, raw(key), key_len, cipher_iv, cipher_iv_len);
+    bf_cfb8_decrypt(bytes(buffer), size, bytes(key), key_len, cipher_iv, cipher_iv_len);
     EXPECT_EQ(buffer, text) << len;
     text += static_cast<char>(len * 73 + 11);
   }
   const std::string before = text;
-  bf_cfb8_encrypt(nettle_cipher::bytes(text), 1, raw(text), 0, cipher_iv, cipher_iv_len);  // no key
-  bf_cfb8_encrypt(nettle_cipher::bytes(text), 1, raw(text), 8, cipher_iv, cipher_iv_len - 1);
+  bf_cfb8_encrypt(bytes(text), 1, bytes(text), 0, cipher_iv, cipher_iv_len);  // no key
+  bf_cfb8_encrypt(bytes(text), 1, bytes(text), 8, cipher_iv, cipher_iv_len - 1);
   EXPECT_EQ(text, before);
 }
 
