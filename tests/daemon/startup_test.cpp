@@ -98,6 +98,7 @@ class StartUp : public FakeTest {
  protected:
   void SetUp() override {
     FakeTest::SetUp();
+    signal(SIGINT, SIG_DFL);  // ignored in what a script runs in the background
     fake.debug_level = 1;
     fake.debug_token = "xxmObRaKiVyy";
     fake.gateway = false;
