@@ -143,13 +143,15 @@ TEST_F(StartUp, StepsComeInTheirOrder) {
   const Child child = run();
   EXPECT_EQ(child.status, 0);
   EXPECT_EQ(child.err, "");
-  expect_in_order(child.out, {"> tessel_get_lock kestreld_lock\n", "> dbg_get_level_token\n", "DbgLevel=(1)\n",
-                              "KLOG\nLumen device 1.2\n", "KLOGThe kestreld authors\n", "KLOGStarting.......\n",
+  expect_in_order(child.out, {"> tessel_get_lock kestreld_lock\n", "> dbg_get_level_token\nDbgLevel=(1)\n",
+                              "KLOG\nLumen device 1.2\nKLOGThe kestreld authors\nKLOGStarting.......\n",
                               "> get_dev_sip_account\n", "> cre_set_skyport_hid HID00001\n", "> Mupnpcp_discover 8\n",
-                              "install_handlers\n", "KLOGuser name=(HID00001)\n", "take_auth HID00001\n",
-                              "> wait_regardless 6\n", "KLOGdev_reload(0)\n", "handler\n", "SIGPIPE ignored\n",
-                              "records linked\n", "KLOG signalRequestExit()\n", "> SetSptOnLineStatus 0\n"});
-  EXPECT_TRUE(child.out.ends_with("> SetSptOnLineStatus 0\n")) << child.out;
+                              "> install_handlers\nKLOGuser name=(HID00001)\ntake_auth HID00001\n",
+                              "> wait_regardless 6\n", "KLOGdev_reload(0)\n", "handler\n"});
+  EXPECT_TRUE(
+      child.out.ends_with("SIGPIPE ignored\nrecords linked\nKLOG signalRequestExit()\n> end_exchanges\n"
+                          "> SetSptOnLineStatus 0\n"))
+      << child.out;
   expect_in_order(child.out, {"take_auth", "KLOGkestreld finderd_thread ",
                               " New finderd_thread pid:", "finder: CST, signals blocked\n", "finder: init\n",
                               "finder: the current record\n", "finder: loop\n", "finder: DST\n",
@@ -221,6 +223,7 @@ TEST_F(StartUp, AReloadStartsAnewAndAConfigurationOnlySetsItsWord) {
       if (signals[turn - 2] != 0) raise(signals[turn - 2]);
     };
     wait_while(ctx.run, 100);
+    tell("until " + std::to_string(fake.clock_s));
   };
   const Child child = run();
   EXPECT_EQ(child.status, 0);
@@ -229,7 +232,7 @@ TEST_F(StartUp, AReloadStartsAnewAndAConfigurationOnlySetsItsWord) {
       {"turn 1 configure 0 at 6\n", "KLOGrequestConfigure()\n", "KLOGdev_reload(0)\n", "turn 2 configure 1 at 6\n",
        "KLOGrequestConfigure()\n", "turn 3 configure 1 at 56\n", "KLOGrequestReloadHandler()\n", "KLOGdev_reload(1)\n",
        "> SetSptOnLineStatus 0\nKLOGstate_init()\n", "> get_dev_sip_account\n", "> install_handlers\n",
-       "turn 4 configure 1 at 106\n", "KLOGdev_reload(0)\n", "turn 5 configure 1 at 206\n"});
+       "turn 4 configure 1 at 106\n", "KLOGdev_reload(0)\n", "turn 5 configure 1 at 206\n", "until 256\n"});
   EXPECT_EQ(count(child.out, "install_handlers"), 2U);
 }
 
