@@ -149,7 +149,7 @@ TEST_F(StartUp, StepsComeInTheirOrder) {
                               "> install_handlers\nKLOGuser name=(HID00001)\ntake_auth HID00001\n",
                               "> wait_regardless 6\n", "KLOGdev_reload(0)\n", "handler\n"});
   EXPECT_TRUE(
-      child.out.ends_with("SIGPIPE ignored\nrecords linked\nKLOG signalRequestExit()\n> end_exchanges\n"
+      child.out.ends_with("SIGPIPE ignored\nrecords linked\nKLOG signalRequestExit()\n"
                           "> SetSptOnLineStatus 0\n"))
       << child.out;
   expect_in_order(child.out, {"take_auth", "KLOGkestreld finderd_thread ",
