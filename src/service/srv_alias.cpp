@@ -65,7 +65,7 @@ int store_verdict(char verdict, char* alias) {
   }
   if (verdict == '1') {
     debug_log("(1)Unknown error.\n");
-  } else {
+  } else if (verdict != '\0') {  // an answer without a verdict has no character to log
     debug_log("(%c)Unknown error.\n", verdict);
   }
   if (srv_set_skyport_alias_status(ALIAS_FAILED) == 0) {

@@ -2,12 +2,10 @@
 // states replaced. Whatever happens is printed to standard output in order: platform calls as "> call".
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <ctime>
+#include <filesystem>
 #include <string_view>
 
 #include "core/device_context.h"
@@ -23,8 +21,6 @@ namespace kestrel {
 namespace {
 
 std::function<void(DeviceContext&)> on_start;  // the handler of START
-std::function<void()> on_install;
-std::atomic<bool> finder_done{false};
 std::string_view failing;
 
 /// The function that one of the same name here stands before.
@@ -39,14 +35,9 @@ void tell(const std::string& text) {
   static_cast<void>(n);
 }
 
-void await_finder() {
-  const timespec ms{0, 1'000'000};
-  for (int i = 0; i < 10'000 && !finder_done; ++i) nanosleep(&ms, nullptr);
-}
-
-/// What the finder's thread logs comes in its own time, also behind finder_done.
+/// The finder's thread prints in its own time.
 void await_output(const char* text) {
-  for (int i = 0; i < 1000 && read_file("/proc/self/fd/1").find(text) == std::string::npos; ++i) usleep(10'000);
+  for (int i = 0; i < 10'000 && read_file("/proc/self/fd/1").find(text) == std::string::npos; ++i) usleep(1000);
 }
 
 }  // namespace
@@ -69,15 +60,13 @@ int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) noexcept {
 }  // extern "C"
 
 void install_handlers(DeviceContext& ctx) {
-  tell("install_handlers");
+  fake_record("install_handlers");
   for (StateHandler& handler : ctx.handlers) {
     handler = [](DeviceContext* current) {
       tell("handler");
-      await_finder();
       on_start(*current);
     };
   }
-  if (on_install) on_install();
 }
 
 void Finderd_take_auth(const AuthenticateInfo& auth) {
@@ -101,7 +90,6 @@ void Finderd_loop() {
 }
 void Finderd_DST() {
   tell("finder: DST");
-  finder_done = true;
 }
 
 namespace {
@@ -110,13 +98,16 @@ class StartUp : public FakeTest {
  protected:
   void SetUp() override {
     FakeTest::SetUp();
+    signal(SIGINT, SIG_DFL);  // ignored in what a script runs in the background
     fake.debug_level = 1;
     fake.debug_token = "xxmObRaKiVyy";
     fake.gateway = false;
     fake.refer_path = "/dev/null";
     fake.on_call = [](const std::string& call) { tell("> " + call); };
-    on_start = [](DeviceContext&) { raise(SIGTERM); };
-    on_install = nullptr;
+    on_start = [](DeviceContext&) {
+      await_output("finder: DST\n");
+      raise(SIGTERM);
+    };
   }
 
   static Child run() {
@@ -152,75 +143,66 @@ TEST_F(StartUp, StepsComeInTheirOrder) {
   const Child child = run();
   EXPECT_EQ(child.status, 0);
   EXPECT_EQ(child.err, "");
-  expect_in_order(child.out, {"> tessel_get_lock kestreld_lock\n", "> dbg_get_level_token\n", "DbgLevel=(1)\n",
-                              "KLOG\nLumen device 1.2\n", "KLOGThe kestreld authors\n", "KLOGStarting.......\n",
+  expect_in_order(child.out, {"> tessel_get_lock kestreld_lock\n", "> dbg_get_level_token\nDbgLevel=(1)\n",
+                              "KLOG\nLumen device 1.2\nKLOGThe kestreld authors\nKLOGStarting.......\n",
                               "> get_dev_sip_account\n", "> cre_set_skyport_hid HID00001\n", "> Mupnpcp_discover 8\n",
-                              "install_handlers\n", "KLOGuser name=(HID00001)\n", "take_auth HID00001\n",
-                              "> wait_regardless 6\n", "KLOGdev_reload(0)\n", "handler\n", "SIGPIPE ignored\n",
-                              "records linked\n", "KLOG signalRequestExit()\n", "> SetSptOnLineStatus 0\n"});
-  EXPECT_TRUE(child.out.ends_with("> SetSptOnLineStatus 0\n")) << child.out;
+                              "> install_handlers\nKLOGuser name=(HID00001)\ntake_auth HID00001\n",
+                              "> wait_regardless 6\n", "KLOGdev_reload(0)\n", "handler\n"});
+  EXPECT_TRUE(
+      child.out.ends_with("SIGPIPE ignored\nrecords linked\nKLOG signalRequestExit()\n"
+                          "> SetSptOnLineStatus 0\n"))
+      << child.out;
   expect_in_order(child.out, {"take_auth", "KLOGkestreld finderd_thread ",
                               " New finderd_thread pid:", "finder: CST, signals blocked\n", "finder: init\n",
                               "finder: the current record\n", "finder: loop\n", "finder: DST\n",
                               "KLOG[RTSPd finderd_thread ", "terminated!\n\n\n\n\n\n"});
 }
 
-TEST_F(StartUp, ASecondInstanceSaysSoAndTouchesNothing) {
-  fake.always["tessel_get_lock"] = 0;
-  const Child child = run_child([] {
-    current_record.pid = 4711;
-    const int status = run_daemon();
-    EXPECT_EQ(current_record.pid, 4711);
-    return status;
-  });
-  EXPECT_EQ(child.status, 1);
-  EXPECT_EQ(child.err, "kestreld: Process already running!\r\n");
-  EXPECT_EQ(child.out, "> tessel_get_lock kestreld_lock\n");
-}
-
-TEST_F(StartUp, GoesOnWithoutWhatTheSystemRefuses) {
-  struct Row {
+TEST_F(StartUp, EndsOrGoesOnWithoutWhatIsRefused) {
+  const struct {
     const char* function;
     int status;
-    const char* line;
+    const char *error, *line;  // all that is printed, when it ends
     std::size_t finders;
+  } rows[] = {
+      {"signal", 1, "signal: Operation not permitted\n", "", 0},
+      {"tessel_get_lock", 1, "kestreld: Process already running!\r\n", "> tessel_get_lock kestreld_lock\n", 0},
+      {"sigaction", 0, "", "KLOGinit signal failed!\ntake_auth", 1},
+      {"pthread_sigmask", 0, "", ", iSigMaskResult = 22(Invalid argument) \n", 0},
   };
-  const Row rows[] = {
-      {"signal", 1, "", 0},
-      {"sigaction", 0, "KLOGinit signal failed!\ntake_auth", 1},
-      {"pthread_sigmask", 0, ", iSigMaskResult = 22(Invalid argument) \n", 0},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     on_start = [&](DeviceContext& ctx) {
-      await_output(row.line);
+      await_output(row.finders == 1 ? "finder: CST" : row.line);
       if (failing == "sigaction") raise(SIGUSR1), raise(SIGUSR2);
       EXPECT_EQ(ctx.dev_reload + ctx.configure, 0U);
       raise(SIGTERM);
     };
     const Child child = run_child([&] {
       failing = row.function;
-      finder_done = failing == "pthread_sigmask";
+      fake.always["tessel_get_lock"] = failing == "tessel_get_lock" ? 0 : 1;
+      current_record.pid = 4711;
       errno = EPERM;
-      return run_daemon();
+      const int status = run_daemon();
+      EXPECT_EQ(current_record.pid == 4711, status != 0);
+      return status;
     });
     EXPECT_EQ(child.status, row.status) << row.function << child.out;
-    EXPECT_EQ(child.err, row.status != 0 ? "signal: Operation not permitted\n" : "");
-    EXPECT_NE(child.out.find(row.line), child.out.npos) << child.out;
+    EXPECT_EQ(child.err, row.error);
+    EXPECT_TRUE(row.status != 0 ? child.out == row.line : count(child.out, row.line) == 1) << child.out;
     EXPECT_EQ(count(child.out, "finder: CST"), row.finders);
   }
 }
 
 TEST_F(StartUp, ALevelCountsOnlyWithTheToken) {
-  struct Row {
+  const struct {
     const char* token;
     int level;
     bool announced, logs;
-  };
-  const Row rows[] = {{"0123456789 mObRaKiV 0123456789 too long for its buffer", 1, true, true},
-                      {"mObRaKiV", 2, true, false},
-                      {"mobrakiv", 1, false, false},
-                      {"", 1, false, false}};
-  for (const Row& row : rows) {
+  } rows[] = {{"0123456789 mObRaKiV 0123456789 too long for its buffer", 1, true, true},
+              {"mObRaKiV", 2, true, false},
+              {"mobrakiv", 1, false, false},
+              {"", 1, false, false}};
+  for (const auto& row : rows) {
     fake.debug_token = row.token;
     fake.debug_level = row.level;
     const Child child = run();
@@ -241,6 +223,7 @@ TEST_F(StartUp, AReloadStartsAnewAndAConfigurationOnlySetsItsWord) {
       if (signals[turn - 2] != 0) raise(signals[turn - 2]);
     };
     wait_while(ctx.run, 100);
+    tell("until " + std::to_string(fake.clock_s));
   };
   const Child child = run();
   EXPECT_EQ(child.status, 0);
@@ -248,60 +231,50 @@ TEST_F(StartUp, AReloadStartsAnewAndAConfigurationOnlySetsItsWord) {
       child.out,
       {"turn 1 configure 0 at 6\n", "KLOGrequestConfigure()\n", "KLOGdev_reload(0)\n", "turn 2 configure 1 at 6\n",
        "KLOGrequestConfigure()\n", "turn 3 configure 1 at 56\n", "KLOGrequestReloadHandler()\n", "KLOGdev_reload(1)\n",
-       "> SetSptOnLineStatus 0\nKLOGstate_init()\n", "> get_dev_sip_account\n", "install_handlers\n",
-       "turn 4 configure 1 at 106\n", "KLOGdev_reload(0)\n", "turn 5 configure 1 at 206\n"});
+       "> SetSptOnLineStatus 0\nKLOGstate_init()\n", "> get_dev_sip_account\n", "> install_handlers\n",
+       "turn 4 configure 1 at 106\n", "KLOGdev_reload(0)\n", "turn 5 configure 1 at 206\n", "until 256\n"});
   EXPECT_EQ(count(child.out, "install_handlers"), 2U);
 }
 
-TEST_F(StartUp, AnExitRequestIsNeverLostInAReload) {
-  // The platform call of the reload at which the exit comes; null for after its last step.
-  const char* rows[] = {"SetSptOnLineStatus", "dev_get_model_name", "get_dev_sip_account", "Mupnpcp_discover", nullptr};
-  for (const char* at : rows) {
-    on_install = nullptr;
-    on_start = [at, first = true](DeviceContext&) mutable {
-      if (!first) return;
-      first = false;
-      raise(SIGUSR1);
-      if (at == nullptr) on_install = [] { raise(SIGTERM); };
-      fake.on_call = [at](const std::string& call) {
-        tell("> " + call);
-        if (at != nullptr && call.starts_with(at)) raise(SIGTERM);
-        if (fake.calls.size() > 500) _exit(50);
-      };
-    };
-    const Child child = run();
-    EXPECT_EQ(child.status, 0) << (at != nullptr ? at : "last step") << child.out;
-    expect_in_order(child.out, {"KLOGstate_init()\n", "install_handlers\n", "> SetSptOnLineStatus 0\n"});
-    EXPECT_EQ(count(child.out, "\nhandler\n"), 1U) << child.out;
-  }
-}
-
-TEST_F(StartUp, EachSignalBeforeAndBehindItsHandler) {
+TEST_F(StartUp, ASignalAtEveryStep) {
   struct Row {
     int signal;
-    int status;  // when it comes while the daemon waits for its account
+    const char* at;
+    int turn;  // at which call of that function; at a second one the daemon reloads
+    int status;
     const char* line;
-    std::size_t handlers;  // runs of START, when it comes before the first
+    std::size_t handlers;  // runs of START
   };
-  const Row rows[] = {{SIGTERM, 128 + SIGTERM, "KLOG signalRequestExit()\n", 0},
-                      {SIGINT, 128 + SIGINT, "KLOG signalRequestExit()\n", 0},
-                      {SIGUSR1, 0, "KLOGrequestReloadHandler()\n", 1},
-                      {SIGUSR2, 0, "KLOGrequestConfigure()\n", 1}};
+  const char* exit_line = "KLOG signalRequestExit()\n";
+  // Without their handlers the first two end a daemon that waits for its account.
+  const Row rows[] = {{SIGTERM, "get_dev_sip_account", 1, 128 + SIGTERM, nullptr, 0},
+                      {SIGINT, "get_dev_sip_account", 1, 128 + SIGINT, nullptr, 0},
+                      {SIGUSR1, "get_dev_sip_account", 1, 0, "KLOGrequestReloadHandler()\n", 1},
+                      {SIGUSR2, "get_dev_sip_account", 1, 0, "KLOGrequestConfigure()\n", 1},
+                      {SIGTERM, "wait_regardless", 1, 0, exit_line, 0},
+                      {SIGINT, "wait_regardless", 1, 0, exit_line, 0},
+                      {SIGUSR1, "wait_regardless", 1, 0, "KLOGrequestReloadHandler()\n", 1},
+                      {SIGUSR2, "wait_regardless", 1, 0, "KLOGrequestConfigure()\n", 1},
+                      {SIGTERM, "SetSptOnLineStatus", 2, 0, exit_line, 0},
+                      {SIGTERM, "dev_get_model_name", 2, 0, exit_line, 0},
+                      {SIGTERM, "get_dev_sip_account", 2, 0, exit_line, 0},
+                      {SIGTERM, "Mupnpcp_discover", 2, 0, exit_line, 0},
+                      {SIGTERM, "install_handlers", 2, 0, exit_line, 0}};
   for (const Row& row : rows) {
-    for (const char* at : {"get_dev_sip_account", "wait_regardless"}) {
-      const bool early = at[0] == 'g';
-      fake.on_call = [&](const std::string& call) {
-        tell("> " + call);
-        static int asked = 0;
-        if (call.starts_with(at) && ++asked == 1) raise(row.signal);
-      };
-      const Child child = run();
-      EXPECT_EQ(child.status, early ? row.status : 0) << row.line;
-      EXPECT_EQ(count(child.out, row.line), early && row.status != 0 ? 0U : 1U) << row.line;
-      EXPECT_EQ(count(child.out, "\nhandler\n"), row.handlers) << row.line << child.out;
-      const std::size_t reloads = row.signal == SIGUSR1 ? 1 : 0;
-      EXPECT_EQ(count(child.out, "KLOGstate_init()\n"), reloads) << row.line;
-    }
+    const bool reloads = row.turn == 2 || row.signal == SIGUSR1;
+    fake.on_call = [&,
+                    turn = std::string_view(row.at) == "SetSptOnLineStatus" ? 1 : 0](const std::string& call) mutable {
+      tell("> " + call);
+      if (row.turn == 2 && call.starts_with("wait_regardless")) raise(SIGUSR1);
+      if (call.starts_with(row.at) && ++turn == row.turn) raise(row.signal);
+      if (fake.calls.size() > 500) _exit(50);
+    };
+    const Child child = run();
+    EXPECT_EQ(child.status, row.status) << row.at << child.out;
+    EXPECT_EQ(row.line == nullptr ? count(child.out, exit_line) : count(child.out, row.line) - 1, 0U) << child.out;
+    EXPECT_EQ(count(child.out, "\nhandler\n"), row.handlers) << row.at << child.out;
+    EXPECT_EQ(count(child.out, "KLOGstate_init()\n"), reloads ? 1U : 0U) << row.at;
+    EXPECT_EQ(count(child.out, "> SetSptOnLineStatus 0\n"), (reloads ? 1U : 0U) + (row.status == 0 ? 1U : 0U));
   }
 }
 
@@ -318,11 +291,8 @@ TEST_F(StartUp, TheExitsStateHasNoHandler) {
 
 TEST_F(StartUp, ClosedStandardDescriptorsLeadNowhere) {
   on_start = [](DeviceContext&) {
-    struct stat null {
-    }, at{};
-    stat("/dev/null", &null);
     for (int fd = 0; fd < 3; ++fd) {
-      if (fstat(fd, &at) != 0 || at.st_rdev != null.st_rdev) _exit(40 + fd);
+      if (std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)) != "/dev/null") _exit(40 + fd);
       if ((fcntl(fd, F_GETFL) & O_NONBLOCK) != 0) _exit(50 + fd);  // the log's own took its place
     }
     raise(SIGTERM);

@@ -16,8 +16,8 @@ namespace kestrel {
 int WaitConnect(int /*sock*/, const sockaddr* addr, unsigned addrlen, int timeout_s) {
   sockaddr_in peer{};
   std::memcpy(&peer, addr, addrlen);
-  char ip[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &peer.sin_addr, ip, sizeof(ip));
+  char ip[INET_ADDRSTRLEN] = "";
+  inet_ntop(peer.sin_family, &peer.sin_addr, ip, sizeof(ip));
   fake_record(std::string("connect ") + ip + ":" + std::to_string(ntohs(peer.sin_port)) + " " +
               std::to_string(timeout_s));
   return fake_result("connect", 0);

@@ -3,9 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "fuzz.h"
-#include "support/http_response.h"
+#include "platform/tessel.h"
 
 Texts fuzz_seeds() {
   const std::string challenge = "WWW-Authenticate: Digest realm=\"sky\", nonce=\"abc\"\r\n";
@@ -17,6 +18,26 @@ Texts fuzz_seeds() {
 }
 
 namespace {
+
+/// Reads one response from `fd`, which is closed: "STATUS|Name=value;...|body"; empty for none.
+std::string read_response(int fd) {
+  ILibHCHTTPReaderObject reader{};
+  reader.ClientSocket = fd;
+  ILibProcessSocketRecv(&reader);
+  std::string seen;
+  if (reader.PacketHeader != nullptr) {
+    seen = std::to_string(reader.PacketHeader->StatusCode) + "|";
+    for (auto* field = reader.PacketHeader->FirstField; field != nullptr; field = field->NextField) {
+      seen += std::string(field->Field) + "=" + field->FieldData + ";";
+    }
+    seen += "|";
+  }
+  if (reader.Body != nullptr) seen.append(reader.Body, static_cast<std::size_t>(reader.Body_Read));
+  ILibDestructPacket(reader.PacketHeader);
+  std::free(reader.Body);
+  ILibForceClose(&reader);
+  return seen;
+}
 
 /// What the reader makes of a text that arrives in pieces of `len` bytes, its end behind it.
 std::string read_answer(const std::string& text, std::size_t len) {

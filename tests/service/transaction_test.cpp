@@ -45,6 +45,8 @@ struct Subject {
   std::string body;          // behind the six digits, within <ldev>; empty for a GET
 
   const char* method() const { return body.empty() ? "GET" : "POST"; }
+  const char* server() const { return send == srv_get_eip ? "192.0.2.20" : "192.0.2.10"; }
+  std::string path_by(bool relay) const { return relay ? std::string("http://") + server() + ":80" + path : path; }
 };
 
 enum { daip, eip, update, connectback, alias, enable, report };
@@ -158,20 +160,18 @@ TEST_F(Transaction, GoesToTheServiceOrThroughTheRelayWhenItFits) {
       start();
       ctx.proxy_tested = relay ? 1 : 0;
       EXPECT_EQ(exchange(subject, {}), 1) << subject.path;
-      const std::string server = &subject == &subjects[eip] ? "192.0.2.20" : "192.0.2.10";
-      const std::string path = relay ? "http://" + server + ":80" + subject.path : subject.path;
       const bool post = !subject.body.empty();
       const int len = static_cast<int>(sent_body().size());
       const FakeRequest expected{post ? "httpBuildPacket3" : "httpBuildPacket",
                                  "HID00001",
-                                 server,
-                                 path,
+                                 subject.server(),
+                                 subject.path_by(relay),
                                  subject.method(),
                                  "",
                                  80,
                                  post ? len : -1};
       EXPECT_EQ(fake.requests, std::vector{expected}) << subject.path;
-      const std::string peer = relay ? "1.2.3.4:8888" : server + ":80";
+      const std::string peer = relay ? "1.2.3.4:8888" : std::string(subject.server()) + ":80";
       const Texts calls{"ILibGetStreamSocket",   "watch",     "connect " + peer + " 20", "limit 30000",
                         "ILibProcessSocketRecv", "watch ends"};
       EXPECT_EQ(fake_calls({"ILib", "connect", "watch", "limit"}), calls) << subject.path;
@@ -268,6 +268,7 @@ TEST_F(Transaction, AChallengeIsAnsweredWithTheNextRequest) {
         EXPECT_EQ(exchange(subject, {.status = row.status}), row.result);
         const FakeRequest& request = fake.requests.back();
         EXPECT_EQ(request.builder, "httpBuildPacket_Auth_Encrypt");
+        EXPECT_EQ(request.path, subject.path_by(relay));
         EXPECT_EQ(request.content_length, sent_body().empty() ? -1 : static_cast<int>(sent_body().size()));
         // A new challenge has its own, of the same microsecond.
         const std::string cnonce = auth.cnonce;
@@ -283,13 +284,6 @@ TEST_F(Transaction, AChallengeIsAnsweredWithTheNextRequest) {
       }
     }
   }
-}
-
-TEST_F(Transaction, WhenTheDaemonIsToEndAnExchangeHasHalfASecond) {
-  ctx.run = 0;
-  EXPECT_EQ(exchange(subjects[eip], {}), 1);
-  const Texts calls{"watch", "limit 500", "connect 192.0.2.20:80 20", "watch ends"};
-  EXPECT_EQ(fake_calls({"connect", "watch", "limit"}), calls);
 }
 
 TEST_F(Transaction, WhatAChallengeLacksStays) {
@@ -342,14 +336,13 @@ TEST_F(Transaction, LogOfEachRequest) {
     return "<-401 received!| ecnode bodylen=30|  algorithm=MD5|  nonce=n0|  qop=auth|  realm=sky|  uri=" + uri +
            "|  cnonce=CNONCE (32)|";
   };
-  struct Row {
+  // clang-format off
+  const struct {
     int subject;
     std::uint32_t on;
     FakeResponse response;
     std::string log;
-  };
-  // clang-format off
-  const Row rows[] = {
+  } rows[] = {
       {eip, 0, {.body = eip_body},
        " ---[ srv_get_eip ]---| auth_info->on=0| BufferLength=(SENT)| portnum=(40000)| connect to 192.0.2.20:80|"
        " connect=0| send=SENT| Body_Read=72||<--|" + eip_body + "|<--|<-200 OK receiced!|"
@@ -398,7 +391,7 @@ TEST_F(Transaction, LogOfEachRequest) {
        " ecnode bodylen=PADDED|connect=0|null|"},
   };
   // clang-format on
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     start();
     ctx.auth_info.on = row.on;
     exchange(subjects[row.subject], row.response);
@@ -409,10 +402,9 @@ TEST_F(Transaction, LogOfEachRequest) {
 }
 
 TEST_F(Transaction, ConnectBackTestsTheAddressThatMayBeReached) {
-  struct Row {
+  const struct {
     const char *ue_ip, *ue_port, *tested, *line;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"198.51.100.7", "8080", "198.51.100.7", "  use ueip=198.51.100.7:8080 doing connect back test\n"},
       {"10.0.0.1", "443", "203.0.113.5", "  use eip=203.0.113.5:443 doing connect back test\n"},
       {"0.0.0.0", "8080", "203.0.113.5", ""},
@@ -420,7 +412,7 @@ TEST_F(Transaction, ConnectBackTestsTheAddressThatMayBeReached) {
       {"null", "8080", "203.0.113.5", ""},
       {"198.51.100.7", "", nullptr, "[kestreld]: *** invalid parameters\n"},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     start();
     copy_text(ctx.ue.ip, row.ue_ip);
     copy_text(ctx.ue.port, row.ue_port);
@@ -433,101 +425,109 @@ TEST_F(Transaction, ConnectBackTestsTheAddressThatMayBeReached) {
 }
 
 TEST_F(Transaction, AConnectionReportIsSentOnceForEveryChange) {
-  struct Row {
+  const struct {
     const char* what;
     std::string record;
     int connect, result;
     bool sent;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"changed", "<first>1</first>\n", 0, 1, true},
       {"the same", "<first>1</first>\n", 0, 1, false},
       {"changed, but no connection", "<first>2</first>\n", -1, 0, false},
       {"lost, though it would go now", "<first>2</first>\n", 0, 1, false},
       {"the longest that fits", std::string(4034, 'r'), 0, 1, true},
+      {"too long for a body, and not taken for sent", std::string(4035, 'r'), 0, 0, false},
   };
   AuthenticateInfo own{};  // the finder's
   copy_text(own.user, "finder");
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     fake.first_connection = row.record;
     fake.always["connect"] = row.connect;
     fake.responses = {{}};
     fake.sent.clear();
     EXPECT_EQ(conn_report(&ctx, &own, last_report), row.result) << row.what;
-    EXPECT_EQ(last_report, row.record) << row.what;
+    EXPECT_EQ(last_report, row.record.substr(0, 4034)) << row.what;
     ASSERT_EQ(fake.sent.size(), row.sent ? 1U : 0U) << row.what;
     if (!row.sent) continue;
     EXPECT_EQ(sent_plain(), with_xml_around(row.record));
-    EXPECT_EQ(fake.requests.back().user, "finder");
+    EXPECT_EQ(fake.requests.back().user, own.user);
   }
-  fake.first_connection = std::string(4035, 'r');  // too long for a body: said, and not taken for sent
-  EXPECT_EQ(conn_report(&ctx, &own, last_report), 0);
   EXPECT_EQ(fake.log.back(), "[kestreld] *** first-connection record too long, not reported\n");
-  EXPECT_EQ(last_report, rows[4].record);
 }
 
-TEST_F(Transaction, AliasFollowUp) {
-  using Script = std::deque<FakeResponse>;
-  const auto says = [](const std::string& text) { return FakeResponse{.body = seal("<ahret>" + text + "</ahret>")}; };
-  Script tenth(9, FakeResponse{.status = 404});
-  tenth.push_back(says("2"));
-  const Texts taken = {"srv_update_aliasname_status the porch of the house by the s 16"},
-              duplicate = {"srv_set_skyport_alias_status 32"}, failed = {"srv_set_skyport_alias_status 48"}, nothing;
-  struct Row {
-    const char* what;
+TEST_F(Transaction, AliasFollowUpStoresTheVerdict) {
+  const std::string set = "srv_set_skyport_alias_status ";
+  const struct {
+    std::string verdict;
+    int result;
+    const char* text;
+    std::string stored, not_stored;
+  } rows[] = {
+      {"0", 0, "alias change ok.\n", "srv_update_aliasname_status the porch of the house by the s 16",
+       "srv_update_aliasname_status failed\n"},
+      {"1", -1, "Unknown error.\n", set + "48", set + "ALIAS_FAILED failed!\n"},
+      {"2", -1, "alias duplicated.\n", set + "32", set + "ALIAS_DUPLICATE failed!\n"},
+      {std::string(500, '7'), -1, "Unknown error.\n", set + "48", set + "ALIAS_FAILED failed!\n"},
+      {"", -1, "", set + "48", set + "ALIAS_FAILED failed!\n"},
+  };
+  for (const auto& row : rows) {
+    const std::string answer = row.verdict.empty() ? "<x/>" : "<ahret>" + row.verdict + "</ahret>";
+    const std::string code = row.verdict.substr(0, 1);
+    const std::string said = code.empty() ? "" : "(" + code + ")" + row.text;
+    for (const int store : {0, 1}) {
+      start();
+      current_record = ctx;
+      fake.alias = "the porch of the house by the sea";  // cut to its 31 characters
+      fake.alias_status = 3;
+      fake.always = {{"srv_update_aliasname_status", store}, {"srv_set_skyport_alias_status", store}};
+      fake.responses = {{.body = seal(answer)}};
+      EXPECT_EQ(alias_follow_up(), row.result) << answer;
+      EXPECT_EQ(fake_calls({"srv_update_", "srv_set_"}), Texts{row.stored});
+      std::string log;
+      for (const std::string& line : fake.log) log += line;
+      EXPECT_TRUE(log.ends_with("  " + answer + "\n\n" + (code.empty() ? "" : "==>[ahret] " + code + "\n") +
+                                "server alias return success.\n" + said +
+                                (store == 1 ? "" : "[kestreld] *** " + row.not_stored)))
+          << log;
+    }
+  }
+}
+
+TEST_F(Transaction, AliasFollowUpTriesTenTimesWhileOneIsAskedFor) {
+  std::deque<FakeResponse> tenth(9, FakeResponse{.status = 404});
+  tenth.push_back({});
+  const struct {
     int getter;
     char status;
-    int store;
-    Script responses;
-    int result;
+    std::uint32_t run;
+    std::deque<FakeResponse> responses;
     std::size_t attempts;
-    Texts stored;
-    std::string log;  // its end
+    const char* line;
+  } rows[] = {
+      {1, 1, 1, tenth, 10, "server alias return success.\n"},
+      {1, 1, 1, {}, 10, "server alias return fail.\n"},
+      {1, 1, 0, {}, 1, "server alias return fail.\n"},
+      {1, ALIAS_OK, 1, {}, 0, "keep original URL\n"},
+      {0, 1, 1, {}, 0, "keep original URL\n"},
   };
-  // clang-format off
-  const Row rows[] = {
-      {"accepted", 1, 1, 1, {says("0")}, 0, 1, taken,
-       "  <ahret>0</ahret>\n\n==>[ahret] 0\nserver alias return success.\n(0)alias change ok.\n"},
-      {"accepted, store fails", 1, 3, 0, {says("0")}, 0, 1, taken,
-       "(0)alias change ok.\n[kestreld] *** srv_update_aliasname_status failed\n"},
-      {"a verdict nobody knows", 1, 1, 1, {says("7")}, -1, 1, failed, "==>[ahret] 7\nserver alias return success.\n"
-       "(7)Unknown error.\n"},
-      {"unknown error, store fails", 1, 1, 0, {says("1")}, -1, 1, failed,
-       "(1)Unknown error.\n[kestreld] *** srv_set_skyport_alias_status ALIAS_FAILED failed!\n"},
-      {"taken, store fails", 1, 1, 0, {says("2")}, -1, 1, duplicate,
-       "(2)alias duplicated.\n[kestreld] *** srv_set_skyport_alias_status ALIAS_DUPLICATE failed!\n"},
-      {"a verdict without end", 1, 1, 1, {says(std::string(500, '0'))}, 0, 1, taken, "(0)alias change ok.\n"},
-      {"the tenth attempt", 1, 1, 1, tenth, -1, 10, duplicate, "success.\n(2)alias duplicated.\n"},
-      {"ten times no answer", 1, 1, 1, {}, -1, 10, nothing, "\nnull\nserver alias return fail.\n"},
-      {"nothing pending", 1, ALIAS_OK, 1, {}, -1, 0, nothing, "keep original URL\n"},
-      {"no store", 0, 1, 1, {}, -1, 0, nothing, "[kestreld] *** srv_get_aliasname_status error\nkeep original URL\n"},
-  };
-  // clang-format on
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     start();
     current_record = ctx;
-    fake.alias = "the porch of the house by the sea";  // cut to its 31 characters
+    current_record.run = row.run;
     fake.alias_status = row.status;
-    fake.always = {{"srv_get_aliasname_status", row.getter},
-                   {"srv_update_aliasname_status", row.store},
-                   {"srv_set_skyport_alias_status", row.store}};
+    fake.always["srv_get_aliasname_status"] = row.getter;
     fake.responses = row.responses;
-    EXPECT_EQ(alias_follow_up(), row.result) << row.what;
-    EXPECT_EQ(fake.requests.size(), row.attempts) << row.what;
-    EXPECT_EQ(fake_calls({"srv_update_", "srv_set_"}), row.stored) << row.what;
-    std::string log;
-    for (const std::string& line : fake.log) log += line;
-    EXPECT_TRUE(log.ends_with(row.log)) << row.what << "\n" << log;
-    EXPECT_EQ(fake_logged("return fail.\n") + fake_logged("return success.\n"), row.attempts) << row.what;
-    EXPECT_EQ(fake_logged("update alias URL\n"), row.attempts > 0 ? 1U : 0U) << row.what;
-    EXPECT_LE(fake_open_sockets(), 1) << row.what;
+    EXPECT_EQ(alias_follow_up(), -1);
+    EXPECT_EQ(fake.requests.size(), row.attempts);
+    EXPECT_EQ(fake.log.back(), row.line);
+    EXPECT_EQ(fake_logged("return fail.\n") + fake_logged("return success.\n"), row.attempts);
+    EXPECT_EQ(fake_logged("update alias URL\n"), row.attempts > 0 ? 1U : 0U);
+    EXPECT_EQ(fake_logged("[kestreld] *** srv_get_aliasname_status error\n"), row.getter == 0 ? 1U : 0U);
+    EXPECT_LE(fake_open_sockets(), 1);
+    if (row.run == 1) continue;
+    const Texts calls{"watch", "limit 500", "connect 192.0.2.10:80 20", "watch ends"};
+    EXPECT_EQ(fake_calls({"connect", "watch", "limit"}), calls) << "half a second once the daemon is to end";
   }
-  start();
-  current_record = ctx;
-  current_record.run = 0;
-  fake.alias_status = ALIAS_REQUESTED;
-  EXPECT_EQ(alias_follow_up(), -1);
-  EXPECT_EQ(fake.requests.size(), 1U) << "no repetition once the daemon is to end";
 }
 
 }  // namespace

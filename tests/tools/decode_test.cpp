@@ -1,5 +1,8 @@
 // tools/decode: what it makes of good input is the daemon's own work undone; what it says of bad input is a table.
 #include "body.h"
+
+#include <cstring>
+
 #include "fake_platform/fixture.h"
 #include "service/body_cipher.h"
 #include "service/requests.h"
