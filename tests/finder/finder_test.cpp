@@ -185,7 +185,7 @@ class FinderTest : public FakeTest {
     fake.interfaces = {ACT_IF_INFO{"", "02:90:5e:aA:Bf:cc", "", "", ""}};
     fake.metrics = {{0, "lo"}};
     fake.binary_interfaces["lo"] = interface("127.0.0.1");
-    fake.http_port = 8080;
+    fake.http_port = 50080;
     fake.https = fake.dst = 1;
     fake.timezone = "\x34\x12";
     fake.alias = "porch";
@@ -278,13 +278,13 @@ TEST_F(FinderTest, EveryOperationByteForByteAndLineForLine) {
       {op_survey, "",
        text("Lumen", 64) + text("Eye", 64) + text("LC-100", 32) + text("7.8", 32) +
            hex("0200 78563412 0a0b0c0d0e0f") +              // product type 1, hardware, the interface's own MAC
-           text("Porch", 64) + hex("7f000001 901f 0000") +  // address, port 8080, zero
+           text("Porch", 64) + hex("7f000001 a0c3 0000") +  // address, port 50080, zero
            hex("ff000000 0a0102fe c0000201 c0000203 01") +  // mask, gateway, first and last DNS server, DHCP
            "20010909034640" + hex("00 00 3412 01"),         // local time, terminator, zero, timezone, dst
        "Finderd_handle_survey() >>>\n"},
       {op_spt_survey, "",
        text("Lumen", 64) + text("LC-100", 32) + text("7.8", 32) + text("3.0", 32) + own + text("Porch", 64) +
-           text("http://porch.skyport.test/", 64) + hex("7f000001 901f 01 000000"),
+           text("http://porch.skyport.test/", 64) + hex("7f000001 a0c3 01 000000"),
        "Finderd_handle_spt_survey() >>>\n"},
       {op_list, credentials, op_list_answer.substr(6), checked + "Finderd_handle_op_list() >>>\n"},
       {op_get_enable, "", hex("01") + Bytes(15, '\0'), query + "Finderd_get_lumen_device_1_2() >>>\n",
@@ -486,13 +486,13 @@ TEST_F(FinderTest, RepliesTakeWhatThePlatformGives) {
     EXPECT_EQ(payload(op_survey).substr(292), hex("01") + Bytes(16, '\0') + hex("341201"));
   }
 
-  fake.http_port = 0x10000 + 8080;
+  fake.http_port = 0x10000 + 50080;
   fake.brand = fake.product = fake.model = fake.oem_version = fake.camera_name = Bytes(200, 'x');
   fake.spt_version = fake.http_url = fake.last_alias = Bytes(200, 'x');
   const Bytes x63 = Bytes(63, 'x') + '\0';
   const Bytes x31 = Bytes(31, 'x') + '\0';
   EXPECT_EQ(payload(op_survey).substr(0, 192), x63 + x63 + x31 + x31);
-  EXPECT_EQ(payload(op_survey).substr(204, 72), x63 + hex("7f000001 901f 0000"));
+  EXPECT_EQ(payload(op_survey).substr(204, 72), x63 + hex("7f000001 a0c3 0000"));
   EXPECT_EQ(payload(op_spt_survey).substr(0, 294), x63 + x31 + x31 + x31 + own + x63 + x63);
   EXPECT_EQ(outcome(request(op_get_url)), answer(0, x63));
   EXPECT_EQ(outcome(as_admin(op_get_alias)), answer(0, x63));
