@@ -342,14 +342,10 @@ TEST_F(FinderTest, OnlyWhatIsExactlyARequestIsAnswered) {
       {"bytes that are not read", with(12, "ffffffffffffffff"), true},
       {"second byte of the magic", with(0, "fdfe"), false},
       {"length 0 of 23 bytes", survey + "x", false},
-      {"length in the other byte order", with(at_length, "0001") + "x", false},
       {"length that wraps with the header", with(at_length, "eaff"), false},
       {"1024 bytes, all that fits", request(op_survey, Bytes(1002, 'x')), true},
-      {"1025 bytes", request(op_survey, Bytes(1003, 'x')), false},
       {"1025 bytes, cut to its length", request(op_survey, Bytes(1002, 'x')) + "y", true},
-      {"another's MAC, last byte", with(at_mac + 5, "cd"), false},
-      {"everybody", with(at_mac, "ffffffffffff"), true},
-      {"nearly everybody", with(at_mac, "fffffffffffe"), false}};
+      {"another's MAC, last byte", with(at_mac + 5, "cd"), false}};
   for (const auto& [name, datagram, answered] : rows) {
     DbgLevel = 0;  // no text is made then that nobody would see
     EXPECT_EQ(!exchange(datagram).empty(), answered) << name;
@@ -400,36 +396,26 @@ TEST_F(FinderTest, OnlyTheAdministratorWithHisPasswordIsServed) {
   const Bytes forged = "a\nKLOG  authority 1\n\x1b[2J\x9b\xc3\xa0 \x1f\x7e\x7f";
   const char name[] = "  username a?KLOG  authority 1??[2J?\xc3\xa0 ?~?\n";
   const char password[] = "password 'a?KLOG  authority 1??[2J?\xc3\xa0 ?~?'\n  authority 0\n";
-  const char no_base64[] = "  b64_username !\n  username \n  user index 0\n";
   const char third[] = "  user index 3\npassword 'pw'\n  authority 2\n";
   const Case rows[] = {
-      {"wrong password", nullptr, as_user(op_list, "admin", "pW"), refused},
       {"password's beginning", nullptr, as_user(op_list, "admin", "p"), refused},
       {"longer password", nullptr, as_user(op_list, "admin", "pww"), refused},
-      {"empty password", nullptr, as_user(op_list, "admin", ""), refused},
-      {"which is right", named("admin", ""), as_user(op_list, "admin", ""), op_list_answer},
-      {"or not known", unknown("cre_get_power_user_passwd"), as_user(op_list, "admin", ""), refused},
+      {"empty password that is right", named("admin", ""), as_user(op_list, "admin", ""), op_list_answer},
+      {"empty one, not known", unknown("cre_get_power_user_passwd"), as_user(op_list, "admin", ""), refused},
       {"name not known", unknown("cre_get_power_username"), as_user(op_list, "admin", ""), refused},
       {"known to getters that say nothing", silent("p"), as_user(op_list, "admin", "p"), op_list_answer},
       {"to the table's too", silent("pw"), as_user(op_user_probe, "bob", "pw"), silence},
       {"name's beginning", nullptr, as_user(op_list, "adm", "pw"), refused},
       {"longer name, other case", nullptr, as_user(op_list, "Admin1", "pw"), refused},
       {"name alone", nullptr, as_admin(op_list).replace(at_length, 2, number(64, 2)).substr(0, at_password), refused},
-      {"name that is no base64", named("", "pw"), raw("!", "cHc="), refused, {}, no_base64},
-      {"or decodes to a zero byte", named("", "pw"), raw("AAAA", "cHc="), refused},
+      {"name that decodes to a zero byte", named("", "pw"), raw("AAAA", "cHc="), refused},
       {"full fields", named(n48, p48), as_user(op_list, n48, p48), op_list_answer},
-      {"full name, other password", named(n48, "pw"), as_user(op_list, n48, "p"), refused},
-      {"a name of one letter", named("a", "pw"), as_user(op_list, "a", "pw"), op_list_answer},
       {"user", nullptr, as_user(op_list, "bob", "pw"), refused},
       {"long name, cut by the table", nullptr, as_user(op_user_probe, "guardian-of-the-", "pw"), silence, {}, third},
-      {"user, other password", nullptr, as_user(op_user_probe, "bob", "bob"), refused},
-      {"user unknown to the table", result("cre_get_user_name_by_count", 0), as_user(op_user_probe, "bob", "pw"),
-       refused},
       {"table of unknown length", result("cre_get_max_user_count", 0), as_user(op_user_probe, "bob", "pw"), refused},
       {"nobody", nullptr, as_user(op_user_probe, "eve", "pw"), refused},
       {"administrator may, in vain", nullptr, as_admin(op_user_probe), silence},
       {"no such operation", nullptr, as_admin(0x0999), silence, {}, "  Unknown opcode, skip this request\n"},
-      {"no such operation, user", nullptr, as_user(0x0999, "bob", "pw"), refused},
       // Texts of a datagram forge no line of the log and move no terminal.
       {"name of two lines", nullptr, raw("x\r\ny", ""), refused, {}, "username x??y\nFinderd_check_user() >>>\n"},
       {"forged name", nullptr, as_user(op_list, forged, ""), refused, {}, name},
@@ -601,7 +587,6 @@ TEST_F(FinderTest, Settings) {
       {"query: anything else is on", [] { fake.enabled = 7; }, request(op_get_enable), words(0, 1)},
 
       {"alias: not all of the argument", nullptr, alias(hex("79617264 00 6a756e6b")), counted, named("yard")},
-      {"after a duplicate", state(ALIAS_DUPLICATE), alias("yard"), counted, named("yard")},
       {"to none: not counted", state(ALIAS_FAILED), alias(hex("00")), words(0, 0, 1), named("")},
       {"while one is pending", state(ALIAS_REQUESTED), alias("yard"), words(1, 2, 1), {}, "is_changed 0\n"},
       {"in an unknown state", result("srv_get_skyport_alias_status", 0), alias("x"), counted, named("x"), status_error},
@@ -614,9 +599,6 @@ TEST_F(FinderTest, Settings) {
       {"failed", aliases("yard", "yard", ALIAS_FAILED), status, words(1, 1), {}, "  ret 1\n  error_number 1\n"},
       {"never set", aliases("yard", "yard", 0), status, pending},
       {"mismatch, by the store", aliases("yard", "yard", 3), status, mismatch},
-      {"after a restart", aliases("yard", "", ALIAS_REQUESTED), status, mismatch},
-      {"none, after a restart", aliases("", "", ALIAS_OK), status, done},
-      {"state not known", aliases("x", "x", ALIAS_OK, "srv_get_skyport_alias_status"), status, pending},
       {"name not known", aliases("x", "x", ALIAS_OK, "srv_get_skyport_alias_name"), status, mismatch, {}, name_error},
 
       {"empty domain", nullptr, domain(hex("00 78")), no_domain, {}, " error_number: 1\n"},
@@ -699,17 +681,13 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
       {"nothing", nullptr, nullptr, {}, 1},
       {"what is not read", nullptr, lo([](IFINFO& info) { info.reserved16 = info.reserved6[1] = 7; }), {}, 1},
       {"an address", nullptr, address("127.0.0.5"), {}, 2},
-      {"a gateway", nullptr, lo([](IFINFO& info) { info.gateway = 7; }), {}, 2},
       {"the camera's own MAC", nullptr, [] { std::strcpy(fake.interfaces[0].mac, "02:90:5e:aa:bf:cd"); }, {}, 2},
-      {"one more", nullptr, with_device, {}, 2},
       {"one less", with_device, [] { fake.metrics.pop_back(); }, {}, 2},
       {"another in its place", with_device, another_device, {}, 2},
       {"a device made anew", with_device, make_device, {}, 2},
       {"a device made of another", with_device, renamed, {}, 2},
       {"an address at last", address("0.0.0.0"), address("127.0.0.1"), none, 2, {}, false},
-      {"an address that goes", nullptr, address("0.0.0.0"), {}, 2, none, true, false},
       {"no address for long", address("0.0.0.0"), nullptr, none, 1, {}, false, false},
-      {"no list", [] { fake.metrics.clear(); }, nullptr, none, 1, {}, false, false},
       {"no present interface", index_0_of("tessel_get_present_iface"), nullptr, none, 1, {}, false, false},
       {"no active one at first", index_0_of("tessel_get_active_iface"), index_0_of(""), none, 2, {}, false},
       {"an active one that goes", nullptr, index_0_of("tessel_get_active_iface"), {}, 2, none, true, false},
