@@ -43,10 +43,6 @@ extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
   *now = {static_cast<time_t>(now_ms / 1000), static_cast<long>(now_ms % 1000 * 1'000'000)};
   return 0;
 }
-extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
-  *now = {fake.unix_time_s, fake.unix_time_us};
-  return fake_result("gettimeofday", 0);
-}
 extern "C" int setsockopt(int fd, int level, int option, const void* value, socklen_t len) noexcept {
   if (option != SO_BINDTODEVICE) std::memcpy(&options[option], value, sizeof(int));
   return option == failing ? -1 : static_cast<int>(syscall(SYS_setsockopt, fd, level, option, value, len));
@@ -389,12 +385,11 @@ TEST_F(FinderTest, OnlyTheAdministratorWithHisPasswordIsServed) {
       {"name's beginning", nullptr, as_user(op_list, "adm", "pw"), refused},
       {"longer name, other case", nullptr, as_user(op_list, "Admin1", "pw"), refused},
       {"name alone", nullptr, as_admin(op_list).replace(at_length, 2, number(64, 2)).substr(0, at_password), refused},
-      {"name that decodes to a zero byte", named("", "pw"), raw("AAAA", "cHc="), refused},
+      {"name that is no base64", named("", "pw"), raw("!", "cHc="), refused, {}, "  b64_username !\n"},
       {"full fields", named(n48, p48), as_user(op_list, n48, p48), op_list_answer},
       {"user", nullptr, as_user(op_list, "bob", "pw"), refused},
       {"long name, cut by the table", nullptr, as_user(op_user_probe, "guardian-of-the-", "pw"), silence, {}, third},
       {"table of unknown length", result("cre_get_max_user_count", 0), as_user(op_user_probe, "bob", "pw"), refused},
-      {"nobody", nullptr, as_user(op_user_probe, "eve", "pw"), refused},
       {"administrator may, in vain", nullptr, as_admin(op_user_probe), silence},
       {"no such operation", nullptr, as_admin(0x0999), silence, {}, "  Unknown opcode, skip this request\n"},
       // Texts of a datagram forge no line of the log and move no terminal.
@@ -474,8 +469,7 @@ TEST_F(FinderTest, FirstAndLastDnsServer) {
   };
   const std::tuple<const char*, const char*, std::size_t> rows[] = {
       {"", "0000000000000000", 0},
-      {"nameserver 192.0.2.1\nnameserver 192.0.2.2", "c0000201c0000202", 0},
-      {"nameserver 1.2.3.4\nnameserver 192.0.2.2\nnameserver 192.0.2.3\nnameserver 192.0.2.4\n", "01020304c0000204", 0},
+      {"nameserver 1.2.3.4\nnameserver 192.0.2.2\nnameserver 192.0.2.3\nnameserver 192.0.2.4", "01020304c0000204", 0},
       {"# dns\nsearch a.test b.test\n\tnameserver\t192.0.2.1 # x\noptions\nnameserver\n", "c000020100000000", 0},
       {"nameserver 2001:db8::1\nnameserver router\nnameserver 192.0.2.1\n", "c000020100000000", 2},
       {"Nameserver 192.0.2.1\nnameservers 192.0.2.2\n#nameserver 192.0.2.3\n", "0000000000000000", 0}};
