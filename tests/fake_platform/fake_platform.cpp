@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <sstream>
 
 FakePlatform fake;
 
@@ -18,18 +19,12 @@ namespace {
 
 std::mutex fake_mutex;  // two threads record; hooks run outside of it
 
-std::string shown(const std::string& argument) {
-  return argument;
-}
-std::string shown(long long argument) {
-  return std::to_string(argument);
-}
-
 template <typename... Args>
 int answer(const char* function, int natural, const Args&... args) {
-  std::string call = function;
-  ((call += ' ' + shown(args)), ...);
-  fake_record(std::move(call));
+  std::ostringstream call;
+  call << function;
+  ((call << ' ' << args), ...);
+  fake_record(call.str());
   return fake_result(function, natural);
 }
 

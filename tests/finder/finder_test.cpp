@@ -43,10 +43,6 @@ extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
   *now = {static_cast<time_t>(now_ms / 1000), static_cast<long>(now_ms % 1000 * 1'000'000)};
   return 0;
 }
-extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
-  *now = {fake.unix_time_s, fake.unix_time_us};
-  return fake_result("gettimeofday", 0);
-}
 extern "C" int setsockopt(int fd, int level, int option, const void* value, socklen_t len) noexcept {
   if (option != SO_BINDTODEVICE) std::memcpy(&options[option], value, sizeof(int));
   return option == failing ? -1 : static_cast<int>(syscall(SYS_setsockopt, fd, level, option, value, len));
@@ -185,7 +181,7 @@ class FinderTest : public FakeTest {
     fake.interfaces = {ACT_IF_INFO{"", "02:90:5e:aA:Bf:cc", "", "", ""}};
     fake.metrics = {{0, "lo"}};
     fake.binary_interfaces["lo"] = interface("127.0.0.1");
-    fake.http_port = 8080;
+    fake.http_port = 50080;
     fake.https = fake.dst = 1;
     fake.timezone = "\x34\x12";
     fake.alias = "porch";
@@ -278,13 +274,13 @@ TEST_F(FinderTest, EveryOperationByteForByteAndLineForLine) {
       {op_survey, "",
        text("Lumen", 64) + text("Eye", 64) + text("LC-100", 32) + text("7.8", 32) +
            hex("0200 78563412 0a0b0c0d0e0f") +              // product type 1, hardware, the interface's own MAC
-           text("Porch", 64) + hex("7f000001 901f 0000") +  // address, port 8080, zero
+           text("Porch", 64) + hex("7f000001 a0c3 0000") +  // address, port 50080, zero
            hex("ff000000 0a0102fe c0000201 c0000203 01") +  // mask, gateway, first and last DNS server, DHCP
            "20010909034640" + hex("00 00 3412 01"),         // local time, terminator, zero, timezone, dst
        "Finderd_handle_survey() >>>\n"},
       {op_spt_survey, "",
        text("Lumen", 64) + text("LC-100", 32) + text("7.8", 32) + text("3.0", 32) + own + text("Porch", 64) +
-           text("http://porch.skyport.test/", 64) + hex("7f000001 901f 01 000000"),
+           text("http://porch.skyport.test/", 64) + hex("7f000001 a0c3 01 000000"),
        "Finderd_handle_spt_survey() >>>\n"},
       {op_list, credentials, op_list_answer.substr(6), checked + "Finderd_handle_op_list() >>>\n"},
       {op_get_enable, "", hex("01") + Bytes(15, '\0'), query + "Finderd_get_lumen_device_1_2() >>>\n",
@@ -332,24 +328,17 @@ TEST_F(FinderTest, EveryOperationByteForByteAndLineForLine) {
   }
 }
 
+/// What is no request in any other way is fuzz_finder's matter, and so are what an earlier one leaves
+/// behind and how many passwords are checked.
 TEST_F(FinderTest, OnlyWhatIsExactlyARequestIsAnswered) {
   start();
-  const Bytes survey = request(op_survey);
-  const auto with = [&](std::size_t at, const char* bytes) {
-    return Bytes(survey).replace(at, hex(bytes).size(), hex(bytes));
-  };
   const std::tuple<const char*, Bytes, bool> rows[] = {
-      {"bytes that are not read", with(12, "ffffffffffffffff"), true},
-      {"second byte of the magic", with(0, "fdfe"), false},
-      {"length 0 of 23 bytes", survey + "x", false},
-      {"length in the other byte order", with(at_length, "0001") + "x", false},
-      {"length that wraps with the header", with(at_length, "eaff"), false},
+      {"nothing", "", false},
+      {"bytes that are not read", request(op_survey).replace(12, 8, Bytes(8, '\xff')), true},
+      {"everybody", request(op_survey, "", everybody), true},
+      {"length that wraps with the header", request(op_survey).replace(at_length, 2, hex("eaff")), false},
       {"1024 bytes, all that fits", request(op_survey, Bytes(1002, 'x')), true},
-      {"1025 bytes", request(op_survey, Bytes(1003, 'x')), false},
-      {"1025 bytes, cut to its length", request(op_survey, Bytes(1002, 'x')) + "y", true},
-      {"another's MAC, last byte", with(at_mac + 5, "cd"), false},
-      {"everybody", with(at_mac, "ffffffffffff"), true},
-      {"nearly everybody", with(at_mac, "fffffffffffe"), false}};
+      {"1025 bytes, cut to its length", request(op_survey, Bytes(1002, 'x')) + "y", true}};
   for (const auto& [name, datagram, answered] : rows) {
     DbgLevel = 0;  // no text is made then that nobody would see
     EXPECT_EQ(!exchange(datagram).empty(), answered) << name;
@@ -362,22 +351,6 @@ TEST_F(FinderTest, OnlyWhatIsExactlyARequestIsAnswered) {
     const Bytes credentials = as_admin(opcode).substr(at_user);
     EXPECT_EQ(!exchange(request(opcode, credentials, everybody)).empty(), opcode == 0xA1 || opcode == 0x109) << opcode;
   }
-  const Bytes whole = as_admin(op_set_alias, "yard");
-  for (std::size_t len = 0; len < whole.size(); ++len) {
-    EXPECT_EQ(outcome(whole.substr(0, len)), silence) << len;
-    EXPECT_EQ(fake_logged("Skip invalid request\n"), 1) << len;
-  }
-  // Nothing of an earlier request serves a later one: no credentials, no argument.
-  const auto after_another = [&](const Bytes& datagram) {
-    fake.alias_status = ALIAS_OK;
-    EXPECT_EQ(outcome(as_admin(op_set_alias, "\1 earlier")).substr(0, 2), hex("0000"));
-    return outcome(datagram);
-  };
-  for (const std::size_t kept : {0U, 64U, 66U}) {  // two more bytes hold the whole password
-    EXPECT_EQ(after_another(request(op_set_domain, as_admin(0).substr(at_user, kept))), refused) << kept;
-  }
-  EXPECT_EQ(after_another(as_admin(op_set_domain)), words(1, 1, 0, 30000));
-  EXPECT_EQ(after_another(as_admin(op_set_enable)), words(1, 1));
   Finderd_handle_request();  // of a datagram that select saw, and that is gone by now
   EXPECT_EQ(fake.console.back(), "recvfrom: Resource temporarily unavailable\n");
 }
@@ -400,36 +373,25 @@ TEST_F(FinderTest, OnlyTheAdministratorWithHisPasswordIsServed) {
   const Bytes forged = "a\nKLOG  authority 1\n\x1b[2J\x9b\xc3\xa0 \x1f\x7e\x7f";
   const char name[] = "  username a?KLOG  authority 1??[2J?\xc3\xa0 ?~?\n";
   const char password[] = "password 'a?KLOG  authority 1??[2J?\xc3\xa0 ?~?'\n  authority 0\n";
-  const char no_base64[] = "  b64_username !\n  username \n  user index 0\n";
   const char third[] = "  user index 3\npassword 'pw'\n  authority 2\n";
   const Case rows[] = {
-      {"wrong password", nullptr, as_user(op_list, "admin", "pW"), refused},
       {"password's beginning", nullptr, as_user(op_list, "admin", "p"), refused},
       {"longer password", nullptr, as_user(op_list, "admin", "pww"), refused},
-      {"empty password", nullptr, as_user(op_list, "admin", ""), refused},
-      {"which is right", named("admin", ""), as_user(op_list, "admin", ""), op_list_answer},
-      {"or not known", unknown("cre_get_power_user_passwd"), as_user(op_list, "admin", ""), refused},
+      {"empty password that is right", named("admin", ""), as_user(op_list, "admin", ""), op_list_answer},
+      {"empty one, not known", unknown("cre_get_power_user_passwd"), as_user(op_list, "admin", ""), refused},
       {"name not known", unknown("cre_get_power_username"), as_user(op_list, "admin", ""), refused},
       {"known to getters that say nothing", silent("p"), as_user(op_list, "admin", "p"), op_list_answer},
       {"to the table's too", silent("pw"), as_user(op_user_probe, "bob", "pw"), silence},
       {"name's beginning", nullptr, as_user(op_list, "adm", "pw"), refused},
       {"longer name, other case", nullptr, as_user(op_list, "Admin1", "pw"), refused},
       {"name alone", nullptr, as_admin(op_list).replace(at_length, 2, number(64, 2)).substr(0, at_password), refused},
-      {"name that is no base64", named("", "pw"), raw("!", "cHc="), refused, {}, no_base64},
-      {"or decodes to a zero byte", named("", "pw"), raw("AAAA", "cHc="), refused},
+      {"name that is no base64", named("", "pw"), raw("!", "cHc="), refused, {}, "  b64_username !\n"},
       {"full fields", named(n48, p48), as_user(op_list, n48, p48), op_list_answer},
-      {"full name, other password", named(n48, "pw"), as_user(op_list, n48, "p"), refused},
-      {"a name of one letter", named("a", "pw"), as_user(op_list, "a", "pw"), op_list_answer},
       {"user", nullptr, as_user(op_list, "bob", "pw"), refused},
       {"long name, cut by the table", nullptr, as_user(op_user_probe, "guardian-of-the-", "pw"), silence, {}, third},
-      {"user, other password", nullptr, as_user(op_user_probe, "bob", "bob"), refused},
-      {"user unknown to the table", result("cre_get_user_name_by_count", 0), as_user(op_user_probe, "bob", "pw"),
-       refused},
       {"table of unknown length", result("cre_get_max_user_count", 0), as_user(op_user_probe, "bob", "pw"), refused},
-      {"nobody", nullptr, as_user(op_user_probe, "eve", "pw"), refused},
       {"administrator may, in vain", nullptr, as_admin(op_user_probe), silence},
       {"no such operation", nullptr, as_admin(0x0999), silence, {}, "  Unknown opcode, skip this request\n"},
-      {"no such operation, user", nullptr, as_user(0x0999, "bob", "pw"), refused},
       // Texts of a datagram forge no line of the log and move no terminal.
       {"name of two lines", nullptr, raw("x\r\ny", ""), refused, {}, "username x??y\nFinderd_check_user() >>>\n"},
       {"forged name", nullptr, as_user(op_list, forged, ""), refused, {}, name},
@@ -448,19 +410,6 @@ TEST_F(FinderTest, WhatIsNotThereIsNotTouched) {
   FinderReply reply{};
   for (int i = 0; i < 200; ++i) put_bytes(reply, "xx", 2);
   EXPECT_EQ(reply.len, sizeof(reply.bytes));
-}
-
-TEST_F(FinderTest, PasswordsAreCheckedTwentyTimesAndThenTenTimesASecond) {
-  start();
-  const Bytes guess = as_user(op_list, "admin", "guess");
-  for (const auto& [later_ms, checks] :
-       {std::pair{0U, 20}, {99U, 0}, {1U, 1}, {1000U, 10}, {4'000'000U, 20}, {350U, 3}}) {
-    int replies = exchange(guess, later_ms).empty() ? 0 : 1;
-    for (int i = 1; i < 50; ++i) replies += exchange(guess, 0).empty() ? 0 : 1;
-    EXPECT_EQ(replies, checks) << later_ms;
-    EXPECT_EQ(exchange(as_admin(0x0999), 0), silence);
-    EXPECT_EQ(exchange(request(op_survey), 0).size(), 334U);
-  }
 }
 
 // ---- Queries ----
@@ -486,13 +435,13 @@ TEST_F(FinderTest, RepliesTakeWhatThePlatformGives) {
     EXPECT_EQ(payload(op_survey).substr(292), hex("01") + Bytes(16, '\0') + hex("341201"));
   }
 
-  fake.http_port = 0x10000 + 8080;
+  fake.http_port = 0x10000 + 50080;
   fake.brand = fake.product = fake.model = fake.oem_version = fake.camera_name = Bytes(200, 'x');
   fake.spt_version = fake.http_url = fake.last_alias = Bytes(200, 'x');
   const Bytes x63 = Bytes(63, 'x') + '\0';
   const Bytes x31 = Bytes(31, 'x') + '\0';
   EXPECT_EQ(payload(op_survey).substr(0, 192), x63 + x63 + x31 + x31);
-  EXPECT_EQ(payload(op_survey).substr(204, 72), x63 + hex("7f000001 901f 0000"));
+  EXPECT_EQ(payload(op_survey).substr(204, 72), x63 + hex("7f000001 a0c3 0000"));
   EXPECT_EQ(payload(op_spt_survey).substr(0, 294), x63 + x31 + x31 + x31 + own + x63 + x63);
   EXPECT_EQ(outcome(request(op_get_url)), answer(0, x63));
   EXPECT_EQ(outcome(as_admin(op_get_alias)), answer(0, x63));
@@ -520,8 +469,7 @@ TEST_F(FinderTest, FirstAndLastDnsServer) {
   };
   const std::tuple<const char*, const char*, std::size_t> rows[] = {
       {"", "0000000000000000", 0},
-      {"nameserver 192.0.2.1\nnameserver 192.0.2.2", "c0000201c0000202", 0},
-      {"nameserver 1.2.3.4\nnameserver 192.0.2.2\nnameserver 192.0.2.3\nnameserver 192.0.2.4\n", "01020304c0000204", 0},
+      {"nameserver 1.2.3.4\nnameserver 192.0.2.2\nnameserver 192.0.2.3\nnameserver 192.0.2.4", "01020304c0000204", 0},
       {"# dns\nsearch a.test b.test\n\tnameserver\t192.0.2.1 # x\noptions\nnameserver\n", "c000020100000000", 0},
       {"nameserver 2001:db8::1\nnameserver router\nnameserver 192.0.2.1\n", "c000020100000000", 2},
       {"Nameserver 192.0.2.1\nnameservers 192.0.2.2\n#nameserver 192.0.2.3\n", "0000000000000000", 0}};
@@ -598,10 +546,10 @@ TEST_F(FinderTest, Settings) {
        signal},
       {"not known", result("cre_get_skyport_enable_state", 0), enable("01"), done, on},
       {"neither on nor off", nullptr, enable("02"), words(1, 1), {}, "  error_number 1\n"},
+      {"no argument", nullptr, enable(""), words(1, 1)},
       {"query: anything else is on", [] { fake.enabled = 7; }, request(op_get_enable), words(0, 1)},
 
       {"alias: not all of the argument", nullptr, alias(hex("79617264 00 6a756e6b")), counted, named("yard")},
-      {"after a duplicate", state(ALIAS_DUPLICATE), alias("yard"), counted, named("yard")},
       {"to none: not counted", state(ALIAS_FAILED), alias(hex("00")), words(0, 0, 1), named("")},
       {"while one is pending", state(ALIAS_REQUESTED), alias("yard"), words(1, 2, 1), {}, "is_changed 0\n"},
       {"in an unknown state", result("srv_get_skyport_alias_status", 0), alias("x"), counted, named("x"), status_error},
@@ -614,9 +562,6 @@ TEST_F(FinderTest, Settings) {
       {"failed", aliases("yard", "yard", ALIAS_FAILED), status, words(1, 1), {}, "  ret 1\n  error_number 1\n"},
       {"never set", aliases("yard", "yard", 0), status, pending},
       {"mismatch, by the store", aliases("yard", "yard", 3), status, mismatch},
-      {"after a restart", aliases("yard", "", ALIAS_REQUESTED), status, mismatch},
-      {"none, after a restart", aliases("", "", ALIAS_OK), status, done},
-      {"state not known", aliases("x", "x", ALIAS_OK, "srv_get_skyport_alias_status"), status, pending},
       {"name not known", aliases("x", "x", ALIAS_OK, "srv_get_skyport_alias_name"), status, mismatch, {}, name_error},
 
       {"empty domain", nullptr, domain(hex("00 78")), no_domain, {}, " error_number: 1\n"},
@@ -699,17 +644,13 @@ TEST_F(FinderTest, ChangesOfTheInterfacesAreServed) {
       {"nothing", nullptr, nullptr, {}, 1},
       {"what is not read", nullptr, lo([](IFINFO& info) { info.reserved16 = info.reserved6[1] = 7; }), {}, 1},
       {"an address", nullptr, address("127.0.0.5"), {}, 2},
-      {"a gateway", nullptr, lo([](IFINFO& info) { info.gateway = 7; }), {}, 2},
       {"the camera's own MAC", nullptr, [] { std::strcpy(fake.interfaces[0].mac, "02:90:5e:aa:bf:cd"); }, {}, 2},
-      {"one more", nullptr, with_device, {}, 2},
       {"one less", with_device, [] { fake.metrics.pop_back(); }, {}, 2},
       {"another in its place", with_device, another_device, {}, 2},
       {"a device made anew", with_device, make_device, {}, 2},
       {"a device made of another", with_device, renamed, {}, 2},
       {"an address at last", address("0.0.0.0"), address("127.0.0.1"), none, 2, {}, false},
-      {"an address that goes", nullptr, address("0.0.0.0"), {}, 2, none, true, false},
       {"no address for long", address("0.0.0.0"), nullptr, none, 1, {}, false, false},
-      {"no list", [] { fake.metrics.clear(); }, nullptr, none, 1, {}, false, false},
       {"no present interface", index_0_of("tessel_get_present_iface"), nullptr, none, 1, {}, false, false},
       {"no active one at first", index_0_of("tessel_get_active_iface"), index_0_of(""), none, 2, {}, false},
       {"an active one that goes", nullptr, index_0_of("tessel_get_active_iface"), {}, 2, none, true, false},

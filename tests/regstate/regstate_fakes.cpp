@@ -47,6 +47,7 @@ void RegstateTest::begin(RegState state, const char* results) {
   now.proxy_tested = state >= LumenDevPartDone ? 1 : 0;
   now.igd = {"F", "", "", "", "", "", ""};
   if (state == NoUPnP) now.ue = {};
+  fake.http_port = 50081;
   fake.igd = {"F", "M", "U", "", "N", "D", "P"};
   fake.router_ip = now.ue.ip;
   fake.interfaces = {{"192.168.1.30", "00:11:22:0A:0B:0C", "255.255.255.0", "192.168.1.1", "eth0"}};

@@ -88,7 +88,7 @@ constexpr Step redir_known = [](World w, int) { std::strncpy(w.now.redir_ip, red
 constexpr Step redir_unknown = [](World w, int) { std::memset(w.now.redir_ip, 0, ip_len); };
 constexpr Step active = [](World w, int) { w.now.active_if = fake.interfaces.front(); };
 constexpr Step i_ip = [](World w, int) { std::strcpy(w.now.i.ip, "192.168.1.30"); };
-constexpr Step i_port = [](World w, int) { std::strcpy(w.now.i.port, "80"); };
+constexpr Step i_port = [](World w, int) { std::strcpy(w.now.i.port, "50081"); };
 /// start_over.
 constexpr Step over = [](World w, int) {
   w.last = w.now;
