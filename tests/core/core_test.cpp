@@ -78,8 +78,10 @@ TEST_F(LogFile, RotatesAtTheFirstLineAndAfterAThousand) {
       debug_log("lost\n");
       rmdir(debug_log_path);
     };
-    write_file(debug_log_old_path, "older\n");
+    std::filesystem::create_directories(std::string(debug_log_old_path) + "/x");
     lose_line();
+    std::filesystem::remove_all(debug_log_old_path);
+    write_file(debug_log_old_path, "older\n");
     write_file(debug_log_path, "before\n");
     debug_log("1\n");
     lose_line();
@@ -90,6 +92,12 @@ TEST_F(LogFile, RotatesAtTheFirstLineAndAfterAThousand) {
     debug_log("%d\n", 1001);
     EXPECT_EQ(old(), thousand);
     EXPECT_EQ(current(), "KLOG1001\n");
+    // Somebody lays a directory, which no file that stands behind it holds up.
+    for (int i = 2; i <= 1000; ++i) debug_log("%d\n", i);
+    unlink(debug_log_path);
+    mkdir(debug_log_path, 0700);
+    debug_log("once more\n");
+    EXPECT_EQ(current(), "KLOGonce more\n");
   });
 }
 
