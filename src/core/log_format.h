@@ -29,7 +29,8 @@ struct LogFormat {
     for (const char* at = format; *at != '\0'; ++at) {
       if (*at == '%' && *++at != wanted[found++]) the_text_has_other_conversions();
     }
-    if (found != 0 && found != sizeof...(Conversions)) the_text_has_other_conversions();
+    const bool none = found == 0;
+    if (!none && found != sizeof...(Conversions)) the_text_has_other_conversions();
   }
 };
 

@@ -67,10 +67,10 @@ HeapText encipher_body(char* body, LogFormat<'d'> bodylen_format) {
   pad_to_block(reinterpret_cast<unsigned char*>(body), &len);
   log_if(bodylen_format, len);
   encipher(body, len);
-  const auto bytes = static_cast<unsigned>(len);
+  const auto bytes = static_cast<std::size_t>(len);
   HeapText encoded = make_heap_text(4 * ((bytes + 2) / 3) + encoder_room);
   if (encoded == nullptr) return nullptr;
-  b64_encode(body, bytes, encoded.get());
+  b64_encode(body, static_cast<unsigned>(len), encoded.get());
   // A library without memory of its own leaves nothing: that is no body.
   return encoded.get()[0] != '\0' ? std::move(encoded) : nullptr;
 }
