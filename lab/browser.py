@@ -66,7 +66,7 @@ class Browser:
         """The value that the script returns."""
         return self._call("POST", "/execute/sync", {"script": script, "args": list(arguments)})
 
-    def until(self, script: str, within_s: float = 15):
+    def until(self, script: str, within_s: float = 5):
         """Look again until the script returns something true; returns it."""
         end = time.monotonic() + within_s
         while not (value := self.run(script)):

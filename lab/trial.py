@@ -104,7 +104,7 @@ class Trial(Stage):
         """How many the daemon has open."""
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
-    def end(self, within_s: float = 3) -> None:
+    def end(self, within_s: float = 1) -> None:
         """SIGTERM, and an end in order."""
         self.process.terminate()
         code = self.process.wait(within_s)

@@ -16,7 +16,7 @@
 
 namespace kestrel {
 
-int DbgLevel;
+int DbgLevel = 0;
 
 namespace {
 
@@ -81,7 +81,7 @@ int console_fd[] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 
 /// A reader that does not read, or a stopped terminal, costs the line and never the daemon.
 void write_console(int stream, const Line& line) {
-  pollfd ready{console_fd[stream], POLLOUT, {}};
+  pollfd ready{console_fd[stream], POLLOUT, 0};
   if (poll(&ready, 1, 0) == 1) static_cast<void>(!write(ready.fd, line.text, line.len));
 }
 

@@ -14,8 +14,8 @@ namespace kestrel {
 
 namespace {
 
-std::atomic<std::uint32_t> signals_come;
-std::uint32_t signals_seen;
+std::atomic<std::uint32_t> signals_come{0};
+std::uint32_t signals_seen = 0;
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 
 constexpr std::uint32_t always = 1;
@@ -25,7 +25,7 @@ constexpr std::uint32_t always = 1;
 void wait_while(const std::uint32_t& run, unsigned seconds) {
   const SignalsBlocked blocked;
   if (load_word(run) != 0 && signals_come.load(std::memory_order_relaxed) == signals_seen) {
-    const timespec limit{static_cast<time_t>(seconds), {}};
+    const timespec limit{static_cast<time_t>(seconds), 0};
     ppoll(nullptr, 0, &limit, &blocked.before);
   }
   signals_seen = signals_come.load(std::memory_order_relaxed);

@@ -1,5 +1,4 @@
 // A request's acceptance, authority and handler.
-#include <arpa/inet.h>
 #include <strings.h>
 #include <sys/socket.h>
 
@@ -152,8 +151,7 @@ bool authorise(const FinderRequest& request, std::uint16_t opcode) {
 void Finderd_handle_request() {
   const ssize_t len = receive();
   if (len < 0) return;
-  if (DbgLevel != 0) inet_ntop(AF_INET, &finder.peer.sin_addr, finder.peer_text, sizeof(finder.peer_text));
-  debug_log(" %s(), recv addr %s\n", "Finderd_handle_request", finder.peer_text);
+  debug_log(" %s(), recv addr %s\n", "Finderd_handle_request", peer_text().text);
   const FinderRequest request{finder.request, &finder.served.ifinfo[finder.iReportSocketIndex],
                               finder.served.present_if.mac, finder.ctx, &finder.alias};
   const std::uint16_t opcode = request_u16(request, at_opcode);

@@ -38,7 +38,6 @@ struct Finder {
   bool complete;                             // every interface has its socket
   std::uint8_t request[finder_request_len];  // zero behind the received datagram
   sockaddr_in peer;                          // where the last request came from
-  char peer_text[ip_len];                    // as the log shows it; empty while nothing is logged
   FinderInterfaces served;
   FinderAlias alias;
   std::uint64_t checks;  // until when, on the monotonic clock, the checks of passwords that were made are paid for
@@ -56,6 +55,13 @@ int get_ifinfo();
 /// Sets the sockets up anew when the interfaces are others than those that are served, or when a socket is
 /// missing. What it says is said once for each change.
 void refresh_sockets();
+
+struct PeerText {
+  char text[ip_len];
+};
+
+/// The last request's source as the log shows it; empty while nothing is logged, since that costs time.
+PeerText peer_text();
 
 /// Receives and answers one request on the socket of `iReportSocketIndex`.
 void Finderd_handle_request();

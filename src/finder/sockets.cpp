@@ -211,10 +211,16 @@ void Finderd_DST() {
   close_sockets();
 }
 
+PeerText peer_text() {
+  PeerText peer{};
+  if (DbgLevel != 0) inet_ntop(AF_INET, &finder.peer.sin_addr, peer.text, sizeof(peer.text));
+  return peer;
+}
+
 int Finderd_send(const std::uint8_t* buf, std::uint32_t len) {
   const int fd = finder.fd[finder.iReportSocketIndex];
   debug_log("%s(), sendto: socket=%d, iReportSocketIndex=%d, len=%d, send_addr=%s\n", "Finderd_send", fd,
-            finder.iReportSocketIndex, static_cast<int>(len), finder.peer_text);
+            finder.iReportSocketIndex, static_cast<int>(len), peer_text().text);
   // Whoever forges such a sender would have the camera call to everybody.
   if (is_everybody(finder.peer.sin_addr.s_addr, finder.served.ifinfo[finder.iReportSocketIndex])) return 0;
   const ssize_t sent =

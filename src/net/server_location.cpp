@@ -30,7 +30,7 @@ bool resolve(const char* host, char* ip) {
 
 int get_proxy_addr(char* ip, char* port) {
   char host[name_len] = "";
-  int number{};
+  int number = 0;
   net_get_proxy_addr_port(host, &number);
   terminate(host);
   if (std::strlen(host) < min_proxy_name || number < 1) return 0;

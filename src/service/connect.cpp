@@ -28,7 +28,7 @@ bool await_connection(int sock, int timeout_s) {
   fd_set excepts = reads;
   timeval limit{timeout_s, 0};
   const int ready = select(sock + 1, &reads, &writes, &excepts, timeout_s != 0 ? &limit : nullptr);
-  int pending{};
+  int pending = 0;
   socklen_t len = sizeof(pending);
   if (ready == 0) {
     errno = ETIMEDOUT;

@@ -101,7 +101,7 @@ int end_overdue() {
 
 void* watch(void* /*unused*/) {
   for (;;) {
-    pollfd woken{wake_fd, POLLIN, {}};
+    pollfd woken{wake_fd, POLLIN, 0};
     // A deadline that is set from here on is either seen, or its owner finds no look announced, and wakes.
     next_look = 0;
     const int ms = end_overdue();

@@ -20,11 +20,10 @@ constexpr int mapping_attempts = 2;
 
 /// Obtains a mapping to `internal_port`. `external_port` is the record's `ue.port` text (port_len
 /// bytes): read for the first candidate, and written with the port that was obtained. The candidates are
-/// 80, 443, 8081, 8082, ... 65535, 0, 80. `reload` is the
-/// reload flag, which a signal handler may set meanwhile. At most 50 candidates are tried, each for at
-/// most two queries, two deletes and two adds. Returns upf_mapped, upf_failed or upf_stopped; a
-/// mapping of another device is never touched. An exit request ends the search and every repetition of this
-/// room's functions; a call under way is let finish. Main thread only, like all of this room.
+/// 80, 443, 8081, 8082, ... 65535, 0, 80; at most 50 are tried, each for at most two queries, two deletes and
+/// two adds. `reload` is the reload flag, which a signal handler may set meanwhile. Returns upf_mapped, upf_failed or
+/// upf_stopped; a mapping of another device is never touched. An exit request ends the search and every repetition of
+/// this room's functions; a call under way is let finish. Main thread only, like all of this room.
 [[nodiscard]] int UPF(const char* uid, std::uint16_t internal_port, char* external_port, const std::uint32_t* reload);
 
 /// Looks a mapping up, again after a time-out. Texts of 64 bytes each, terminated. Returns the library's result

@@ -109,7 +109,7 @@ class Tries(Home):
         self.service.freeze() if silent == "service" else setattr(self.router.scripted, "silent", True)
         time.sleep(random.uniform(0, 0.5))
         try:
-            self.end(1.5 if silent == "service" else 3.5)  # 1 s on a busy machine; of the 16 s for two calls a quarter
+            self.end(1 if silent == "service" else 2.2)  # 8 s of its clock for the router
         finally:
             self.service.thaw()
             self.router.scripted.silent = False

@@ -48,7 +48,7 @@ class Bench(Stage):
         page.open(PAGE)
         page.until(words("No camera has asked yet"))
         self.camera.start()
-        page.until(words("reachable: mapped port"))
+        page.until(words("reachable: mapped port"), 15)
         page.run("document.querySelector('#camera-list .row').click()")
         page.until("return document.querySelectorAll('#walk .walk').length === 1 && document.querySelectorAll('#walk .reached').length > 0")
         assert cam.MODEL in page.run(TEXT) and "80" in page.run("return document.getElementById('facts').innerText"), "facts"
@@ -61,7 +61,7 @@ class Bench(Stage):
         page.press(*"503", ENTER)
         page.until("return document.getElementById('active').innerText.includes('/daip.html:status=503')")
         self.camera.signal(signal.SIGUSR1)
-        page.until("return [...document.querySelectorAll('#exchange-list li')].some(one => one.textContent.includes('refused 503') && one.textContent.includes('fault'))")
+        page.until("return [...document.querySelectorAll('#exchange-list li')].some(one => one.textContent.includes('refused 503') && one.textContent.includes('fault'))", 15)
         assert "/daip.html:status=503" in self.service._get("/faults"), "the fault is the service's"
         assert page.run("scrollTo(0, 9999); return document.elementFromPoint(60, 20).closest('header')?.innerText.includes('status=503') && scrollY > 0"), "faults stay in sight"
         page.run("scrollTo(0, 0)")
